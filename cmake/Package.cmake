@@ -1,0 +1,27 @@
+# Installation: library, headers, CMake package, pkg-config file.
+include(CMakePackageConfigHelpers)
+
+set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/motor_driver)
+
+install(TARGETS motor_driver EXPORT motor_driver
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  FILE_SET HEADERS DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/motor_driver)
+install(EXPORT motor_driver NAMESPACE motor_driver:: DESTINATION ${package_dir}
+  FILE motor_driver-targets.cmake)
+
+# No dependency is looked for: everything else is linked privately into the shared library.
+configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/motor_driver-config.cmake.in
+  ${PROJECT_BINARY_DIR}/motor_driver-config.cmake INSTALL_DESTINATION ${package_dir})
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/motor_driver-config-version.cmake
+  COMPATIBILITY SameMinorVersion)
+install(FILES
+  ${PROJECT_BINARY_DIR}/motor_driver-config.cmake
+  ${PROJECT_BINARY_DIR}/motor_driver-config-version.cmake
+  DESTINATION ${package_dir})
+
+# Relative to the file itself, so that a prefix may be moved or staged.
+file(RELATIVE_PATH pc_prefix /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
+string(REGEX REPLACE "/$" "" pc_prefix "${pc_prefix}")
+configure_file(${CMAKE_CURRENT_LIST_DIR}/motor_driver.pc.in ${PROJECT_BINARY_DIR}/motor_driver.pc
+  @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/motor_driver.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

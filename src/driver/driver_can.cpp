@@ -1,0 +1,422 @@
+#include "driver_can.h"
+
+#include <linux/can.h>
+#include <linux/can/raw.h>
+#include <net/if.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <stdexcept>
+#include <utility>
+
+#include "log/logger.h"
+
+namespace {
+
+// Values of GetCanError().
+constexpr std::uint32_t kNoError = 0;
+constexpr std::uint32_t kSocketNotCreated = 1;
+constexpr std::uint32_t kNotBound = 2;
+constexpr std::uint32_t kReadFailed = 3;
+constexpr std::uint32_t kIncompleteFrame = 4;
+constexpr std::uint32_t kWritingDisabled = 5;
+
+constexpr std::uint32_t kToleratedWriteErrors = 9;
+constexpr auto kPauseAfterFailedRead = std::chrono::milliseconds(10);
+
+// A reader on a busy bus ends with the next frame; on a silent one nothing but cancellation ends
+// its read, since closing a raw CAN socket does not wake it and shutdown() is not supported.
+constexpr auto kReaderGrace = std::chrono::milliseconds(20);
+constexpr auto kReaderPoll = std::chrono::milliseconds(1);
+
+// Bounds how long a writer can hold the socket mutex, and so how long a stop can wait for it, on a
+// bus that takes no frame. Far longer than one frame lasts on any usual bit rate.
+constexpr timeval kSendTimeout = {0, 20'000};
+
+constexpr can_filter kAcceptAll = {0, 0};
+
+static_assert(sizeof(can_frame) == 16, "frames are read and written whole, 16 bytes");
+
+[[noreturn]] void Die(const char* what) {
+  std::fprintf(stderr, "%s\n", what);
+  std::abort();
+}
+
+// Threads inherit the mask of their creator: while this lives, only the faults a thread causes
+// itself stay deliverable, so that a host's handlers run on the host's threads alone.
+class AllSignalsBlocked {
+ public:
+  AllSignalsBlocked() {
+    sigset_t blocked;
+    sigfillset(&blocked);
+    for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS, SIGABRT}) {
+      sigdelset(&blocked, fault);
+    }
+    pthread_sigmask(SIG_SETMASK, &blocked, &previous_);
+  }
+  ~AllSignalsBlocked() { pthread_sigmask(SIG_SETMASK, &previous_, nullptr); }
+  AllSignalsBlocked(const AllSignalsBlocked&) = delete;
+  AllSignalsBlocked& operator=(const AllSignalsBlocked&) = delete;
+
+ private:
+  sigset_t previous_;
+};
+
+// The thread may be cancelled inside this one read and nowhere else: it holds no lock and owns
+// nothing there.
+ssize_t CancellableRead(int socket, can_frame& frame) {
+  int previous = 0;
+  pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &previous);
+  const ssize_t bytes = ::read(socket, &frame, sizeof(frame));
+  pthread_setcancelstate(previous, nullptr);
+  return bytes;
+}
+
+}  // namespace
+
+DriverCan::DriverCan(const char* device) {
+  const char* name = device != nullptr ? device : "";
+  const std::size_t length = std::strlen(name);
+  if (length >= sizeof(device_name_)) {
+    Die("CAN device name is too long for this library: at most 31 characters");
+  }
+  std::memcpy(device_name_, name, length);
+
+  CORVEL_LOG_INFO("device is {}", device_name_);
+  if (!InitCanSocket()) {
+    CORVEL_LOG_ERROR("Failed to initialize CAN socket in constructor");
+    return;
+  }
+  if (running_) {
+    try {
+      StartReceiveThread();
+    } catch (...) {
+      ::close(socket_);  // the destructor of an object whose constructor throws never runs
+      throw;
+    }
+  }
+}
+
+DriverCan::~DriverCan() {
+  StopReading();
+  CORVEL_LOG_INFO("DriverCan destroyed successfully");
+}
+
+bool DriverCan::InitCanSocket() {
+  CORVEL_LOG_INFO("Initializing CAN socket for device: {}", device_name_);
+  const int new_socket = ::socket(PF_CAN, SOCK_RAW | SOCK_CLOEXEC, CAN_RAW);
+  if (new_socket < 0) {
+    std::perror("socket can create error!\n");
+    can_error_ = kSocketNotCreated;
+    CORVEL_LOG_ERROR("Failed to create CAN socket for device: {}", device_name_);
+    return false;
+  }
+
+  ifreq request = {};
+  const std::size_t length = std::strlen(device_name_);
+  if (length >= sizeof(request.ifr_name)) {
+    Die("CAN device name is too long for a network interface: at most 15 characters");
+  }
+  std::memcpy(request.ifr_name, device_name_, length);
+  if (::ioctl(new_socket, SIOCGIFINDEX, &request) < 0) {
+    const int error = errno;
+    CORVEL_LOG_ERROR("get can interface index failed, errno: {}", error);
+    ::close(new_socket);
+    can_error_ = kNotBound;
+    return false;
+  }
+
+  const int off = 0;
+  ::setsockopt(new_socket, SOL_CAN_RAW, CAN_RAW_LOOPBACK, &off, sizeof(off));
+  ::setsockopt(new_socket, SOL_CAN_RAW, CAN_RAW_RECV_OWN_MSGS, &off, sizeof(off));
+  ::setsockopt(new_socket, SOL_SOCKET, SO_SNDTIMEO, &kSendTimeout, sizeof(kSendTimeout));
+
+  sockaddr_can address = {};
+  address.can_family = AF_CAN;
+  address.can_ifindex = request.ifr_ifindex;
+  if (::bind(new_socket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) < 0) {
+    CORVEL_LOG_ERROR("bind can device error!");
+    ::close(new_socket);
+    can_error_ = kNotBound;
+    return false;
+  }
+
+  const std::lock_guard<std::mutex> lock(socket_mutex_);
+  const int old_socket = socket_.exchange(new_socket);
+  if (old_socket >= 0) {
+    ::close(old_socket);
+  }
+  return true;
+}
+
+bool DriverCan::CanWrite(unsigned int can_id, const unsigned char* data, unsigned char len) {
+  if (can_error_ == kWritingDisabled) {
+    return false;
+  }
+  can_frame frame = {};
+  if (len > sizeof(frame.data)) {
+    Die("CAN write length is above 8 bytes");
+  }
+  frame.can_id = can_id;
+  frame.can_dlc = len;
+  std::copy_n(data, len, frame.data);
+
+  const std::lock_guard<std::mutex> lock(socket_mutex_);
+  // Writers that queue up behind one another on a full send buffer must not keep a stop waiting for
+  // all of them: they are treated as if they had come after it.
+  if (socket_ < 0 || closing_) {
+    CORVEL_LOG_ERROR("write error, CAN socket is not initialized");
+    can_error_ = kWritingDisabled;
+    return false;
+  }
+  const ssize_t bytes = ::write(socket_, &frame, sizeof(frame));
+  if (bytes == sizeof(frame)) {
+    write_error_count_ = 0;
+    return true;
+  }
+  const int error = errno;
+  CORVEL_LOG_ERROR("write error, nbytes = {}, sys errno: {}", bytes, error);
+  const std::uint32_t failures = ++write_error_count_;
+  if (failures > kToleratedWriteErrors) {
+    CORVEL_LOG_ERROR("CAN write error count reached {} consecutive failures, marking as error",
+                     failures);
+    can_error_ = kWritingDisabled;
+  }
+  return false;
+}
+
+bool DriverCan::CanRead(unsigned int* can_id, unsigned char* data, unsigned char* len) {
+  can_frame frame = {};
+  const ssize_t bytes = CancellableRead(socket_, frame);
+  if (bytes == sizeof(frame)) {
+    *can_id = frame.can_id;
+    *len = frame.can_dlc;
+    std::copy_n(frame.data, frame.can_dlc, data);
+    return true;
+  }
+  if (bytes < 0) {
+    const int error = errno;
+    if (!running_ || error == EBADF) {
+      return false;
+    }
+    CORVEL_LOG_ERROR("can raw socket read failed, errno: {}", error);
+    can_error_ = kReadFailed;
+    return false;
+  }
+  CORVEL_LOG_ERROR("read: incomplete CAN frame, bytes read: {}", bytes);
+  can_error_ = kIncompleteFrame;
+  return false;
+}
+
+void DriverCan::CanFiltersConfig(const void* filters, int len) {
+  if (len < 0) {
+    throw std::length_error("cannot create std::vector larger than max_size()");
+  }
+  {
+    const auto* records = static_cast<const unsigned char*>(filters);
+    const std::size_t count = static_cast<std::size_t>(len) / sizeof(FilterRule);
+    const std::lock_guard<std::mutex> lock(filter_mutex_);
+    filters_.resize(count);
+    std::copy_n(records, count * sizeof(FilterRule),
+                reinterpret_cast<unsigned char*>(filters_.data()));
+  }
+  const std::lock_guard<std::mutex> lock(socket_mutex_);
+  if (socket_ >= 0) {
+    // The caller's length goes to the kernel as it is, a broken one too: deliberate, the kernel
+    // then keeps the filters it has.
+    ::setsockopt(socket_, SOL_CAN_RAW, CAN_RAW_FILTER, filters, static_cast<socklen_t>(len));
+  }
+}
+
+void DriverCan::ClearCanFilterRules() { CanFiltersConfig(&kAcceptAll, sizeof(kAcceptAll)); }
+
+bool DriverCan::ApplyCurrentFilters() {
+  static_assert(sizeof(FilterRule) == sizeof(can_filter), "handed to the kernel as they are");
+  std::vector<FilterRule> rules;
+  {
+    const std::lock_guard<std::mutex> lock(filter_mutex_);
+    rules = filters_;
+  }
+  if (rules.empty()) {
+    // Deliberate: an emptied list closed the old socket's ears, but a new socket hears everything.
+    return true;
+  }
+  const std::lock_guard<std::mutex> lock(socket_mutex_);
+  if (socket_ < 0) {
+    return false;
+  }
+  const auto size = static_cast<socklen_t>(rules.size() * sizeof(FilterRule));
+  if (::setsockopt(socket_, SOL_CAN_RAW, CAN_RAW_FILTER, rules.data(), size) < 0) {
+    const int error = errno;
+    CORVEL_LOG_ERROR("restore CAN filters failed, errno: {}", error);
+    return false;
+  }
+  return true;
+}
+
+std::uint32_t DriverCan::GetCanError() const { return can_error_; }
+
+std::uint32_t DriverCan::GetWriteErrorCount() const { return write_error_count_; }
+
+void DriverCan::Callback(void* arg) {
+  pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+  auto& self = *static_cast<DriverCan*>(arg);
+  // Runs on cancellation too, which unwinds the stack like an exception.
+  const struct EndMark {
+    std::atomic<bool>& ended;
+    ~EndMark() { ended = true; }
+  } end_mark{self.reader_ended_};
+
+  while (self.running_) {
+    CanFrame frame = {};
+    if (!self.CanRead(&frame.can_id, frame.data, &frame.len)) {
+      std::this_thread::sleep_for(kPauseAfterFailedRead);
+      continue;
+    }
+    if (!self.running_) {
+      return;
+    }
+    std::function<bool(const CanFrame&)> handler;
+    {
+      const std::lock_guard<std::mutex> lock(self.handler_mutex_);
+      handler = self.frame_handler_;
+    }
+    if (handler && handler(frame)) {
+      continue;
+    }
+    const std::lock_guard<std::mutex> lock(self.queue_mutex_);
+    self.read_queue_.Push(frame);
+  }
+}
+
+void DriverCan::SetFrameHandler(std::function<bool(const CanFrame&)> handler) {
+  const std::lock_guard<std::mutex> lock(handler_mutex_);
+  frame_handler_ = std::move(handler);
+}
+
+bool DriverCan::GetCanFrame(CanFrame& frame) {
+  const std::lock_guard<std::mutex> lock(queue_mutex_);
+  return read_queue_.Pop(frame);
+}
+
+bool DriverCan::GetCanFrame(unsigned int* can_id, unsigned char* data, unsigned char* len) {
+  CanFrame frame = {};
+  const bool taken = GetCanFrame(frame);
+  *can_id = frame.can_id;
+  std::copy_n(frame.data, frame.len, data);
+  *len = frame.len;
+  return taken;
+}
+
+std::uint32_t DriverCan::GetReadQueueSize() {
+  const std::lock_guard<std::mutex> lock(queue_mutex_);
+  return static_cast<std::uint32_t>(read_queue_.size());
+}
+
+bool DriverCan::DropOneCanFrame() {
+  CanFrame dropped = {};
+  return GetCanFrame(dropped);
+}
+
+void DriverCan::ClearReadQueue() {
+  FrameQueue dropped;  // declared before the lock, so freed after its release
+  const std::lock_guard<std::mutex> lock(queue_mutex_);
+  read_queue_.Drop(dropped);
+}
+
+void DriverCan::StopReading() {
+  running_ = false;
+  closing_ = true;
+  std::thread reader;
+  {
+    const std::lock_guard<std::mutex> lock(socket_mutex_);
+    closing_ = false;
+    const int old_socket = socket_.exchange(-1);
+    if (old_socket >= 0) {
+      ::close(old_socket);
+    }
+    reader.swap(receive_thread_);
+  }
+  if (!reader.joinable()) {
+    return;
+  }
+  for (auto waited = kReaderPoll; !reader_ended_ && waited < kReaderGrace; waited += kReaderPoll) {
+    std::this_thread::sleep_for(kReaderPoll);
+  }
+  if (!reader_ended_) {
+    pthread_cancel(reader.native_handle());
+  }
+  reader.join();
+}
+
+bool DriverCan::CanRecover() {
+  const std::lock_guard<std::mutex> lock(recovery_mutex_);
+  CORVEL_LOG_INFO("Starting CAN recovery...");
+  StopReading();
+  ClearReadQueue();
+  can_error_ = kNoError;
+  write_error_count_ = 0;
+  if (!InitCanSocket()) {
+    CORVEL_LOG_ERROR("Failed to initialize CAN socket during recovery");
+    return false;
+  }
+  if (!ApplyCurrentFilters()) {
+    CORVEL_LOG_ERROR("Failed to restore CAN filters during recovery");
+    can_error_ = kNotBound;
+    return false;
+  }
+  running_ = true;
+  StartReceiveThread();
+  CORVEL_LOG_INFO("CAN recovery completed successfully");
+  return true;
+}
+
+void DriverCan::StartReceiveThread() {
+  const AllSignalsBlocked inherited_by_the_thread;
+  const std::lock_guard<std::mutex> lock(socket_mutex_);
+  reader_ended_ = false;
+  receive_thread_ = std::thread(&DriverCan::Callback, this);
+}
+
+void DriverCan::FrameQueue::Push(const CanFrame& frame) {
+  const std::size_t end = first_ + count_;
+  if (end == blocks_.size() * kBlock) {
+    blocks_.emplace_back();
+  }
+  blocks_.back()[end % kBlock] = frame;
+  ++count_;
+}
+
+bool DriverCan::FrameQueue::Pop(CanFrame& frame) {
+  if (count_ == 0) {
+    return false;
+  }
+  frame = blocks_.front()[first_];
+  --count_;
+  ++first_;
+  if (count_ == 0) {
+    first_ = 0;
+  } else if (first_ == kBlock) {
+    blocks_.pop_front();
+    first_ = 0;
+  }
+  return true;
+}
+
+void DriverCan::FrameQueue::Drop(FrameQueue& freed) {
+  if (blocks_.size() > 1) {
+    blocks_.swap(freed.blocks_);
+  }
+  first_ = 0;
+  count_ = 0;
+}
