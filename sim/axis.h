@@ -1,0 +1,62 @@
+#pragma once
+
+#include <cstdint>
+
+#include "sim/drive_state.h"
+#include "sim/motor.h"
+
+namespace sim {
+
+/// What differs from make to make in one axis.
+struct AxisTraits {
+  std::int32_t counts_per_revolution;
+  // One unit of the target velocity is numerator / denominator rpm.
+  std::int64_t rpm_numerator;
+  std::int64_t rpm_denominator;
+  std::int8_t velocity_mode;  // the mode of operation in which the target velocity counts
+  std::uint32_t quick_ramp_rpm_per_s;
+  std::int32_t max_rpm;
+};
+
+/// One motor with its CiA 402 objects.
+class Axis {
+ public:
+  Axis(const AxisTraits& traits, std::int32_t start_position);
+
+  void Reset();
+  void Step();
+
+  void SetControlword(std::uint16_t controlword);
+  void SetMode(std::int8_t mode) { mode_ = mode; }
+  void SetTargetVelocity(std::int32_t units) { target_velocity_ = units; }
+  /// 0 stands for the make's quick ramp.
+  void SetAcceleration(std::uint32_t rpm_per_s) { acceleration_ = rpm_per_s; }
+  void SetDeceleration(std::uint32_t rpm_per_s) { deceleration_ = rpm_per_s; }
+  /// Enters the fault state by way of stopping the motor. A code of 0 keeps the one there is.
+  void Trip(std::uint16_t error_code);
+
+  std::uint16_t Statusword() const { return state_.Statusword(); }
+  bool InFault() const { return state_.InFault(); }
+  std::uint16_t error_code() const { return error_code_; }
+  std::int8_t mode() const { return mode_; }
+  std::int32_t Position() const { return motor_.position(); }
+  std::int32_t VelocityUnits() const;
+  double SpeedRpm() const { return static_cast<double>(motor_.speed_urpm()) / 1e6; }
+
+ private:
+  void SettleAtRest();
+  std::int64_t TargetSpeed() const;
+  std::uint32_t Ramp(std::int64_t target_urpm) const;
+
+  AxisTraits traits_;
+  std::int32_t start_position_;
+  DriveState state_;
+  Motor motor_;
+  std::int8_t mode_ = 0;
+  std::int32_t target_velocity_ = 0;
+  std::uint32_t acceleration_ = 0;
+  std::uint32_t deceleration_ = 0;
+  std::uint16_t error_code_ = 0;
+};
+
+}  // namespace sim

@@ -1,0 +1,87 @@
+#include "sim/drive_state.h"
+
+namespace sim {
+namespace {
+
+constexpr unsigned kFaultReset = 0x80;
+
+// The commands of the controlword. They hold only while the fault reset bit is 0.
+bool IsShutdown(unsigned word) { return (word & 0x87U) == 0x06; }
+bool IsSwitchOn(unsigned word) { return (word & 0x8FU) == 0x07; }
+bool IsEnableOperation(unsigned word) { return (word & 0x8FU) == 0x0F; }
+bool IsDisableVoltage(unsigned word) { return (word & 0x82U) == 0x00; }
+bool IsQuickStop(unsigned word) { return (word & 0x86U) == 0x02; }
+
+}  // namespace
+
+std::uint16_t DriveState::Statusword() const {
+  switch (state_) {
+    case State::kSwitchOnDisabled:
+      return 0x50;
+    case State::kReadyToSwitchOn:
+      return 0x31;
+    case State::kSwitchedOn:
+      return 0x33;
+    case State::kOperationEnabled:
+      return 0x37;
+    case State::kQuickStopActive:
+      return 0x17;
+    case State::kFaultReactionActive:
+      return 0x1F;
+    case State::kFault:
+      break;
+  }
+  return 0x18;
+}
+
+void DriveState::Control(std::uint16_t controlword) {
+  const bool fault_reset = (controlword & kFaultReset) != 0 && (controlword_ & kFaultReset) == 0;
+  controlword_ = controlword;
+
+  switch (state_) {
+    case State::kSwitchOnDisabled:
+      if (IsShutdown(controlword)) state_ = State::kReadyToSwitchOn;
+      break;
+    case State::kReadyToSwitchOn:
+      if (IsSwitchOn(controlword)) state_ = State::kSwitchedOn;
+      // The shortcut that CiA 402 allows: switched on is passed without a command of its own.
+      if (IsEnableOperation(controlword)) state_ = State::kOperationEnabled;
+      if (IsDisableVoltage(controlword) || IsQuickStop(controlword)) {
+        state_ = State::kSwitchOnDisabled;
+      }
+      break;
+    case State::kSwitchedOn:
+      if (IsEnableOperation(controlword)) state_ = State::kOperationEnabled;
+      if (IsShutdown(controlword)) state_ = State::kReadyToSwitchOn;
+      if (IsDisableVoltage(controlword) || IsQuickStop(controlword)) {
+        state_ = State::kSwitchOnDisabled;
+      }
+      break;
+    case State::kOperationEnabled:
+      if (IsSwitchOn(controlword)) state_ = State::kSwitchedOn;
+      if (IsShutdown(controlword)) state_ = State::kReadyToSwitchOn;
+      if (IsDisableVoltage(controlword)) state_ = State::kSwitchOnDisabled;
+      if (IsQuickStop(controlword)) state_ = State::kQuickStopActive;
+      break;
+    case State::kQuickStopActive:
+      if (IsEnableOperation(controlword)) state_ = State::kOperationEnabled;
+      if (IsDisableVoltage(controlword)) state_ = State::kSwitchOnDisabled;
+      break;
+    case State::kFaultReactionActive:
+      break;
+    case State::kFault:
+      if (fault_reset) state_ = State::kSwitchOnDisabled;
+      break;
+  }
+}
+
+void DriveState::Fault() {
+  if (state_ != State::kFault) state_ = State::kFaultReactionActive;
+}
+
+void DriveState::Stopped() {
+  if (state_ == State::kQuickStopActive) state_ = State::kSwitchOnDisabled;
+  if (state_ == State::kFaultReactionActive) state_ = State::kFault;
+}
+
+}  // namespace sim

@@ -1,0 +1,107 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <vector>
+
+#include "sim/axis.h"
+#include "sim/faults.h"
+#include "sim/frame.h"
+#include "sim/make.h"
+#include "sim/nmt.h"
+#include "sim/object_dictionary.h"
+#include "sim/pdo_engine.h"
+
+namespace sim {
+
+/// Frames that were meant for a node, by kind. A broadcast NMT command counts.
+struct ReceivedFrames {
+  std::size_t nmt = 0;
+  std::size_t sync = 0;
+  std::size_t sdo = 0;
+  std::size_t pdo = 0;
+};
+
+/// A CANopen node that is a drive. Knows no socket and no clock: frames are handed in and out, and
+/// time passes by calls of Step. Not thread-safe.
+class Node {
+ public:
+  static constexpr std::size_t kMaxAxes = 4;
+
+  struct Options {
+    std::uint8_t node_id = 1;
+    std::uint16_t heartbeat_ms = 0;  // value of 0x1017 at power-on
+    std::array<std::int32_t, kMaxAxes> start_positions{};
+  };
+
+  /// Throws std::invalid_argument when the node-ID is not in 1 to 127. The node is switched off.
+  Node(const Make& make, const Options& options, FrameSink send);
+  Node(const Node&) = delete;
+  Node& operator=(const Node&) = delete;
+
+  /// Boots up: everything has its power-on value, the boot-up message is sent. No effect when on.
+  void PowerOn();
+  /// Falls silent and deaf; the motors stand still at once.
+  void PowerCut();
+
+  void Receive(const Frame& frame);
+  /// kStep of simulated time passes.
+  void Step();
+  Time now() const { return now_; }
+  /// The earliest time at which Step may have something to send; Time::max() when nothing is
+  /// planned.
+  Time NextEvent() const;
+
+  void Inject(const Fault& fault);
+  void ClearFaults();
+  /// Trips the drive until a fault reset. The code shows in the given axis (counted from 1); all
+  /// axes stop, because a vehicle that goes on with one wheel turns on the spot.
+  void LatchError(std::uint16_t error_code, std::size_t axis = 1);
+
+  NmtState nmt_state() const { return nmt_state_; }
+  const ReceivedFrames& received() const { return received_; }
+  /// Counted from 1, as sub-indices are. Throws std::out_of_range.
+  const Axis& axis(std::size_t number) const { return axes_.at(number - 1); }
+  ObjectDictionary& dictionary() { return dictionary_; }
+
+ private:
+  struct Timed {
+    Time at;
+    Frame frame;
+  };
+  struct TimedFault {
+    Time at;
+    Fault fault;
+  };
+
+  void AddCommonObjects(const Make& make);
+  void ReceiveNmt(const Frame& frame);
+  void ReceiveSdo(const Frame& frame);
+  void SendSdoReply(const SdoBytes& bytes);
+  void ResetApplication();
+  void ResetCommunication();
+  void Strike(const Fault& fault);
+  bool InFault() const;
+  std::uint16_t ErrorCode() const;
+  void SendEmergency(std::uint16_t error_code);
+  void ReportFaultChange();
+
+  Options options_;
+  FrameSink send_;
+  Time now_{0};
+  NmtState nmt_state_ = NmtState::kPowerOff;
+  std::vector<Axis> axes_;
+  ObjectDictionary dictionary_;
+  PdoEngine pdos_;
+  HeartbeatProducer heartbeat_;
+  bool heartbeat_lost_ = false;
+  bool fault_reported_ = false;
+  SdoFaults sdo_faults_;
+  std::vector<TimedFault> timed_faults_;
+  std::deque<Timed> late_replies_;
+  ReceivedFrames received_;
+};
+
+}  // namespace sim

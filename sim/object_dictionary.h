@@ -1,0 +1,120 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <limits>
+#include <map>
+#include <utility>
+
+namespace sim {
+
+/// SDO abort codes of CiA 301.
+enum class AbortCode : std::uint32_t {
+  kNone = 0,
+  kUnknownCommand = 0x05040001,
+  kUnsupportedAccess = 0x06010000,
+  kWriteOnly = 0x06010001,
+  kReadOnly = 0x06010002,
+  kNoObject = 0x06020000,
+  kCannotBeMapped = 0x06040041,
+  kPdoLengthExceeded = 0x06040042,
+  kLengthTooHigh = 0x06070012,
+  kLengthTooLow = 0x06070013,
+  kNoSubIndex = 0x06090011,
+  kInvalidValue = 0x06090030,
+  kValueTooHigh = 0x06090031,
+  kValueTooLow = 0x06090032,
+  kGeneral = 0x08000000,
+  kDeviceState = 0x08000022,
+};
+
+enum class Access { kReadOnly, kWriteOnly, kReadWrite, kConst };
+
+/// One entry: at most four bytes, as everything that an expedited transfer can carry.
+class Object {
+ public:
+  using WriteHook = std::function<AbortCode(std::uint32_t)>;
+  using ReadHook = std::function<std::uint32_t()>;
+
+  Object(unsigned size, Access access, std::uint32_t initial)
+      : size_(size), access_(access), initial_(initial), value_(initial) {}
+
+  /// Values outside are refused. Unsigned; an object with signed limits uses OnWrite.
+  Object& Range(std::uint32_t min, std::uint32_t max) {
+    min_ = min;
+    max_ = max;
+    return *this;
+  }
+  Object& Mappable() {
+    mappable_ = true;
+    return *this;
+  }
+  /// Called before the value is stored; anything but kNone refuses it.
+  Object& OnWrite(WriteHook hook) {
+    on_write_ = std::move(hook);
+    return *this;
+  }
+  /// The value is made by the hook at every read instead of being stored.
+  Object& OnRead(ReadHook hook) {
+    on_read_ = std::move(hook);
+    return *this;
+  }
+
+  unsigned size() const { return size_; }
+  bool mappable() const { return mappable_; }
+  bool readable() const { return access_ != Access::kWriteOnly; }
+  bool writable() const { return access_ == Access::kReadWrite || access_ == Access::kWriteOnly; }
+
+  std::uint32_t Read() const;
+  AbortCode Write(std::uint32_t value);
+  void Reset() { value_ = initial_; }
+
+ private:
+  unsigned size_;
+  Access access_;
+  std::uint32_t initial_;
+  std::uint32_t value_;
+  std::uint32_t min_ = 0;
+  std::uint32_t max_ = std::numeric_limits<std::uint32_t>::max();
+  bool mappable_ = false;
+  WriteHook on_write_;
+  ReadHook on_read_;
+};
+
+/// Object dictionary of CiA 301: entries by index and sub-index, with the checks that a server
+/// makes.
+class ObjectDictionary {
+ public:
+  struct Found {
+    AbortCode error;  // kNoObject or kNoSubIndex when object is null
+    Object* object;
+  };
+  struct Uploaded {
+    AbortCode error;
+    unsigned size;
+    std::uint32_t value;
+  };
+
+  /// Throws std::logic_error when the entry exists: a make must not silently replace another's.
+  Object& Add(std::uint16_t index, std::uint8_t sub, unsigned size, Access access,
+              std::uint32_t initial = 0);
+
+  Found Find(std::uint16_t index, std::uint8_t sub);
+
+  /// What an SDO client may do. A download of size 0 did not indicate its size and takes the
+  /// object's.
+  Uploaded Upload(std::uint16_t index, std::uint8_t sub);
+  AbortCode Download(std::uint16_t index, std::uint8_t sub, unsigned size, std::uint32_t value);
+
+  /// What the device itself may do: no access or size check. Throw std::out_of_range when absent.
+  std::uint32_t Get(std::uint16_t index, std::uint8_t sub) const;
+  AbortCode Set(std::uint16_t index, std::uint8_t sub, std::uint32_t value);
+
+  /// Power-on values again for the objects of these indices; no hook is called.
+  void Reset(std::uint16_t first_index, std::uint16_t last_index);
+
+ private:
+  std::map<std::pair<std::uint16_t, std::uint8_t>, Object> objects_;
+};
+
+}  // namespace sim

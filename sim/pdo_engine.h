@@ -1,0 +1,93 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+
+#include "sim/frame.h"
+#include "sim/object_dictionary.h"
+
+namespace sim {
+
+/// Four receive and four transmit PDOs, decided by their objects 0x1400, 0x1600, 0x1800 and 0x1A00
+/// onwards.
+///
+/// Transmission types of a transmit PDO: 0 = at a SYNC when a mapped value has changed; 1 to 240 =
+/// at every n-th SYNC; 0xFE (manufacturer-specific event) = when a mapped value changes and when
+/// the event timer expires, but not before the inhibit time is over; 0xFF (profile-specific event)
+/// = only when the event timer expires. Of a receive PDO: 0 to 240 = takes effect at the next SYNC;
+/// 0xFE and 0xFF = at once.
+class PdoEngine {
+ public:
+  static constexpr std::size_t kCount = 4;
+
+  enum class Receipt { kNotMine, kTaken, kTooShort };
+
+  /// Adds its objects to the dictionary. One unit of the event timer (sub-index 5) is a make's own.
+  PdoEngine(ObjectDictionary& dictionary, std::uint8_t node_id, Time event_timer_unit,
+            FrameSink send);
+  PdoEngine(const PdoEngine&) = delete;
+  PdoEngine& operator=(const PdoEngine&) = delete;
+
+  /// Entering and leaving NMT operational.
+  void Start(Time now);
+  void Stop() { running_ = false; }
+
+  void Step(Time now);
+  void Sync();
+  Receipt Receive(const Frame& frame);
+
+  /// The earliest time at which Step may have something to send; Time::max() when nothing is
+  /// planned.
+  Time NextEvent() const;
+
+ private:
+  struct Payload {
+    std::uint8_t length = 0;
+    std::array<std::uint8_t, 8> data{};
+    bool operator==(const Payload& other) const {
+      return length == other.length && data == other.data;
+    }
+  };
+  struct Transmit {
+    Time timer_start{0};
+    Time inhibited_until{0};
+    Payload last;  // empty until the first transmission, so that counts as a change
+    unsigned syncs = 0;
+  };
+  struct Received {
+    bool pending = false;
+    Frame frame;
+  };
+  // The objects of one PDO; `communication` and `mapping` are indices.
+  struct Direction {
+    std::uint16_t communication;
+    std::uint16_t mapping;
+    bool transmit;
+  };
+
+  void AddReceivePdo(std::size_t number, std::uint32_t cob_id);
+  void AddTransmitPdo(std::size_t number, std::uint32_t cob_id);
+  void AddMapping(const Direction& pdo);
+  AbortCode CheckCobId(std::uint16_t communication, std::uint32_t value) const;
+  AbortCode CheckMappedObject(bool transmit, std::uint32_t mapping);
+  AbortCode CheckMappedCount(const Direction& pdo, std::uint32_t count) const;
+
+  bool Valid(std::uint16_t communication) const;
+  unsigned MappedLength(std::uint16_t mapping) const;
+  void Apply(std::uint16_t mapping, const Frame& frame);
+  Payload Collect(std::uint16_t mapping) const;
+  void Send(std::size_t number, const Payload& payload);
+  void Restart(Transmit& transmit);
+  Time EventTime(std::size_t number) const;
+
+  ObjectDictionary& dictionary_;
+  Time event_timer_unit_;
+  FrameSink send_;
+  bool running_ = false;
+  Time now_{0};
+  std::array<Transmit, kCount> transmit_;
+  std::array<Received, kCount> received_;
+};
+
+}  // namespace sim

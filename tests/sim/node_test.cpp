@@ -1,0 +1,363 @@
+#include "sim/node.h"
+
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "sim/zl_drive.h"
+#include "tests/sim/candump_text.h"
+
+namespace sim {
+namespace {
+
+using Texts = std::vector<std::string>;
+
+// A dual-motor drive as node 1, without a bus: frames in and out as text, time by hand.
+class NodeTest : public testing::Test {
+ protected:
+  explicit NodeTest(const Node::Options& options = {})
+      : node(ZlDrive(), options, [this](const Frame& frame) { sent.push_back(ToText(frame)); }) {}
+
+  Texts Sent() { return std::exchange(sent, {}); }
+  // What the node sends at once in answer to the frame.
+  Texts After(const std::string& frame) {
+    Sent();
+    node.Receive(FromText(frame));
+    return Sent();
+  }
+  Texts Advance(int milliseconds) {
+    Sent();
+    for (int i = 0; i < 2 * milliseconds; ++i) node.Step();
+    return Sent();
+  }
+  // Every write must be acknowledged.
+  void WriteAll(const Texts& requests) {
+    for (const std::string& request : requests) {
+      const Texts expected{"581#60" + request.substr(6, 6) + "00000000"};
+      EXPECT_EQ(After(request), expected) << request;
+    }
+  }
+  void BringUp() {
+    WriteAll({
+        "601#2B122001C8000000", "601#2B122002C8000000", "601#2B14200196000000",
+        "601#2B14200296000000", "601#2B1520012C010000", "601#2B1520022C010000",
+        "601#2B1620012C010000", "601#2B1620022C010000", "601#2B0F200000000000",
+        "601#2F60600003000000", "601#2383600100000000", "601#2383600200000000",
+        "601#2384600100000000", "601#2384600200000000", "601#2B40600006000000",
+        "601#2B40600007000000", "601#2B4060000F000000", "601#2300140101020080",
+        "601#2F00160000000000", "601#230016012001FF60", "601#230016022002FF60",
+        "601#2F00160002000000", "601#2300140101020000", "601#2300180181010080",
+        "601#2301180181020080", "601#2302180181030080", "601#2303180181040080",
+        "601#2F001A0000000000", "601#23001A0120016460", "601#23001A0220026460",
+        "601#2F001A0002000000", "601#2F001802FF000000", "601#2B00180514000000",
+        "601#2300180181010000", "601#2F031A0000000000", "601#23031A0120003F60",
+        "601#23031A0220004160", "601#2F031A0002000000", "601#2F031802FF000000",
+        "601#2B031805A00F0000", "601#2303180181040000",
+    });
+  }
+
+  Texts sent;
+  Node node;
+};
+
+TEST_F(NodeTest, IsSilentAndDeafUntilPoweredOn) {
+  EXPECT_EQ(After("601#4000100000000000"), Texts{});
+  EXPECT_EQ(After("000#0101"), Texts{});
+  EXPECT_EQ(Advance(10), Texts{});
+  EXPECT_EQ(node.nmt_state(), NmtState::kPowerOff);
+}
+
+TEST_F(NodeTest, BootsUpIntoPreOperational) {
+  node.PowerOn();
+  EXPECT_EQ(Sent(), Texts{"701#00"});
+  EXPECT_EQ(node.nmt_state(), NmtState::kPreOperational);
+  node.PowerOn();
+  EXPECT_EQ(Sent(), Texts{}) << "it is on already";
+}
+
+TEST_F(NodeTest, FollowsNmtCommandsToItselfAndToAll) {
+  node.PowerOn();
+  node.Receive(FromText("000#0101"));
+  EXPECT_EQ(node.nmt_state(), NmtState::kOperational);
+  node.Receive(FromText("000#0200"));
+  EXPECT_EQ(node.nmt_state(), NmtState::kStopped);
+  node.Receive(FromText("000#8001"));
+  EXPECT_EQ(node.nmt_state(), NmtState::kPreOperational);
+  node.Receive(FromText("000#0100"));
+  EXPECT_EQ(node.nmt_state(), NmtState::kOperational);
+  EXPECT_EQ(node.received().nmt, 4U);
+}
+
+TEST_F(NodeTest, IgnoresNmtOfOthersUnknownCommandsAndOtherLengths) {
+  node.PowerOn();
+  for (const char* frame : {"000#0102", "000#0501", "000#01", "000#010100"}) {
+    EXPECT_EQ(After(frame), Texts{}) << frame;
+    EXPECT_EQ(node.nmt_state(), NmtState::kPreOperational) << frame;
+  }
+}
+
+TEST_F(NodeTest, ServesNoSdoWhenStopped) {
+  node.PowerOn();
+  node.Receive(FromText("000#0201"));
+  EXPECT_EQ(After("601#4000100000000000"), Texts{});
+  node.Receive(FromText("000#8001"));
+  EXPECT_EQ(After("601#4000100000000000"), Texts{"581#4300100092010200"});
+}
+
+TEST_F(NodeTest, TakesOnlyEightByteSdoFramesOfItsOwn) {
+  node.PowerOn();
+  EXPECT_EQ(After("601#40001000000000"), Texts{});
+  EXPECT_EQ(After("602#4000100000000000"), Texts{});
+}
+
+TEST_F(NodeTest, ResetNodeRestoresEverything) {
+  node.PowerOn();
+  node.Receive(FromText("601#2B122001C8000000"));
+  node.Receive(FromText("601#2300180181010080"));
+  node.Receive(FromText("601#2B40600006000000"));
+  EXPECT_EQ(After("000#8101"), Texts{"701#00"});
+  EXPECT_EQ(node.nmt_state(), NmtState::kPreOperational);
+  EXPECT_EQ(node.dictionary().Get(0x2012, 1), 0U);
+  EXPECT_EQ(node.dictionary().Get(0x1800, 1), 0x181U);
+  EXPECT_EQ(node.axis(1).Statusword(), 0x50);
+}
+
+TEST_F(NodeTest, ResetCommunicationRestoresTheCommunicationObjectsOnly) {
+  node.PowerOn();
+  node.Receive(FromText("601#2B122001C8000000"));
+  node.Receive(FromText("601#2300180181010080"));
+  node.Receive(FromText("601#2B40600006000000"));
+  EXPECT_EQ(After("000#8201"), Texts{"701#00"});
+  EXPECT_EQ(node.dictionary().Get(0x2012, 1), 0xC8U);
+  EXPECT_EQ(node.dictionary().Get(0x1800, 1), 0x181U);
+  EXPECT_EQ(node.axis(1).Statusword(), 0x31);
+}
+
+TEST_F(NodeTest, ProducesHeartbeatsWithItsState) {
+  node.PowerOn();
+  EXPECT_EQ(Advance(100), Texts{});
+  EXPECT_EQ(After("601#2B17100014000000"), Texts{"581#6017100000000000"});
+  EXPECT_EQ(Advance(19), Texts{});
+  EXPECT_EQ(Advance(1), Texts{"701#7F"});
+  node.Receive(FromText("000#0101"));
+  EXPECT_EQ(Advance(40), (Texts{"701#05", "701#05"}));
+  node.Receive(FromText("000#0201"));
+  EXPECT_EQ(Advance(20), Texts{"701#04"});
+  node.Receive(FromText("000#8001"));
+  node.Receive(FromText("601#2B17100000000000"));
+  EXPECT_EQ(Advance(100), Texts{});
+}
+
+TEST_F(NodeTest, TellsItsIdentity) {
+  node.PowerOn();
+  EXPECT_EQ(After("601#4018100000000000"), Texts{"581#4F18100004000000"});
+  EXPECT_EQ(After("601#4018100100000000"), Texts{"581#4318100101FFFF00"});
+  EXPECT_EQ(After("601#4018100400000000"), Texts{"581#4318100401000000"});
+  EXPECT_EQ(After("601#4014100000000000"), Texts{"581#4314100081000000"});
+}
+
+TEST_F(NodeTest, AcknowledgesTheWholeBringUpAndTurnsBothMotors) {
+  node.PowerOn();
+  BringUp();
+  EXPECT_EQ(node.received().sdo, 41U);
+  EXPECT_EQ(Advance(50), Texts{}) << "no PDO before the NMT start";
+  node.Receive(FromText("000#0101"));
+  node.Receive(FromText("201#640000009CFFFFFF"));
+  EXPECT_EQ(node.received().pdo, 1U);
+  Advance(1000);
+  EXPECT_DOUBLE_EQ(node.axis(1).SpeedRpm(), 100.0);
+  EXPECT_DOUBLE_EQ(node.axis(2).SpeedRpm(), -100.0);
+  EXPECT_EQ(After("601#406C600200000000"), Texts{"581#436C60029CFFFFFF"});
+  // A second at 100 rpm, less 5 ms for the ramp.
+  EXPECT_NEAR(node.axis(1).Position(), 0.995 * 4096 * 100 / 60, 1.0);
+  EXPECT_NEAR(node.axis(2).Position(), -0.995 * 4096 * 100 / 60, 1.0);
+}
+
+TEST_F(NodeTest, Tpdo1CarriesThePositionsEveryPeriodAndTpdo4TheStatusEveryTwoSeconds) {
+  node.PowerOn();
+  BringUp();
+  node.Receive(FromText("000#0101"));
+  EXPECT_EQ(Advance(9), Texts{});
+  EXPECT_EQ(Advance(1), Texts{"181#0000000000000000"});
+  node.Receive(FromText("201#D403000000000000"));
+  const Texts frames = Advance(1990);
+  ASSERT_EQ(frames.size(), 200U);
+  EXPECT_EQ(frames.back(), "481#0000000037003700");
+  EXPECT_EQ(frames[198].substr(0, 4), "181#");
+}
+
+TEST_F(NodeTest, AtConstantSpeedEveryPeriodGainsTheSameCounts) {
+  node.PowerOn();
+  BringUp();
+  node.Receive(FromText("000#0101"));
+  // 60 rpm are 4096 counts a second, 40.96 a period.
+  node.Receive(FromText("201#3C00000000000000"));
+  Advance(100);
+  std::uint32_t before = 0;
+  std::uint32_t first = 0;
+  const Texts frames = Advance(1010);
+  for (std::size_t i = 0; i <= 100; ++i) {
+    const std::uint32_t position = GetLittleEndian(FromText(frames[i]).data.begin(), 4);
+    if (i == 0) first = position;
+    if (i > 0) {
+      EXPECT_GE(position - before, 40U);
+      EXPECT_LE(position - before, 41U);
+    }
+    before = position;
+  }
+  EXPECT_EQ(before - first, 4096U);
+}
+
+TEST_F(NodeTest, ReportsAFaultByEmergencyStatuswordAndErrorCode) {
+  node.PowerOn();
+  BringUp();
+  node.Receive(FromText("000#0101"));
+  node.Receive(FromText("201#6400000064000000"));
+  Advance(100);
+  Sent();
+  node.LatchError(0x2310);
+  EXPECT_EQ(Sent(), Texts{"081#1023010000000000"});
+  EXPECT_EQ(After("601#4041600000000000"), Texts{"581#434160001F001F00"});
+  Advance(10);
+  EXPECT_EQ(After("601#4041600000000000"), Texts{"581#4341600018001800"});
+  EXPECT_EQ(After("601#433F600000000000"), Texts{"581#433F600010230000"});
+  EXPECT_EQ(After("601#4001100000000000"), Texts{"581#4F01100001000000"});
+  EXPECT_DOUBLE_EQ(node.axis(1).SpeedRpm(), 0.0);
+  EXPECT_DOUBLE_EQ(node.axis(2).SpeedRpm(), 0.0);
+
+  EXPECT_EQ(After("601#2B40600080000000"), (Texts{"581#6040600000000000", "081#0000000000000000"}));
+  EXPECT_EQ(After("601#433F600000000000"), Texts{"581#433F600000000000"});
+  EXPECT_EQ(After("601#4001100000000000"), Texts{"581#4F01100000000000"});
+}
+
+TEST_F(NodeTest, ShowsTheErrorCodeOfTheSecondMotorInTheUpperHalf) {
+  node.PowerOn();
+  node.LatchError(0x3210, 2);
+  EXPECT_EQ(After("601#433F600000000000"), Texts{"581#433F600000001032"});
+  EXPECT_THROW(node.LatchError(1, 3), std::out_of_range);
+}
+
+TEST_F(NodeTest, ATooShortPdoIsReportedAndNotProcessed) {
+  node.PowerOn();
+  BringUp();
+  node.Receive(FromText("000#0101"));
+  EXPECT_EQ(After("201#64000000640000"), Texts{"081#1082000000000000"});
+  Advance(10);
+  EXPECT_DOUBLE_EQ(node.axis(1).SpeedRpm(), 0.0);
+}
+
+TEST_F(NodeTest, RefusesAnUnknownModeOfOperation) {
+  node.PowerOn();
+  EXPECT_EQ(After("601#2F606000FD000000"), Texts{"581#8060600030000906"});
+  EXPECT_EQ(After("601#2F60600003000000"), Texts{"581#6060600000000000"});
+  EXPECT_EQ(After("601#4061600000000000"), Texts{"581#4F61600003000000"});
+}
+
+TEST_F(NodeTest, APowerCutSilencesItUntilItBootsUpWithPowerOnValues) {
+  node.PowerOn();
+  BringUp();
+  node.Receive(FromText("000#0101"));
+  node.Receive(FromText("201#6400000064000000"));
+  Advance(100);
+  node.PowerCut();
+  EXPECT_EQ(Advance(100), Texts{});
+  EXPECT_EQ(After("601#4000100000000000"), Texts{});
+  node.PowerOn();
+  EXPECT_EQ(Sent(), Texts{"701#00"});
+  EXPECT_EQ(Advance(100), Texts{});
+  EXPECT_EQ(node.axis(1).Position(), 0);
+  EXPECT_EQ(node.dictionary().Get(0x1A00, 0), 0U);
+}
+
+TEST_F(NodeTest, TimedFaultsStrikeAtTheirTime) {
+  node.PowerOn();
+  node.Inject(ParseFault("error-after-ms=5/0x2310"));
+  node.Inject(ParseFault("power-cut-after-ms=10"));
+  node.Inject(ParseFault("power-on-after-ms=20"));
+  EXPECT_EQ(Advance(4), Texts{});
+  EXPECT_EQ(node.NextEvent(), std::chrono::milliseconds(5));
+  EXPECT_EQ(Advance(1), Texts{"081#1023010000000000"});
+  EXPECT_EQ(Advance(5), Texts{});
+  EXPECT_EQ(node.nmt_state(), NmtState::kPowerOff);
+  EXPECT_EQ(node.NextEvent(), std::chrono::milliseconds(20));
+  EXPECT_EQ(Advance(10), Texts{"701#00"});
+  EXPECT_EQ(node.NextEvent(), Time::max());
+}
+
+TEST_F(NodeTest, LosesItsHeartbeatWhileTheRestWorks) {
+  node.PowerOn();
+  node.Receive(FromText("601#2B1710000A000000"));
+  node.Inject(ParseFault("no-heartbeat-after-ms=15"));
+  EXPECT_EQ(Advance(50), Texts{"701#7F"});
+  EXPECT_EQ(After("601#4000100000000000"), Texts{"581#4300100092010200"});
+  node.ClearFaults();
+  EXPECT_EQ(Advance(10), Texts{"701#7F"});
+}
+
+TEST_F(NodeTest, AnAbortedOrIgnoredWriteIsNotPerformed) {
+  node.PowerOn();
+  node.Inject(ParseFault("abort-write=1/0x06090030"));
+  node.Inject(ParseFault("ignore-write=2"));
+  EXPECT_EQ(After("601#2F60600003000000"), Texts{"581#8060600030000906"});
+  EXPECT_EQ(After("601#2F60600003000000"), Texts{});
+  EXPECT_EQ(node.dictionary().Get(0x6060, 0), 0U);
+  EXPECT_EQ(After("601#2F60600003000000"), Texts{"581#6060600000000000"});
+}
+
+TEST_F(NodeTest, BendsItsReplies) {
+  node.PowerOn();
+  node.Inject(ParseFault("duplicate-replies"));
+  EXPECT_EQ(After("601#4000100000000000"), (Texts{"581#4300100092010200", "581#4300100092010200"}));
+  node.ClearFaults();
+  node.Inject(ParseFault("truncate-replies=7"));
+  EXPECT_EQ(After("601#4000100000000000"), Texts{"581#43001000920102"});
+  node.ClearFaults();
+  node.Inject(ParseFault("wrong-index"));
+  EXPECT_EQ(After("601#4000100000000000"), Texts{"581#4301100092010200"});
+  node.ClearFaults();
+  node.Inject(ParseFault("delay-replies-ms=20"));
+  EXPECT_EQ(After("601#4000100000000000"), Texts{});
+  EXPECT_EQ(node.NextEvent(), std::chrono::milliseconds(20));
+  EXPECT_EQ(Advance(19), Texts{});
+  EXPECT_EQ(Advance(1), Texts{"581#4300100092010200"});
+}
+
+class NodeNearWrapAroundTest : public NodeTest {
+ protected:
+  NodeNearWrapAroundTest() : NodeTest(Near()) {}
+  static Node::Options Near() {
+    Node::Options options;
+    options.start_positions = {2147483647, -2147483647 - 1};
+    return options;
+  }
+};
+
+TEST_F(NodeNearWrapAroundTest, PositionsRunOverBothEnds) {
+  node.PowerOn();
+  BringUp();
+  node.Receive(FromText("000#0101"));
+  EXPECT_EQ(Advance(10), Texts{"181#FFFFFF7F00000080"});
+  node.Receive(FromText("201#640000009CFFFFFF"));
+  Advance(100);
+  EXPECT_LT(node.axis(1).Position(), -2147480000);
+  EXPECT_GT(node.axis(2).Position(), 2147480000);
+}
+
+TEST(NodeIdTest, MustBe1To127) {
+  Node::Options options;
+  options.node_id = 0;
+  EXPECT_THROW(Node(ZlDrive(), options, [](const Frame&) {}), std::invalid_argument);
+  options.node_id = 128;
+  EXPECT_THROW(Node(ZlDrive(), options, [](const Frame&) {}), std::invalid_argument);
+}
+
+TEST(MakeTest, IsFoundByName) {
+  EXPECT_EQ(&FindMake("zl"), &ZlDrive());
+  EXPECT_THROW(FindMake("ZL"), std::invalid_argument);
+}
+
+}  // namespace
+}  // namespace sim
