@@ -1,0 +1,302 @@
+#!/bin/bash
+# One case of the drive cycle against a simulated drive, on a vxcan pair in a network of its own.
+# Usage: drive_cycle_test.bash CASE DRIVE_CYCLE MOTOR_DRIVE_SIM
+set -u
+
+if [[ ${1-} != --own-network ]]; then
+  exec unshare --net "$BASH" "$0" --own-network "$@"
+fi
+shift
+readonly test_case=$1 drive_cycle=$2 simulator=$3
+scratch=$(mktemp -d)
+readonly scratch
+
+finish() {
+  local -a running
+  mapfile -t running < <(jobs -p)
+  ((${#running[@]} == 0)) || kill -KILL "${running[@]}"
+  wait 2>/dev/null
+  rm -rf "$scratch"
+}
+trap finish EXIT
+
+fail() {
+  echo "FAILED: $*" >&2
+  local file
+  for file in out err sim; do
+    [[ -s $scratch/$file ]] && sed "s/^/  $file: /" "$scratch/$file" >&2
+  done
+  [[ -s $scratch/bus ]] && tail -n 20 "$scratch/bus" | sed 's/^/  bus: /' >&2
+  exit 1
+}
+
+# --- The bench ------------------------------------------------------------------------------------
+
+make_bus() {
+  ip link add dev can0 type vxcan peer name can1 || fail "no vxcan pair"
+  ip link set can0 up
+  ip link set can1 up
+  candump -L can1 >"$scratch/bus" 2>/dev/null &
+  sleep 0.1
+}
+
+plug_drive() {  # arguments of the simulator
+  "$simulator" --interface can1 --make zl --node 1 "$@" 2>"$scratch/sim" &
+  simulator_pid=$!
+  wait_for ready sim
+}
+
+start() {  # arguments of the drive cycle
+  "$drive_cycle" "$@" >"$scratch/out" 2>"$scratch/err" &
+  host=$!
+}
+
+wait_for() {  # pattern, file
+  local try
+  for ((try = 0; try < 300; ++try)); do
+    grep -q -e "$1" "$scratch/$2" 2>/dev/null && return
+    sleep 0.1
+  done
+  fail "no \"$1\" in $2"
+}
+
+start_turning() {  # arguments of the drive cycle
+  make_bus
+  plug_drive
+  start --seconds 15 "$@"
+  wait_for 'wheel 1:    60 rpm, measured    [56]' out
+}
+
+# --- What is expected -----------------------------------------------------------------------------
+
+expect_status() {
+  wait "$host"
+  local status=$?
+  sleep 0.2  # the last frames reach the log of the bus
+  ((status == $1)) || fail "exit status $status instead of $1"
+}
+
+expect() {  # file, pattern
+  grep -q -e "$2" "$scratch/$1" || fail "no \"$2\" in $1"
+}
+
+expect_none() {
+  ! grep -q -e "$2" "$scratch/$1" || fail "unexpected \"$2\" in $1"
+}
+
+expect_one_line() {
+  (($(wc -l <"$scratch/err") == 1)) || fail "not one line on standard error"
+  expect err "$1"
+}
+
+# The wheels were commanded to turn, and the last speed commands say zero.
+expect_zero_speed_sent() {
+  expect bus ' 201#3C000000'
+  local last
+  last=$(grep -o ' 201#.*' "$scratch/bus" | tail -n "$1" | sort -u)
+  [[ $last == ' 201#0000000000000000' ]] || fail "last speed commands: $last"
+}
+
+expect_usage_error() {
+  start "$@"
+  expect_status 2
+  [[ -s $scratch/err && ! -s $scratch/out ]] || fail "a usage error belongs on standard error"
+}
+
+# --- Cases ----------------------------------------------------------------------------------------
+
+# 60 rpm are 409.6 counts in ten reports. Judged by the frames alone, not by what the host says.
+TurnsBothWheelsAsCommanded() {
+  make_bus
+  plug_drive
+  start --seconds 5
+  expect_status 0
+  expect out '^speeds within 2 %: wheel 1 [-+]0\.[0-9]* %'
+  expect err 'both wheels stand still'
+  local report wheel i change fastest slowest
+  local -a positions1=() positions2=()
+  while read -r report; do
+    positions1+=($((16#${report:6:2}${report:4:2}${report:2:2}${report:0:2})))
+    positions2+=($((16#${report:14:2}${report:12:2}${report:10:2}${report:8:2})))
+  done < <(grep -o ' 181#.*' "$scratch/bus" | cut -d'#' -f2)
+  for wheel in 1 2; do
+    local -n positions=positions$wheel
+    fastest=0 slowest=0
+    for ((i = 10; i < ${#positions[@]}; ++i)); do
+      change=$((positions[i] - positions[i - 10]))
+      # Counters wrap around at 32 bits.
+      ((change > 1 << 31)) && ((change -= 1 << 32))
+      ((change < -(1 << 31))) && ((change += 1 << 32))
+      ((change > fastest)) && fastest=$change
+      ((change < slowest)) && slowest=$change
+    done
+    echo "wheel $wheel: $slowest to $fastest counts in ten periods"
+    ((fastest >= 405 && fastest <= 414)) || fail "wheel $wheel forward: $fastest counts"
+  done
+  ((slowest >= -414 && slowest <= -405)) || fail "wheel 2 backward: $slowest counts"
+  ((positions1[-1] == positions1[-10] && positions2[-1] == positions2[-10])) ||
+    fail "a wheel still turns"
+}
+
+ReportsWrongUsage() {
+  "$drive_cycle" --help >"$scratch/out" || fail "--help failed"
+  expect out '--interface'
+  expect_usage_error --no-such-option
+  expect_usage_error --make unknown
+  expect_usage_error --node 2
+  expect err 'node 1 only'
+  expect_usage_error --interface a_name_too_long_
+  expect_usage_error --seconds 1
+  expect_usage_error --rpm fast
+}
+
+ReportsAnAbsentInterface() {
+  start --interface can7
+  expect_status 1
+  expect_one_line 'no CAN interface "can7"'
+}
+
+ReportsAnInterfaceThatIsDown() {
+  make_bus
+  ip link set can0 down
+  start
+  expect_status 1
+  expect_one_line 'ip link set can0 up'
+}
+
+ReportsThatNoDriveAnswers() {
+  make_bus
+  start
+  expect_status 1
+  expect_one_line 'no drive answers as node 1 on can0'
+  expect_none bus ' 601#2B4060'
+}
+
+# Whatever target velocity the drive had stored, it is zero when the drive is enabled.
+ZeroesTargetVelocitiesBeforeItEnables() {
+  make_bus
+  plug_drive
+  start --seconds 4
+  expect_status 0
+  expect bus ' 601#2B4060000F'
+  sed '/ 601#2B4060000F/q' "$scratch/bus" >"$scratch/before"
+  expect before ' 581#60FF600100000000'
+  expect before ' 581#60FF600200000000'
+  expect_none before ' 601#23FF600[12].*[1-9A-F]'
+}
+
+DoesNotEnableADriveThatRefusesZero() {
+  make_bus
+  plug_drive --fault abort-object=0x60FF:2
+  start
+  expect_status 1
+  expect_one_line 'refuses zero target velocity with abort code 0x08000000'
+  expect_none bus ' 601#2B4060'
+}
+
+EndsWhenTheSetUpIsIncomplete() {
+  make_bus
+  plug_drive --fault abort-object=0x2014:2
+  start
+  expect_status 1
+  expect err '1 of the writes of the set-up failed on node 1'
+  expect err 'the drive took zero target velocity'
+  expect_none bus ' 201#3C'
+}
+
+StopsOnSignal() {
+  start_turning
+  kill -"$1" "$host"
+  expect_status 0
+  expect err 'drive_cycle: interrupted'
+  expect err 'both wheels stand still'
+  expect_zero_speed_sent 10
+}
+StopsOnInterrupt() { StopsOnSignal INT; }
+StopsOnTermination() { StopsOnSignal TERM; }
+StopsOnHangUp() { StopsOnSignal HUP; }
+
+StopsWhenNobodyReadsItsOutput() {
+  make_bus
+  plug_drive
+  (
+    "$drive_cycle" --seconds 4 2>"$scratch/err"
+    echo $? >"$scratch/status"
+  ) | head -n 1 >"$scratch/out"
+  sleep 0.2
+  [[ $(<"$scratch/status") == 0 ]] || fail "exit status $(<"$scratch/status")"
+  expect err 'both wheels stand still'
+  expect_zero_speed_sent 10
+}
+
+ReportsADriveThatFallsSilent() {
+  start_turning
+  kill -KILL "$simulator_pid"
+  expect_status 1
+  expect err 'node 1 sends no positions any more'
+  expect err 'STOP COULD NOT BE CONFIRMED'
+  expect_zero_speed_sent 100
+}
+
+ReportsAHeartbeatThatStops() {
+  start_turning --heartbeat-timeout 2.5
+  cansend can0 601#2B17100000000000
+  expect_status 1
+  expect err 'node 1 sends no heartbeat any more'
+  expect err 'both wheels stand still'
+  expect_zero_speed_sent 10
+}
+
+NamesTheErrorOfADrive() {
+  make_bus
+  plug_drive --fault error-after-ms=9000/0x2310
+  start --seconds 40
+  expect_status 1
+  expect err 'wheel [12] does not follow its speed command'
+  expect err 'node 1 reports error code 0x00002310'
+  expect err 'both wheels stand still'
+  expect_zero_speed_sent 10
+}
+
+ReportsANodeThatRestarts() {
+  start_turning
+  cansend can0 000#8101
+  expect_status 1
+  expect err 'node 1 left the operational state'
+}
+
+# Reports that come every 12 ms and are read as 10 ms look 20 % too fast.
+ReportsSpeedsThatAreOff() {
+  make_bus
+  plug_drive
+  start --seconds 5
+  wait_for forward out
+  cansend can0 601#2B00180518000000
+  expect_status 1
+  expect out 'SPEEDS OFF BY MORE THAN 2 %: wheel 1 [-+]\(19\|2[01]\)\.'
+  expect err 'both wheels stand still'
+}
+
+StopsTheWheelsWhenTheInterfaceComesBack() {
+  start_turning
+  ip link set can0 down
+  sleep 0.5
+  ip link set can0 up
+  expect_status 1
+  expect err 'the bus failed (error [35])'
+  expect err 'both wheels stand still'
+  expect_zero_speed_sent 10
+}
+
+EndsWhenTheInterfaceIsRemoved() {
+  start_turning
+  local since=$SECONDS
+  ip link delete can0
+  expect_status 1
+  ((SECONDS - since < 10)) || fail "took $((SECONDS - since)) s"
+  expect err 'the bus failed'
+  expect err 'STOP COULD NOT BE CONFIRMED'
+}
+
+"$test_case"
+echo "$test_case: passed"
