@@ -1,0 +1,37 @@
+// Every measure does the same work through the library and through a bare socket, in turn.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "far_end.h"
+#include "report.h"
+
+// How much of everything.
+struct Scale {
+  int repetitions;
+  double seconds;       // of the run at a fixed rate
+  double cpu_seconds;   // of one repetition of a receive measure
+  double step_seconds;  // of one step towards the highest rate
+  std::uint32_t sends;
+  std::uint32_t transactions;
+  std::uint32_t latencies;
+  std::uint32_t queued;
+  int stops;
+};
+
+struct Bench {
+  FarEnd& far_end;
+  std::string interface;
+  Scale scale;
+};
+
+std::vector<Row> MeasureReceiveCost(const Bench& bench);
+std::vector<Row> MeasureReceiveRate(const Bench& bench);
+std::vector<Row> MeasureLatency(const Bench& bench);
+std::vector<Row> MeasureQueueMemory(const Bench& bench);
+std::vector<Row> MeasureSend(const Bench& bench);
+std::vector<Row> MeasureSdo(const Bench& bench);
+std::vector<Row> MeasureStop(const Bench& bench);
+std::vector<Row> MeasureIdleCost(const Bench& bench);

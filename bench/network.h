@@ -1,0 +1,7 @@
+#pragma once
+
+#include <string>
+
+// Moves the process to a network namespace of its own with a connected pair of CAN interfaces.
+// Needs the right to do so (root). Throws std::system_error or std::runtime_error.
+void EnterOwnNetwork(const std::string& interface, const std::string& far_interface);
