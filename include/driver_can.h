@@ -164,6 +164,7 @@ class MOTOR_DRIVER_EXPORT DriverCan {
   };
 
   void StartReceiveThread();
+  void EndReader(std::thread& reader);
 
   std::atomic<int> socket_{-1};       // -1 when closed; the receive thread reads it without a lock
   std::atomic<bool> closing_{false};  // a stop waits for socket_mutex_: writers give way

@@ -53,7 +53,8 @@ class MOTOR_DRIVER_EXPORT DriverCommon : public DriverCan {
   explicit DriverCommon(const char* interface_name);
 
   // Stops the receive thread, then releases everything. At most 100 ms. Sends nothing: a host
-  // stops the wheels before.
+  // stops the wheels before. A class that a host derives calls StopReading() in its own destructor:
+  // until then the receive thread may make virtual calls.
   ~DriverCommon() override;
 
   // --- The drive interface ---------------------------------------------------------------------

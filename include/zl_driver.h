@@ -21,6 +21,9 @@ class MOTOR_DRIVER_EXPORT ZlDriver : public DriverCommon {
   // `can_name`: CAN interface, for example "can0".
   explicit ZlDriver(const char* can_name);
 
+  // As DriverCommon.
+  ~ZlDriver() override;
+
   using DriverCommon::GetSpeed;
   using DriverCommon::SetSpeed;
 

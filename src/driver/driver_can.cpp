@@ -1,5 +1,6 @@
 #include "driver_can.h"
 
+#include <fcntl.h>
 #include <linux/can.h>
 #include <linux/can/raw.h>
 #include <net/if.h>
@@ -82,6 +83,17 @@ ssize_t CancellableRead(int socket, can_frame& frame) {
   return bytes;
 }
 
+// Closes the socket under its reader, but keeps the number taken by a descriptor that cannot be
+// read: a reader about to read must not meet what another thread of the host opened under that
+// number. The number is to be closed once the reader has ended.
+void CloseButHold(int socket) {
+  const int unreadable = ::open("/", O_PATH | O_CLOEXEC);
+  if (unreadable >= 0) {
+    ::dup3(unreadable, socket, O_CLOEXEC);
+    ::close(unreadable);
+  }
+}
+
 }  // namespace
 
 DriverCan::DriverCan(const char* device) {
@@ -152,10 +164,13 @@ bool DriverCan::InitCanSocket() {
   }
 
   const std::lock_guard<std::mutex> lock(socket_mutex_);
-  const int old_socket = socket_.exchange(new_socket);
-  if (old_socket >= 0) {
-    ::close(old_socket);
+  if (socket_ < 0) {
+    socket_ = new_socket;
+    return true;
   }
+  // Under the same number, which a reader may be about to read. Closes the old socket.
+  ::dup3(new_socket, socket_, O_CLOEXEC);
+  ::close(new_socket);
   return true;
 }
 
@@ -337,26 +352,23 @@ void DriverCan::ClearReadQueue() {
 void DriverCan::StopReading() {
   running_ = false;
   closing_ = true;
+  int old_socket = -1;
   std::thread reader;
   {
     const std::lock_guard<std::mutex> lock(socket_mutex_);
     closing_ = false;
-    const int old_socket = socket_.exchange(-1);
+    old_socket = socket_.exchange(-1);
     if (old_socket >= 0) {
-      ::close(old_socket);
+      CloseButHold(old_socket);
     }
     reader.swap(receive_thread_);
   }
-  if (!reader.joinable()) {
-    return;
+  if (reader.joinable()) {
+    EndReader(reader);
   }
-  for (auto waited = kReaderPoll; !reader_ended_ && waited < kReaderGrace; waited += kReaderPoll) {
-    std::this_thread::sleep_for(kReaderPoll);
+  if (old_socket >= 0) {
+    ::close(old_socket);
   }
-  if (!reader_ended_) {
-    pthread_cancel(reader.native_handle());
-  }
-  reader.join();
 }
 
 bool DriverCan::CanRecover() {
@@ -379,6 +391,16 @@ bool DriverCan::CanRecover() {
   StartReceiveThread();
   CORVEL_LOG_INFO("CAN recovery completed successfully");
   return true;
+}
+
+void DriverCan::EndReader(std::thread& reader) {
+  for (auto waited = kReaderPoll; !reader_ended_ && waited < kReaderGrace; waited += kReaderPoll) {
+    std::this_thread::sleep_for(kReaderPoll);
+  }
+  if (!reader_ended_) {
+    pthread_cancel(reader.native_handle());
+  }
+  reader.join();
 }
 
 void DriverCan::StartReceiveThread() {

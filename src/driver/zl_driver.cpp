@@ -107,6 +107,10 @@ double RpmSincePrevious(std::atomic<std::uint32_t>& previous, std::uint32_t coun
 
 ZlDriver::ZlDriver(const char* can_name) : DriverCommon(can_name) {}
 
+// The receive thread makes virtual calls (heartbeats): it ends before the object is a ZlDriver no
+// more.
+ZlDriver::~ZlDriver() { StopReading(); }
+
 bool ZlDriver::ActiveNode(std::uint8_t node) {
   const OnlyHearing sdo_responses(*this, cia301::kSdoResponse + node);
   ClearReadQueue();

@@ -14,6 +14,17 @@
 namespace support {
 namespace {
 
+#if defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define WATCHED_BY_A_THREAD 1
+#endif
+#endif
+#if defined(WATCHED_BY_A_THREAD) || defined(__SANITIZE_THREAD__)
+constexpr std::size_t kThreadsOfTheSanitizer = 1;
+#else
+constexpr std::size_t kThreadsOfTheSanitizer = 0;
+#endif
+
 constexpr unsigned kLongestChildSeconds = 30;
 
 std::size_t EntriesOf(const char* directory) {
@@ -91,7 +102,7 @@ std::size_t OpenDescriptors() {
   return EntriesOf("/proc/self/fd") - 1;  // without the one that reads the directory
 }
 
-std::size_t Threads() { return EntriesOf("/proc/self/task"); }
+std::size_t Threads() { return EntriesOf("/proc/self/task") - kThreadsOfTheSanitizer; }
 
 bool WaitThreads(std::size_t count) {
   for (int i = 0; i < 200; ++i) {
