@@ -62,6 +62,7 @@ IdleCost MeasureIdle(IdleHolder holder, const std::string& interface, double sec
                                     "--idle-holder",
                                     holder == IdleHolder::kLibrary ? "library" : "bare"};
   std::vector<char*> arguments;
+  arguments.reserve(words.size() + 1);
   for (std::string& word : words) {
     arguments.push_back(word.data());
   }
@@ -78,7 +79,7 @@ IdleCost MeasureIdle(IdleHolder holder, const std::string& interface, double sec
   const std::unique_ptr<std::FILE, int (*)(std::FILE*)> output(::fdopen(pipe_ends[0], "r"),
                                                                &std::fclose);
   IdleCost cost = {};
-  const int fields =
+  const int fields =  // NOLINTNEXTLINE(cert-err34-c): written by ourselves, and counted
       std::fscanf(output.get(), "%lf %lf %lf %lf %lf", &cost.cpu_us_per_second, &cost.resident_kb,
                   &cost.added_kb, &cost.threads, &cost.descriptors);
   ::waitpid(process, nullptr, 0);

@@ -2,6 +2,7 @@
 #include <fmt/core.h>
 
 #include <CLI/CLI.hpp>
+#include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <set>
@@ -84,9 +85,7 @@ int Run(const Options& options) {
   return 0;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int ParseAndRun(int argc, char** argv) {
   Options options;
   CLI::App app(
       "Measures the library beside a bare CAN socket that does the same work, on a "
@@ -123,10 +122,16 @@ int main(int argc, char** argv) {
   ::setenv("SPDLOG_STDOUT", "false", 0);
   ::setenv("SPDLOG_SYSTEMD", "false", 0);
   ::setenv("SPDLOG_LEVEL", "error", 0);
+  return Run(options);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
   try {
-    return Run(options);
+    return ParseAndRun(argc, argv);
   } catch (const std::exception& error) {
-    fmt::print(stderr, "motor-driver-bench: {}\n", error.what());
+    std::fprintf(stderr, "motor-driver-bench: %s\n", error.what());
     return kCannotRun;
   }
 }
