@@ -13,8 +13,8 @@
 
 namespace {
 
-// Manufacturer objects, named after what the drive's manual lists them under where it is known.
-constexpr std::uint16_t kSynchronousControl = 0x200F;
+// Manufacturer objects.
+constexpr std::uint16_t kObject200F = 0x200F;
 constexpr std::uint16_t kSaveParameters = 0x2010;
 constexpr std::uint16_t kCurrentLimit2012 = 0x2012;
 constexpr std::uint16_t kCurrentLimit2014 = 0x2014;
@@ -36,7 +36,7 @@ using u32 = std::uint32_t;
 
 // clang-format off
 constexpr std::array<SdoStep, 9> kSpeedMode = {{
-    Write<u16>(kSynchronousControl,          0, 0,                            "write error  0x200F, 0x00, 0x00"),
+    Write<u16>(kObject200F,                  0, 0,                            "write error  0x200F, 0x00, 0x00"),
     Write<u8>(cia402::kModesOfOperation,     0, cia402::kProfileVelocityMode, "write error 0x6060, 0x00, 0x03"),
     Write<u32>(cia402::kProfileAcceleration, 1, 0,                            "write error 0x6060, 0x00, 0x03"),
     Write<u32>(cia402::kProfileAcceleration, 2, 0,                            "write error 0x6060, 0x00, 0x03"),
