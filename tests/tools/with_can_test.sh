@@ -73,7 +73,8 @@ SaysWhatToInstallWhereNoKernelIsFound() {
 }
 
 PassesArgumentsDirectoryAndEnvironment() {
-  local -a odd=('' ' ' 'two  words' $'new\nline\n' '*' '?' '"' "'" $'\\' "\$HOME" "\`id\`" $'\xff\xfe'
+  local -a odd=('' ' ' 'two  words' $'new\nline\n'
+    '*' '?' '"' "'" $'\\' "\$HOME" "\`id\`" $'\xff\xfe'
     '-x' '--')
   local directory=$scratch/$'odd \'directory\n*' script text
   mkdir "$directory"
@@ -82,7 +83,8 @@ PassesArgumentsDirectoryAndEnvironment() {
   text=$(
     cd "$directory" || exit
     umask 027
-    VALUE=$'a="b\'\n\\' EMPTY='' PATH=$PATH:/no/such run -- bash -c "$script" name "${odd[@]}" </dev/null
+    VALUE=$'a="b\'\n\\' EMPTY='' PATH=$PATH:/no/such \
+      run -- bash -c "$script" name "${odd[@]}" </dev/null
   )
   check "arguments, environment, umask, directory" \
     "$(printf '%s|' "${odd[@]}" $'a="b\'\n\\' '' "$PATH:/no/such" 0027; echo "$directory")" "$text"
@@ -94,7 +96,8 @@ PassesStreamsByteForByte() {
   run bash -c "cat; cat '$scratch/second' >&2; exit 42" \
     <"$scratch/first" >"$scratch/output" 2>"$scratch/error"
   check "streams: exit status" 42 $?
-  check "standard input and output" "$(sha256sum <"$scratch/first")" "$(sha256sum <"$scratch/output")"
+  check "standard input and output" "$(sha256sum <"$scratch/first")" \
+    "$(sha256sum <"$scratch/output")"
   check "standard error" "$(sha256sum <"$scratch/second")" "$(sha256sum <"$scratch/error")"
 }
 
@@ -192,7 +195,8 @@ nested pair" "$text"
 processes_with() {
   local path
   for path in /proc/[0-9]*; do
-    if [[ ${path#/proc/} != "$BASHPID" ]] && grep -q --text -F -e "$1" "$path/cmdline" 2>/dev/null; then
+    if [[ ${path#/proc/} != "$BASHPID" ]] &&
+      grep -q --text -F -e "$1" "$path/cmdline" 2>/dev/null; then
       echo "${path#/proc/}"
     fi
   done
@@ -207,17 +211,17 @@ EndsTheCommandAtTheTimeLimit() {
 
 # SIGNAL STATUS: a command that ends by itself.
 PassesASignalToTheCommand() {
-  local pid
+  local pid output=$scratch/signal.$1  # an earlier "ready" must not be taken for this one
   # A shell starts what runs in the background with SIGINT ignored.
   env --default-signal "$with_can" --kernel "$kernel" \
     bash -c 'trap "echo caught INT; exit 5" INT; trap "echo caught TERM; exit 6" TERM
-      echo ready; while :; do sleep 0.1; done' </dev/null >"$scratch/signal" 2>&1 &
+      echo ready; while :; do sleep 0.1; done' </dev/null >"$output" 2>&1 &
   pid=$!
-  await_text "$scratch/signal" ready
+  await_text "$output" ready
   kill -s "$1" "$pid"
   wait "$pid"
   check "SIG$1: status of the command" "$2" $?
-  check_contains "SIG$1: reaches the command" "caught $1" "$(cat "$scratch/signal")"
+  check_contains "SIG$1: reaches the command" "caught $1" "$(cat "$output")"
 }
 
 KillsACommandThatIgnoresTheSignal() {
