@@ -111,7 +111,7 @@ TurnsBothWheelsAsCommanded() {
   plug_drive
   start --seconds 5
   expect_status 0
-  expect out '^speeds within 2 %: wheel 1 [-+]0\.[0-9]* %'
+  expect out '^speeds within 2 %: wheel 1 [-+]0\.[0-9]* % .*, wheel 2 [-+]0\.[0-9]* % '
   expect err 'both wheels stand still'
   local report wheel i change fastest slowest
   local -a positions1=() positions2=()
