@@ -10,12 +10,14 @@ namespace sim {
 /// What differs from make to make in one axis.
 struct AxisTraits {
   std::int32_t counts_per_revolution;
-  // One unit of the target velocity is numerator / denominator rpm.
+  // One unit of the target velocity is numerator / denominator rpm (or counts per minute, below).
   std::int64_t rpm_numerator;
   std::int64_t rpm_denominator;
   std::int8_t velocity_mode;  // the mode of operation in which the target velocity counts
   std::uint32_t quick_ramp_rpm_per_s;
   std::int32_t max_rpm;
+  StateRules state{};
+  bool velocity_in_counts = false;  // velocities are in counts instead of revolutions per minute
 };
 
 /// One motor with its CiA 402 objects.
@@ -23,6 +25,7 @@ class Axis {
  public:
   Axis(const AxisTraits& traits, std::int32_t start_position);
 
+  /// A pressed emergency stop stays pressed.
   void Reset();
   void Step();
 
@@ -34,9 +37,13 @@ class Axis {
   void SetDeceleration(std::uint32_t rpm_per_s) { deceleration_ = rpm_per_s; }
   /// Enters the fault state by way of stopping the motor. A code of 0 keeps the one there is.
   void Trip(std::uint16_t error_code);
+  void ResetFault();
+  void PressEmergencyStop() { state_.PressEmergencyStop(); }
+  void ReleaseEmergencyStop() { state_.ReleaseEmergencyStop(); }
 
   std::uint16_t Statusword() const { return state_.Statusword(); }
   bool InFault() const { return state_.InFault(); }
+  bool emergency_pressed() const { return state_.emergency_pressed(); }
   std::uint16_t error_code() const { return error_code_; }
   std::int8_t mode() const { return mode_; }
   std::int32_t Position() const { return motor_.position(); }
@@ -45,6 +52,8 @@ class Axis {
 
  private:
   void SettleAtRest();
+  void ForgetClearedError();
+  std::int64_t RpmDenominator() const;
   std::int64_t TargetSpeed() const;
   std::uint32_t Ramp(std::int64_t target_urpm) const;
 

@@ -9,7 +9,7 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
+#include <iterator>
 #include <system_error>
 
 namespace sim {
@@ -17,6 +17,24 @@ namespace {
 
 [[noreturn]] void Throw(int error, const std::string& what) {
   throw std::system_error(error, std::generic_category(), what);
+}
+
+// What drives send: transmit PDOs, SDO replies and heartbeats. Many drives on one interface would
+// otherwise wake each other up with every frame.
+constexpr canid_t kSentByDrives[] = {0x180, 0x280, 0x380, 0x480, 0x580, 0x700};
+constexpr canid_t kFunctionCode = 0x780;
+
+void IgnoreOtherDrives(int fd) {
+  can_filter filters[std::size(kSentByDrives)];
+  std::transform(std::begin(kSentByDrives), std::end(kSentByDrives), filters, [](canid_t function) {
+    return can_filter{function | CAN_INV_FILTER, kFunctionCode};
+  });
+  const int all_must_match = 1;
+  if (::setsockopt(fd, SOL_CAN_RAW, CAN_RAW_JOIN_FILTERS, &all_must_match, sizeof all_must_match) !=
+          0 ||
+      ::setsockopt(fd, SOL_CAN_RAW, CAN_RAW_FILTER, filters, sizeof filters) != 0) {
+    Throw(errno, "CAN filters");
+  }
 }
 
 int OpenSocket() {
@@ -42,6 +60,7 @@ CanSocket::CanSocket(const std::string& interface) : fd_(OpenSocket()) {
   sockaddr_can address{};
   address.can_family = AF_CAN;
   address.can_ifindex = request.ifr_ifindex;
+  IgnoreOtherDrives(fd());
   if (::bind(fd(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
     Throw(errno, "interface " + interface);
   }

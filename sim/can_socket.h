@@ -20,7 +20,8 @@ class FileDescriptor {
   int fd_;
 };
 
-/// A non-blocking raw socket on one interface.
+/// A non-blocking raw socket on one interface, deaf to the identifiers that drives send by default
+/// (transmit PDOs, SDO replies, heartbeats).
 class CanSocket {
  public:
   /// Throws std::system_error: EAFNOSUPPORT without SocketCAN in the kernel, ENODEV without such a

@@ -37,10 +37,17 @@ std::uint16_t DriveState::Statusword() const {
 void DriveState::Control(std::uint16_t controlword) {
   const bool fault_reset = (controlword & kFaultReset) != 0 && (controlword_ & kFaultReset) == 0;
   controlword_ = controlword;
+  if (emergency_ == Emergency::kReleased && IsDisableVoltage(controlword)) {
+    emergency_ = Emergency::kNone;
+  }
 
   switch (state_) {
     case State::kSwitchOnDisabled:
+      if (InEmergency()) break;
       if (IsShutdown(controlword)) state_ = State::kReadyToSwitchOn;
+      if (IsEnableOperation(controlword) && !rules_.enable_needs_shutdown) {
+        state_ = State::kOperationEnabled;
+      }
       break;
     case State::kReadyToSwitchOn:
       if (IsSwitchOn(controlword)) state_ = State::kSwitchedOn;
@@ -70,13 +77,35 @@ void DriveState::Control(std::uint16_t controlword) {
     case State::kFaultReactionActive:
       break;
     case State::kFault:
-      if (fault_reset) state_ = State::kSwitchOnDisabled;
+      ControlFault(controlword, fault_reset);
       break;
   }
 }
 
 void DriveState::Fault() {
   if (state_ != State::kFault) state_ = State::kFaultReactionActive;
+}
+
+void DriveState::ControlFault(std::uint16_t controlword, bool fault_reset) {
+  if (!fault_reset || !rules_.controlword_resets_faults) return;
+  ResetFault();
+  const bool shutdown = IsShutdown(controlword & ~kFaultReset);
+  if (shutdown && rules_.fault_reset_shuts_down && !InEmergency()) {
+    state_ = State::kReadyToSwitchOn;
+  }
+}
+
+void DriveState::ResetFault() {
+  if (state_ == State::kFault) state_ = State::kSwitchOnDisabled;
+}
+
+void DriveState::PressEmergencyStop() {
+  emergency_ = Emergency::kPressed;
+  if (!InFault()) state_ = State::kSwitchOnDisabled;
+}
+
+void DriveState::ReleaseEmergencyStop() {
+  if (emergency_ == Emergency::kPressed) emergency_ = Emergency::kReleased;
 }
 
 void DriveState::Stopped() {

@@ -15,18 +15,20 @@ namespace sim {
 /// injection.
 struct Fault {
   enum class Kind {
-    kAbortWrite,         // the number-th SDO write from now on is refused with abort_code
-    kIgnoreWrite,        // the number-th SDO write from now on is neither performed nor answered
-    kAbortObject,        // every access to the object is refused with abort_code
-    kIgnoreObject,       // no access to the object is performed or answered
-    kDelayReplies,       // SDO replies leave `number` ms late
-    kDuplicateReplies,   // every SDO reply is sent twice
-    kTruncateReplies,    // SDO replies are cut to `number` bytes
-    kWrongIndexReplies,  // SDO replies name the next index
-    kPowerCutAfter,      // after `number` ms the node falls silent
-    kPowerOnAfter,       // after `number` ms the node boots up again
-    kErrorAfter,         // after `number` ms the drive trips with error_code, until a fault reset
-    kNoHeartbeatAfter,   // after `number` ms heartbeats stop while all the rest works
+    kAbortWrite,          // the number-th SDO write from now on is refused with abort_code
+    kIgnoreWrite,         // the number-th SDO write from now on is neither performed nor answered
+    kAbortObject,         // every access to the object is refused with abort_code
+    kIgnoreObject,        // no access to the object is performed or answered
+    kDelayReplies,        // SDO replies leave `number` ms late
+    kDuplicateReplies,    // every SDO reply is sent twice
+    kTruncateReplies,     // SDO replies are cut to `number` bytes
+    kWrongIndexReplies,   // SDO replies name the next index
+    kPowerCutAfter,       // after `number` ms the node falls silent
+    kPowerOnAfter,        // after `number` ms the node boots up again
+    kErrorAfter,          // after `number` ms the drive trips with error_code, until a fault reset
+    kNoHeartbeatAfter,    // after `number` ms heartbeats stop while all the rest works
+    kEmergencyStopAfter,  // after `number` ms the emergency stop is pressed
+    kEmergencyReleaseAfter,  // after `number` ms it is released
   };
   Kind kind = Kind::kAbortWrite;
   std::uint32_t number = 0;

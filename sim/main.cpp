@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <exception>
 #include <iostream>
+#include <memory>
+#include <stdexcept>
 #include <string>
 #include <system_error>
 #include <vector>
@@ -13,6 +15,10 @@
 #include "sim/simulated_drive.h"
 
 namespace {
+
+using Drives = std::vector<std::unique_ptr<sim::SimulatedDrive>>;
+
+constexpr std::size_t kMaxNodes = 32;
 
 enum ExitStatus { kEnded = 0, kFailed = 1, kWrongUsage = 2 };
 
@@ -35,13 +41,69 @@ std::string Advice(const std::error_code& code, const std::string& interface) {
   }
 }
 
-// Waits for SIGINT or SIGTERM, which the caller has blocked, or for the drive to fail.
-std::string WaitForEnd(sim::SimulatedDrive& drive, const sigset_t& signals) {
+// "node 1" or "nodes 1, 2".
+std::string NodeList(const std::vector<unsigned>& nodes) {
+  std::string list = nodes.size() == 1 ? "node" : "nodes";
+  const char* separator = " ";
+  for (const unsigned node : nodes) {
+    list += separator + std::to_string(node);
+    separator = ", ";
+  }
+  return list;
+}
+
+void CheckNodes(std::vector<unsigned> nodes, const sim::SimulatedDrive::Options& options) {
+  if (nodes.size() > kMaxNodes) {
+    throw std::invalid_argument("--node: at most " + std::to_string(kMaxNodes) + " nodes");
+  }
+  if (nodes.size() > 1 && options.tpdo1_id != 0) {
+    throw std::invalid_argument("--tpdo1-id: for one node only");
+  }
+  std::sort(nodes.begin(), nodes.end());
+  if (std::adjacent_find(nodes.begin(), nodes.end()) != nodes.end()) {
+    throw std::invalid_argument("--node: the same node twice");
+  }
+}
+
+Drives PlugIn(const std::vector<unsigned>& nodes, sim::SimulatedDrive::Options options) {
+  Drives drives;
+  for (const unsigned node : nodes) {
+    options.node_id = static_cast<std::uint8_t>(node);
+    drives.push_back(std::make_unique<sim::SimulatedDrive>(options));
+  }
+  return drives;
+}
+
+// Blocked before any thread exists, so that the signals wait for WaitForEnd.
+sigset_t BlockSignals() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  for (const int signal : {SIGINT, SIGTERM, SIGUSR1, SIGUSR2}) sigaddset(&signals, signal);
+  ::sigprocmask(SIG_BLOCK, &signals, nullptr);
+  return signals;
+}
+
+// Obeys the signals until SIGINT, SIGTERM or a drive's failure, which is returned.
+std::string WaitForEnd(const Drives& drives, const sigset_t& signals) {
   const timespec look_up_every{0, 100'000'000};
   for (;;) {
-    if (::sigtimedwait(&signals, nullptr, &look_up_every) > 0) return "";
-    std::string failure = drive.Failure();
-    if (!failure.empty()) return failure;
+    switch (::sigtimedwait(&signals, nullptr, &look_up_every)) {
+      case SIGUSR1:
+        for (const auto& drive : drives) drive->PressEmergencyStop();
+        break;
+      case SIGUSR2:
+        for (const auto& drive : drives) drive->ReleaseEmergencyStop();
+        break;
+      case SIGINT:
+      case SIGTERM:
+        return "";
+      default:
+        break;
+    }
+    for (const auto& drive : drives) {
+      std::string failure = drive->Failure();
+      if (!failure.empty()) return failure;
+    }
   }
 }
 
@@ -49,28 +111,31 @@ int Run(int argc, char** argv) {
   sim::SimulatedDrive::Options options;
   options.interface.clear();
   options.make.clear();
-  unsigned node_id = 1;
+  std::vector<unsigned> nodes{1};
   std::vector<std::int32_t> positions;
   std::vector<std::string> faults;
 
   std::string makes;
   for (const sim::Make* make : sim::AllMakes()) {
-    makes += "  " + std::string(make->name) + "  " + std::string(make->description) + "\n";
+    const std::string name(make->name);
+    makes +=
+        "  " + name + std::string(7 - name.size(), ' ') + std::string(make->description) + "\n";
   }
 
-  CLI::App app("Simulates a servo drive: a CANopen node on a SocketCAN interface.", kProgram);
+  CLI::App app("Simulates servo drives: CANopen nodes on a SocketCAN interface.", kProgram);
   app.set_version_flag("--version", std::string(kProgram) + " " + MOTOR_DRIVE_SIM_VERSION);
   app.footer("Makes:\n" + makes + "\n" + sim::FaultHelp() +
-             "\nRuns until SIGINT or SIGTERM. Exit status: 0 ended by signal, 1 failed, 2 wrong "
-             "usage.");
+             "\nRuns until SIGINT or SIGTERM. SIGUSR1 presses the emergency stop, SIGUSR2 releases "
+             "it.\nExit status: 0 ended by signal, 1 failed, 2 wrong usage.");
   app.add_option("--interface", options.interface, "CAN interface, for instance can1")
       ->required()
       ->type_name("NAME");
-  app.add_option("--make", options.make, "make of the drive, see below")
+  app.add_option("--make", options.make, "make of the drives, see below")
       ->required()
       ->type_name("MAKE");
-  app.add_option("--node", node_id, "node-ID, 1 to 127 (1)")
+  app.add_option("--node", nodes, "node-ID, 1 to 127 (1); several times for several drives")
       ->check(CLI::Range(1U, 127U))
+      ->take_all()
       ->type_name("ID");
   app.add_option("--heartbeat-ms", options.heartbeat_ms,
                  "heartbeat period from power-on (0 = none)")
@@ -79,16 +144,28 @@ int Run(int argc, char** argv) {
                  "encoder counts at power-on, for each motor in turn")
       ->expected(1, static_cast<int>(sim::Node::kMaxAxes))
       ->type_name("COUNTS");
+  app.add_option("--counts-per-revolution", options.counts_per_revolution,
+                 "resolution of the encoder (the make's)")
+      ->check(CLI::Range(1, sim::Node::kMaxCountsPerRevolution))
+      ->type_name("COUNTS");
+  app.add_option("--tpdo1-id", options.tpdo1_id,
+                 "CAN identifier of TPDO1 at power-on (0x180 + node-ID)")
+      ->check(CLI::Range(0x001, 0x7FF))
+      ->type_name("ID");
+  app.add_flag("--inactive", options.inactive,
+               "silent until the activation frame (only makes that have one)");
   app.add_option("--fault", faults, "misbehave, see below; may be given several times")
       ->take_all()
       ->type_name("FAULT");
 
   try {
     app.parse(argc, argv);
-    options.node_id = static_cast<std::uint8_t>(node_id);
     std::copy(positions.begin(), positions.end(), options.start_positions.begin());
     for (const std::string& fault : faults) options.faults.push_back(sim::ParseFault(fault));
-    sim::FindMake(options.make);
+    CheckNodes(nodes, options);
+    if (!sim::FindMake(options.make).has_activation && options.inactive) {
+      throw std::invalid_argument("--inactive: make '" + options.make + "' has no activation");
+    }
   } catch (const CLI::Success& help_or_version) {
     return app.exit(help_or_version);
   } catch (const std::exception& error) {
@@ -96,20 +173,14 @@ int Run(int argc, char** argv) {
     return kWrongUsage;
   }
 
-  // Blocked before any thread exists, so that the signals wait for WaitForEnd.
-  sigset_t signals;
-  sigemptyset(&signals);
-  sigaddset(&signals, SIGINT);
-  sigaddset(&signals, SIGTERM);
-  ::sigprocmask(SIG_BLOCK, &signals, nullptr);
-
+  const sigset_t signals = BlockSignals();
   try {
-    sim::SimulatedDrive drive(options);
-    std::cerr << kProgram << ": " << options.make << " drive, node " << node_id << ", ready on "
+    const Drives drives = PlugIn(nodes, options);
+    std::cerr << kProgram << ": " << options.make << " drive, " << NodeList(nodes) << ", ready on "
               << options.interface << std::endl;
-    const std::string failure = WaitForEnd(drive, signals);
+    const std::string failure = WaitForEnd(drives, signals);
     if (failure.empty()) {
-      std::cerr << kProgram << ": node " << node_id << " unplugged\n";
+      std::cerr << kProgram << ": " << NodeList(nodes) << " unplugged\n";
       return kEnded;
     }
     std::cerr << kProgram << ": " << failure << "; is "

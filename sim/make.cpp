@@ -3,12 +3,17 @@
 #include <stdexcept>
 #include <string>
 
+#include "sim/amps_drive.h"
+#include "sim/hls_drive.h"
+#include "sim/kinco_drive.h"
+#include "sim/tt_drive.h"
 #include "sim/zl_drive.h"
 
 namespace sim {
 
 const std::vector<const Make*>& AllMakes() {
-  static const std::vector<const Make*> makes{&ZlDrive()};
+  static const std::vector<const Make*> makes{&ZlDrive(), &TtDrive(), &HlsDrive(), &AmpsDrive(),
+                                              &KincoDrive()};
   return makes;
 }
 

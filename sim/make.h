@@ -5,8 +5,8 @@
 #include <vector>
 
 #include "sim/axis.h"
-#include "sim/frame.h"
 #include "sim/object_dictionary.h"
+#include "sim/pdo_engine.h"
 
 namespace sim {
 
@@ -17,10 +17,15 @@ struct Make {
   std::uint32_t product_code;  // 0x1018 sub 2
   std::size_t axis_count;
   AxisTraits axis;
-  Time event_timer_unit;  // of sub-index 5 of 0x1800 and following
+  PdoTraits pdo;
   /// Adds the CiA 402 and manufacturer objects and ties them to the axes, which outlive the
   /// dictionary.
   void (*add_objects)(ObjectDictionary& dictionary, std::vector<Axis>& axes);
+  // Can be left inactive: silent and deaf until a frame on its own node-ID wakes it.
+  bool has_activation = false;
+  // Answers on SDO channel 0 too, to the parameters of its axis: index 0x2000 to 0x2FFF plus
+  // 0x1000 times the low four bits of the node-ID.
+  bool has_parameter_channel = false;
 };
 
 const std::vector<const Make*>& AllMakes();

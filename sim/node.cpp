@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <stdexcept>
+#include <string>
 #include <utility>
 
 namespace sim {
@@ -14,21 +15,41 @@ constexpr std::uint32_t kSdoReplyBase = 0x580;
 constexpr std::uint32_t kSdoRequestBase = 0x600;
 constexpr std::uint32_t kHeartbeatBase = 0x700;
 
+// A drive takes its time to wake up; hosts discard what comes right after the activation frame.
+constexpr Time kActivationTime = std::chrono::milliseconds(200);
+constexpr std::uint8_t kActivation = 0x10;  // twice
+
 constexpr std::uint32_t kServoDrive = 0x00020192;  // CiA 402, servo
 constexpr std::uint32_t kVendorId = 0x00FFFF01;    // of no real vendor
 constexpr std::uint32_t kRevision = 0x00010000;
 
 constexpr std::uint16_t kPdoLengthError = 0x8210;  // emergency: PDO not processed, too short
 
-std::uint8_t CheckedNodeId(std::uint8_t node_id) {
-  if (node_id < 1 || node_id > 127) throw std::invalid_argument("the node must be 1 to 127");
-  return node_id;
+const Node::Options& Checked(const Make& make, const Node::Options& options) {
+  if (options.node_id < 1 || options.node_id > 127) {
+    throw std::invalid_argument("the node must be 1 to 127");
+  }
+  if (options.counts_per_revolution < 0 ||
+      options.counts_per_revolution > Node::kMaxCountsPerRevolution) {
+    throw std::invalid_argument("the counts per revolution must be 1 to " +
+                                std::to_string(Node::kMaxCountsPerRevolution));
+  }
+  if (options.tpdo1_id > 0x7FF) throw std::invalid_argument("an identifier has 11 bits");
+  if (options.inactive && !make.has_activation) {
+    throw std::invalid_argument("a drive of make '" + std::string(make.name) +
+                                "' is always active");
+  }
+  return options;
 }
 
 std::vector<Axis> MakeAxes(const Make& make, const Node::Options& options) {
+  AxisTraits traits = make.axis;
+  if (options.counts_per_revolution != 0) {
+    traits.counts_per_revolution = options.counts_per_revolution;
+  }
   std::vector<Axis> axes;
   for (std::size_t i = 0; i < make.axis_count; ++i) {
-    axes.emplace_back(make.axis, options.start_positions.at(i));
+    axes.emplace_back(traits, options.start_positions.at(i));
   }
   return axes;
 }
@@ -36,13 +57,14 @@ std::vector<Axis> MakeAxes(const Make& make, const Node::Options& options) {
 }  // namespace
 
 Node::Node(const Make& make, const Options& options, FrameSink send)
-    : options_(options),
+    : make_(make),
+      options_(Checked(make, options)),
       send_(std::move(send)),
       axes_(MakeAxes(make, options)),
-      pdos_(dictionary_, CheckedNodeId(options.node_id), make.event_timer_unit,
-            [this](const Frame& frame) { send_(frame); }) {
+      pdos_(dictionary_, options.node_id, make.pdo, [this](const Frame& frame) { send_(frame); }) {
   AddCommonObjects(make);
   make.add_objects(dictionary_, axes_);
+  if (options.tpdo1_id != 0) dictionary_.SetPowerOnValue(0x1800, 1, options.tpdo1_id);
 }
 
 void Node::AddCommonObjects(const Make& make) {
@@ -66,12 +88,22 @@ void Node::AddCommonObjects(const Make& make) {
 
 void Node::PowerOn() {
   if (nmt_state_ != NmtState::kPowerOff) return;
+  if (options_.inactive) {
+    awaits_activation_ = !boots_at_;
+  } else {
+    BootUp();
+  }
+}
+
+void Node::BootUp() {
   ResetApplication();
   ResetCommunication();
 }
 
 void Node::PowerCut() {
   nmt_state_ = NmtState::kPowerOff;
+  awaits_activation_ = false;
+  boots_at_.reset();
   pdos_.Stop();
   late_replies_.clear();
   for (Axis& axis : axes_) axis.Reset();
@@ -94,7 +126,10 @@ void Node::ResetCommunication() {
 }
 
 void Node::Receive(const Frame& frame) {
-  if (nmt_state_ == NmtState::kPowerOff) return;
+  if (nmt_state_ == NmtState::kPowerOff) {
+    ReceiveActivation(frame);
+    return;
+  }
   if (frame.id == kNmtId) {
     ReceiveNmt(frame);
   } else if (frame.id == kSyncId) {
@@ -102,7 +137,9 @@ void Node::Receive(const Frame& frame) {
     pdos_.Sync();
   } else if (frame.id == kSdoRequestBase + options_.node_id) {
     ++received_.sdo;
-    ReceiveSdo(frame);
+    ReceiveSdo(frame, kSdoReplyBase + options_.node_id, 0);
+  } else if (frame.id == kSdoRequestBase && make_.has_parameter_channel) {
+    ReceiveParameterChannel(frame);
   } else {
     const PdoEngine::Receipt receipt = pdos_.Receive(frame);
     if (receipt != PdoEngine::Receipt::kNotMine) ++received_.pdo;
@@ -128,7 +165,24 @@ void Node::ReceiveNmt(const Frame& frame) {
   if (next != NmtState::kOperational) pdos_.Stop();
 }
 
-void Node::ReceiveSdo(const Frame& frame) {
+void Node::ReceiveActivation(const Frame& frame) {
+  const bool is_activation = frame.id == options_.node_id && frame.length == 2 &&
+                             frame.data[0] == kActivation && frame.data[1] == kActivation;
+  if (!awaits_activation_ || !is_activation) return;
+  awaits_activation_ = false;
+  boots_at_ = now_ + kActivationTime;
+}
+
+void Node::ReceiveParameterChannel(const Frame& frame) {
+  const auto offset = static_cast<std::uint16_t>(options_.node_id << 12);
+  const std::uint16_t index = DecodeSdoRequest(frame.data).index;
+  // Every other index is the business of another axis on the bus.
+  if (((index - offset) & 0xF000) != 0x2000) return;
+  ++received_.sdo;
+  ReceiveSdo(frame, kSdoReplyBase, offset);
+}
+
+void Node::ReceiveSdo(const Frame& frame, std::uint32_t reply_id, std::uint16_t index_offset) {
   // CiA 301: SDO frames have eight bytes, and there is no SDO in the state stopped.
   if (nmt_state_ == NmtState::kStopped || frame.length != 8) return;
   const SdoRequest request = DecodeSdoRequest(frame.data);
@@ -137,18 +191,22 @@ void Node::ReceiveSdo(const Frame& frame) {
     case SdoFaults::Verdict::Action::kIgnore:
       return;
     case SdoFaults::Verdict::Action::kAbort:
-      SendSdoReply(SdoAbort(request.index, request.sub, verdict.code));
+      SendSdoReply(reply_id, SdoAbort(request.index, request.sub, verdict.code));
       return;
     case SdoFaults::Verdict::Action::kServe:
       break;
   }
-  const auto reply = ServeSdo(dictionary_, request);
-  if (reply) SendSdoReply(*reply);
+  SdoRequest own = request;
+  own.index = static_cast<std::uint16_t>(request.index - index_offset);
+  auto reply = ServeSdo(dictionary_, own);
+  if (!reply) return;
+  PutLittleEndian(reply->begin() + 1, 2, request.index);
+  SendSdoReply(reply_id, *reply);
 }
 
-void Node::SendSdoReply(const SdoBytes& bytes) {
+void Node::SendSdoReply(std::uint32_t id, const SdoBytes& bytes) {
   const SdoFaults::Reply& fault = sdo_faults_.reply();
-  Frame frame{kSdoReplyBase + options_.node_id, fault.length, bytes};
+  Frame frame{id, fault.length, bytes};
   if (fault.wrong_index) {
     PutLittleEndian(frame.data.begin() + 1, 2, GetLittleEndian(frame.data.begin() + 1, 2) + 1);
   }
@@ -173,6 +231,11 @@ void Node::Step() {
     timed_faults_.erase(timed_faults_.begin() + static_cast<std::ptrdiff_t>(i));
     Strike(fault);
   }
+  if (boots_at_ && now_ >= *boots_at_) {
+    boots_at_.reset();
+    BootUp();
+    SendEmergency(0);
+  }
   if (nmt_state_ == NmtState::kPowerOff) return;
 
   for (Axis& axis : axes_) axis.Step();
@@ -189,6 +252,7 @@ void Node::Step() {
 Time Node::NextEvent() const {
   Time next = Time::max();
   for (const TimedFault& timed : timed_faults_) next = std::min(next, timed.at);
+  if (boots_at_) next = std::min(next, *boots_at_);
   if (nmt_state_ == NmtState::kPowerOff) return next;
   if (!late_replies_.empty()) next = std::min(next, late_replies_.front().at);
   return std::min({next, heartbeat_.NextEvent(), pdos_.NextEvent()});
@@ -200,6 +264,8 @@ void Node::Inject(const Fault& fault) {
     case Fault::Kind::kPowerOnAfter:
     case Fault::Kind::kErrorAfter:
     case Fault::Kind::kNoHeartbeatAfter:
+    case Fault::Kind::kEmergencyStopAfter:
+    case Fault::Kind::kEmergencyReleaseAfter:
       if (fault.number == 0) {
         Strike(fault);
       } else {
@@ -226,6 +292,12 @@ void Node::Strike(const Fault& fault) {
     case Fault::Kind::kNoHeartbeatAfter:
       heartbeat_lost_ = true;
       break;
+    case Fault::Kind::kEmergencyStopAfter:
+      PressEmergencyStop();
+      break;
+    case Fault::Kind::kEmergencyReleaseAfter:
+      ReleaseEmergencyStop();
+      break;
     default:
       break;
   }
@@ -242,6 +314,14 @@ void Node::LatchError(std::uint16_t error_code, std::size_t axis) {
   axes_.at(axis - 1).Trip(error_code);
   for (Axis& other : axes_) other.Trip(0);
   ReportFaultChange();
+}
+
+void Node::PressEmergencyStop() {
+  for (Axis& axis : axes_) axis.PressEmergencyStop();
+}
+
+void Node::ReleaseEmergencyStop() {
+  for (Axis& axis : axes_) axis.ReleaseEmergencyStop();
 }
 
 bool Node::InFault() const {

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <optional>
 #include <vector>
 
 #include "sim/axis.h"
@@ -29,19 +30,26 @@ struct ReceivedFrames {
 class Node {
  public:
   static constexpr std::size_t kMaxAxes = 4;
+  static constexpr std::int32_t kMaxCountsPerRevolution = 1 << 21;
 
   struct Options {
     std::uint8_t node_id = 1;
     std::uint16_t heartbeat_ms = 0;  // value of 0x1017 at power-on
     std::array<std::int32_t, kMaxAxes> start_positions{};
+    std::int32_t counts_per_revolution = 0;  // 0 = the make's
+    std::uint16_t tpdo1_id = 0;              // identifier at power-on; 0 = 0x180 + node-ID
+    bool inactive = false;  // after PowerOn silent and deaf until the activation frame
   };
 
-  /// Throws std::invalid_argument when the node-ID is not in 1 to 127. The node is switched off.
+  /// Throws std::invalid_argument when the node-ID is not in 1 to 127, another option is out of its
+  /// range or the make has no activation. The node is switched off.
   Node(const Make& make, const Options& options, FrameSink send);
   Node(const Node&) = delete;
   Node& operator=(const Node&) = delete;
 
   /// Boots up: everything has its power-on value, the boot-up message is sent. No effect when on.
+  /// An inactive node does so some time after its activation frame, [10 10] on its node-ID, and
+  /// adds an emergency message that says "no error".
   void PowerOn();
   /// Falls silent and deaf; the motors stand still at once.
   void PowerCut();
@@ -59,6 +67,9 @@ class Node {
   /// Trips the drive until a fault reset. The code shows in the given axis (counted from 1); all
   /// axes stop, because a vehicle that goes on with one wheel turns on the spot.
   void LatchError(std::uint16_t error_code, std::size_t axis = 1);
+  /// The input of a switch, which keeps its position when the node is off or reset.
+  void PressEmergencyStop();
+  void ReleaseEmergencyStop();
 
   NmtState nmt_state() const { return nmt_state_; }
   const ReceivedFrames& received() const { return received_; }
@@ -78,8 +89,11 @@ class Node {
 
   void AddCommonObjects(const Make& make);
   void ReceiveNmt(const Frame& frame);
-  void ReceiveSdo(const Frame& frame);
-  void SendSdoReply(const SdoBytes& bytes);
+  void ReceiveActivation(const Frame& frame);
+  void ReceiveParameterChannel(const Frame& frame);
+  void ReceiveSdo(const Frame& frame, std::uint32_t reply_id, std::uint16_t index_offset);
+  void SendSdoReply(std::uint32_t id, const SdoBytes& bytes);
+  void BootUp();
   void ResetApplication();
   void ResetCommunication();
   void Strike(const Fault& fault);
@@ -88,10 +102,13 @@ class Node {
   void SendEmergency(std::uint16_t error_code);
   void ReportFaultChange();
 
+  const Make& make_;
   Options options_;
   FrameSink send_;
   Time now_{0};
-  NmtState nmt_state_ = NmtState::kPowerOff;
+  NmtState nmt_state_ = NmtState::kPowerOff;  // also while it waits for its activation
+  bool awaits_activation_ = false;
+  std::optional<Time> boots_at_;
   std::vector<Axis> axes_;
   ObjectDictionary dictionary_;
   PdoEngine pdos_;

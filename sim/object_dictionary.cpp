@@ -61,20 +61,33 @@ AbortCode ObjectDictionary::Download(std::uint16_t index, std::uint8_t sub, unsi
   if (found.object == nullptr) return found.error;
   if (!found.object->writable()) return AbortCode::kReadOnly;
   if (size != 0 && size > found.object->size()) return AbortCode::kLengthTooHigh;
-  if (size != 0 && size < found.object->size()) return AbortCode::kLengthTooLow;
+  if (size != 0 && size < found.object->size()) {
+    if (!found.object->accepts_short()) return AbortCode::kLengthTooLow;
+    value = Cut(value, size);
+  }
   return found.object->Write(value);
 }
 
-std::uint32_t ObjectDictionary::Get(std::uint16_t index, std::uint8_t sub) const {
+const Object& ObjectDictionary::At(std::uint16_t index, std::uint8_t sub) const {
   const auto entry = objects_.find({index, sub});
   if (entry == objects_.end()) throw std::out_of_range("no object " + Name(index, sub));
-  return entry->second.Read();
+  return entry->second;
+}
+
+std::uint32_t ObjectDictionary::Get(std::uint16_t index, std::uint8_t sub) const {
+  return At(index, sub).Read();
 }
 
 AbortCode ObjectDictionary::Set(std::uint16_t index, std::uint8_t sub, std::uint32_t value) {
   const auto entry = objects_.find({index, sub});
   if (entry == objects_.end()) throw std::out_of_range("no object " + Name(index, sub));
   return entry->second.Write(value);
+}
+
+void ObjectDictionary::SetPowerOnValue(std::uint16_t index, std::uint8_t sub, std::uint32_t value) {
+  const auto entry = objects_.find({index, sub});
+  if (entry == objects_.end()) throw std::out_of_range("no object " + Name(index, sub));
+  entry->second.SetPowerOnValue(value);
 }
 
 void ObjectDictionary::Reset(std::uint16_t first_index, std::uint16_t last_index) {

@@ -25,6 +25,7 @@ enum class AbortCode : std::uint32_t {
   kValueTooHigh = 0x06090031,
   kValueTooLow = 0x06090032,
   kGeneral = 0x08000000,
+  kNotStored = 0x08000020,
   kDeviceState = 0x08000022,
 };
 
@@ -49,6 +50,16 @@ class Object {
     mappable_ = true;
     return *this;
   }
+  /// Changes all the while that the motor turns, so that a change is no event for a PDO.
+  Object& Continuous() {
+    continuous_ = true;
+    return *this;
+  }
+  /// A download of fewer bytes is extended by zeros.
+  Object& AcceptShort() {
+    accepts_short_ = true;
+    return *this;
+  }
   /// Called before the value is stored; anything but kNone refuses it.
   Object& OnWrite(WriteHook hook) {
     on_write_ = std::move(hook);
@@ -62,12 +73,15 @@ class Object {
 
   unsigned size() const { return size_; }
   bool mappable() const { return mappable_; }
+  bool continuous() const { return continuous_; }
+  bool accepts_short() const { return accepts_short_; }
   bool readable() const { return access_ != Access::kWriteOnly; }
   bool writable() const { return access_ == Access::kReadWrite || access_ == Access::kWriteOnly; }
 
   std::uint32_t Read() const;
   AbortCode Write(std::uint32_t value);
   void Reset() { value_ = initial_; }
+  void SetPowerOnValue(std::uint32_t value) { initial_ = value_ = value; }
 
  private:
   unsigned size_;
@@ -77,6 +91,8 @@ class Object {
   std::uint32_t min_ = 0;
   std::uint32_t max_ = std::numeric_limits<std::uint32_t>::max();
   bool mappable_ = false;
+  bool continuous_ = false;
+  bool accepts_short_ = false;
   WriteHook on_write_;
   ReadHook on_read_;
 };
@@ -107,8 +123,12 @@ class ObjectDictionary {
   AbortCode Download(std::uint16_t index, std::uint8_t sub, unsigned size, std::uint32_t value);
 
   /// What the device itself may do: no access or size check. Throw std::out_of_range when absent.
+  const Object& At(std::uint16_t index, std::uint8_t sub) const;
   std::uint32_t Get(std::uint16_t index, std::uint8_t sub) const;
   AbortCode Set(std::uint16_t index, std::uint8_t sub, std::uint32_t value);
+
+  /// For the making of a device: no hook is called.
+  void SetPowerOnValue(std::uint16_t index, std::uint8_t sub, std::uint32_t value);
 
   /// Power-on values again for the objects of these indices; no hook is called.
   void Reset(std::uint16_t first_index, std::uint16_t last_index);

@@ -24,7 +24,6 @@ constexpr std::uint32_t kLastSynchronous = 0xF0;
 constexpr std::uint32_t kManufacturerEvent = 0xFE;
 constexpr std::uint32_t kProfileEvent = 0xFF;
 
-constexpr Time kInhibitUnit{100};
 constexpr unsigned kMaxMapped = 8;
 
 std::uint16_t Nth(std::uint16_t first, std::size_t number) {
@@ -51,9 +50,9 @@ unsigned MappedBits(std::uint32_t entry) { return entry & 0xFFU; }
 
 }  // namespace
 
-PdoEngine::PdoEngine(ObjectDictionary& dictionary, std::uint8_t node_id, Time event_timer_unit,
+PdoEngine::PdoEngine(ObjectDictionary& dictionary, std::uint8_t node_id, const PdoTraits& traits,
                      FrameSink send)
-    : dictionary_(dictionary), event_timer_unit_(event_timer_unit), send_(std::move(send)) {
+    : dictionary_(dictionary), traits_(traits), send_(std::move(send)) {
   for (std::size_t number = 0; number < kCount; ++number) {
     const auto function = static_cast<std::uint32_t>(0x100 * number);
     AddReceivePdo(number, 0x200 + function + node_id);
@@ -82,15 +81,21 @@ void PdoEngine::AddTransmitPdo(std::size_t number, std::uint32_t cob_id) {
       });
   dictionary_.Add(pdo.communication, kTransmissionType, 1, Access::kReadWrite, kProfileEvent)
       .OnWrite(CheckTransmissionType);
-  dictionary_.Add(pdo.communication, kInhibitTime, 2, Access::kReadWrite)
-      .OnWrite([this, pdo](std::uint32_t) {
-        return Valid(pdo.communication) ? AbortCode::kDeviceState : AbortCode::kNone;
-      });
-  dictionary_.Add(pdo.communication, kEventTimer, 2, Access::kReadWrite)
-      .OnWrite([this, number](std::uint32_t) {
-        transmit_[number].timer_start = now_;
-        return AbortCode::kNone;
-      });
+  Object& inhibit_time = dictionary_.Add(pdo.communication, kInhibitTime, 2, Access::kReadWrite);
+  inhibit_time.OnWrite([this, pdo, number](std::uint32_t) {
+    if (Locked(pdo.communication)) return AbortCode::kDeviceState;
+    if (traits_.inhibit_time_is_period) transmit_[number].timer_start = now_;
+    return AbortCode::kNone;
+  });
+  Object& event_timer = dictionary_.Add(pdo.communication, kEventTimer, 2, Access::kReadWrite);
+  event_timer.OnWrite([this, number](std::uint32_t) {
+    transmit_[number].timer_start = now_;
+    return AbortCode::kNone;
+  });
+  if (traits_.accepts_short_times) {
+    inhibit_time.AcceptShort();
+    event_timer.AcceptShort();
+  }
   AddMapping(pdo);
 }
 
@@ -101,7 +106,7 @@ void PdoEngine::AddMapping(const Direction& pdo) {
   for (std::uint8_t sub = 1; sub <= kMaxMapped; ++sub) {
     dictionary_.Add(pdo.mapping, sub, 4, Access::kReadWrite)
         .OnWrite([this, pdo](std::uint32_t entry) {
-          if (Valid(pdo.communication) || dictionary_.Get(pdo.mapping, 0) != 0) {
+          if (Locked(pdo.communication) || dictionary_.Get(pdo.mapping, 0) != 0) {
             return AbortCode::kDeviceState;
           }
           return CheckMappedObject(pdo.transmit, entry);
@@ -131,7 +136,7 @@ AbortCode PdoEngine::CheckMappedObject(bool transmit, std::uint32_t mapping) {
 }
 
 AbortCode PdoEngine::CheckMappedCount(const Direction& pdo, std::uint32_t count) const {
-  if (Valid(pdo.communication)) return AbortCode::kDeviceState;
+  if (Locked(pdo.communication)) return AbortCode::kDeviceState;
   if (count > kMaxMapped) return AbortCode::kPdoLengthExceeded;
   unsigned bits = 0;
   for (unsigned sub = 1; sub <= count; ++sub) {
@@ -158,9 +163,11 @@ void PdoEngine::Step(Time now) {
     const std::uint32_t type = dictionary_.Get(communication, kTransmissionType);
     if (type <= kLastSynchronous) continue;
     const bool timer_expired = now >= EventTime(number);
-    if (!timer_expired && type != kManufacturerEvent) continue;
-    const Payload payload = Collect(Nth(kTransmitMapping, number));
-    if (timer_expired || !(payload == transmit_[number].last)) Send(number, payload);
+    const bool looks_up = type == kManufacturerEvent && now % traits_.change_detection == Time(0);
+    if (!timer_expired && !looks_up) continue;
+    const std::uint16_t mapping = Nth(kTransmitMapping, number);
+    const Payload payload = Collect(mapping);
+    if (timer_expired || Eventful(mapping, transmit_[number].last, payload)) Send(number, payload);
   }
 }
 
@@ -210,8 +217,11 @@ Time PdoEngine::NextEvent() const {
     if (!Valid(communication)) continue;
     const std::uint32_t type = dictionary_.Get(communication, kTransmissionType);
     if (type <= kLastSynchronous) continue;
-    // A mapped value may change at every step.
-    const Time wanted = type == kManufacturerEvent ? now_ + kStep : EventTime(number);
+    Time wanted = EventTime(number);
+    if (type == kManufacturerEvent) {
+      const Time look_up = (now_ / traits_.change_detection + 1) * traits_.change_detection;
+      wanted = std::min(wanted, look_up);
+    }
     next = std::min(next, std::max(wanted, transmit_[number].inhibited_until));
   }
   return next;
@@ -219,6 +229,10 @@ Time PdoEngine::NextEvent() const {
 
 bool PdoEngine::Valid(std::uint16_t communication) const {
   return (dictionary_.Get(communication, kCobId) & kInvalid) == 0;
+}
+
+bool PdoEngine::Locked(std::uint16_t communication) const {
+  return Valid(communication) && !traits_.configurable_while_valid;
 }
 
 unsigned PdoEngine::MappedLength(std::uint16_t mapping) const {
@@ -253,11 +267,27 @@ PdoEngine::Payload PdoEngine::Collect(std::uint16_t mapping) const {
   return payload;
 }
 
+bool PdoEngine::Eventful(std::uint16_t mapping, const Payload& before, const Payload& now) const {
+  if (before.length != now.length) return true;
+  const std::uint32_t count = dictionary_.Get(mapping, 0);
+  std::size_t first = 0;
+  for (std::uint8_t sub = 1; sub <= count; ++sub) {
+    const std::uint32_t entry = dictionary_.Get(mapping, sub);
+    const std::size_t last = first + MappedBits(entry) / 8;
+    const bool same =
+        std::equal(now.data.data() + first, now.data.data() + last, before.data.data() + first);
+    if (!same && !dictionary_.At(MappedIndex(entry), MappedSub(entry)).continuous()) return true;
+    first = last;
+  }
+  return false;
+}
+
 void PdoEngine::Send(std::size_t number, const Payload& payload) {
   const std::uint16_t communication = Nth(kTransmitCommunication, number);
   Transmit& transmit = transmit_[number];
   transmit.timer_start = now_;
-  transmit.inhibited_until = now_ + dictionary_.Get(communication, kInhibitTime) * kInhibitUnit;
+  transmit.inhibited_until =
+      now_ + dictionary_.Get(communication, kInhibitTime) * traits_.inhibit_unit;
   transmit.last = payload;
   transmit.syncs = 0;
   // Without a mapped object there is nothing to send.
@@ -271,8 +301,12 @@ void PdoEngine::Restart(Transmit& transmit) {
 }
 
 Time PdoEngine::EventTime(std::size_t number) const {
-  const std::uint32_t timer = dictionary_.Get(Nth(kTransmitCommunication, number), kEventTimer);
-  return timer == 0 ? Time::max() : transmit_[number].timer_start + timer * event_timer_unit_;
+  const std::uint16_t communication = Nth(kTransmitCommunication, number);
+  Time period = dictionary_.Get(communication, kEventTimer) * traits_.event_timer_unit;
+  if (period == Time(0) && traits_.inhibit_time_is_period) {
+    period = dictionary_.Get(communication, kInhibitTime) * traits_.inhibit_unit;
+  }
+  return period == Time(0) ? Time::max() : transmit_[number].timer_start + period;
 }
 
 }  // namespace sim

@@ -9,22 +9,33 @@
 
 namespace sim {
 
+/// Where a make's PDOs differ from CiA 301.
+struct PdoTraits {
+  Time event_timer_unit = std::chrono::milliseconds(1);  // of sub-index 5 of 0x1800 onwards
+  Time inhibit_unit = std::chrono::microseconds(100);    // of sub-index 3
+  // Without an event timer, a transmit PDO is sent whenever its inhibit time is over.
+  bool inhibit_time_is_period = false;
+  bool configurable_while_valid = false;  // mapping and inhibit time; not the identifier
+  bool accepts_short_times = false;       // event timer and inhibit time as one byte
+  Time change_detection = kStep;          // changes of mapped values are noticed this often
+};
+
 /// Four receive and four transmit PDOs, decided by their objects 0x1400, 0x1600, 0x1800 and 0x1A00
 /// onwards.
 ///
 /// Transmission types of a transmit PDO: 0 = at a SYNC when a mapped value has changed; 1 to 240 =
-/// at every n-th SYNC; 0xFE (manufacturer-specific event) = when a mapped value changes and when
-/// the event timer expires, but not before the inhibit time is over; 0xFF (profile-specific event)
-/// = only when the event timer expires. Of a receive PDO: 0 to 240 = takes effect at the next SYNC;
-/// 0xFE and 0xFF = at once.
+/// at every n-th SYNC; 0xFE (manufacturer-specific event) = when a mapped value that is not
+/// continuous changes and when the event timer expires, but not before the inhibit time is over;
+/// 0xFF (profile-specific event) = only when the event timer expires. Of a receive PDO: 0 to 240 =
+/// takes effect at the next SYNC; 0xFE and 0xFF = at once.
 class PdoEngine {
  public:
   static constexpr std::size_t kCount = 4;
 
   enum class Receipt { kNotMine, kTaken, kTooShort };
 
-  /// Adds its objects to the dictionary. One unit of the event timer (sub-index 5) is a make's own.
-  PdoEngine(ObjectDictionary& dictionary, std::uint8_t node_id, Time event_timer_unit,
+  /// Adds its objects to the dictionary.
+  PdoEngine(ObjectDictionary& dictionary, std::uint8_t node_id, const PdoTraits& traits,
             FrameSink send);
   PdoEngine(const PdoEngine&) = delete;
   PdoEngine& operator=(const PdoEngine&) = delete;
@@ -74,15 +85,17 @@ class PdoEngine {
   AbortCode CheckMappedCount(const Direction& pdo, std::uint32_t count) const;
 
   bool Valid(std::uint16_t communication) const;
+  bool Locked(std::uint16_t communication) const;
   unsigned MappedLength(std::uint16_t mapping) const;
   void Apply(std::uint16_t mapping, const Frame& frame);
   Payload Collect(std::uint16_t mapping) const;
+  bool Eventful(std::uint16_t mapping, const Payload& before, const Payload& now) const;
   void Send(std::size_t number, const Payload& payload);
   void Restart(Transmit& transmit);
   Time EventTime(std::size_t number) const;
 
   ObjectDictionary& dictionary_;
-  Time event_timer_unit_;
+  PdoTraits traits_;
   FrameSink send_;
   bool running_ = false;
   Time now_{0};

@@ -32,6 +32,9 @@ Node::Options NodeOptions(const SimulatedDrive::Options& options) {
   node.node_id = options.node_id;
   node.heartbeat_ms = options.heartbeat_ms;
   node.start_positions = options.start_positions;
+  node.counts_per_revolution = options.counts_per_revolution;
+  node.tpdo1_id = options.tpdo1_id;
+  node.inactive = options.inactive;
   return node;
 }
 
@@ -136,6 +139,14 @@ void SimulatedDrive::PowerCut() {
 
 void SimulatedDrive::PowerOn() {
   Change([&] { node_.PowerOn(); });
+}
+
+void SimulatedDrive::PressEmergencyStop() {
+  Change([&] { node_.PressEmergencyStop(); });
+}
+
+void SimulatedDrive::ReleaseEmergencyStop() {
+  Change([&] { node_.ReleaseEmergencyStop(); });
 }
 
 std::string SimulatedDrive::Failure() {

@@ -36,11 +36,14 @@ class SimulatedDrive {
     std::uint16_t heartbeat_ms = 0;  // 0 = no heartbeats until a host asks for them
     std::array<std::int32_t, Node::kMaxAxes> start_positions{};  // counts, of each axis in turn
     std::vector<Fault> faults;
-    bool powered = true;  // false: silent until PowerOn
+    bool powered = true;                     // false: silent until PowerOn
+    std::int32_t counts_per_revolution = 0;  // 0 = the make's
+    std::uint16_t tpdo1_id = 0;              // identifier at power-on; 0 = 0x180 + node-ID
+    bool inactive = false;                   // silent until activated (makes that know it)
   };
 
-  /// Throws std::invalid_argument on an unknown make or node-ID, std::system_error without the
-  /// interface.
+  /// Throws std::invalid_argument on an unknown make or options that Node refuses,
+  /// std::system_error without the interface.
   explicit SimulatedDrive(const Options& options);
   ~SimulatedDrive();
   SimulatedDrive(const SimulatedDrive&) = delete;
@@ -64,6 +67,8 @@ class SimulatedDrive {
   void LatchError(std::uint16_t error_code, std::size_t axis = 1);
   void PowerCut();
   void PowerOn();
+  void PressEmergencyStop();
+  void ReleaseEmergencyStop();
 
   /// Why the drive has left the bus by itself (its interface disappeared); empty while it works.
   std::string Failure();

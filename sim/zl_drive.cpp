@@ -99,7 +99,7 @@ const Make& ZlDrive() {
       1,
       kAxisCount,
       {4096, 1, 1, kVelocityMode, 10000, 6000},
-      Time(500),
+      {Time(500)},
       AddObjects,
   };
   return make;

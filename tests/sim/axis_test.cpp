@@ -156,8 +156,8 @@ TEST(AxisTest, NeverExceedsItsHighestSpeed) {
 }
 
 TEST(AxisTest, ConvertsTheUnitsOfItsMake) {
-  // 512 * 10000 / 1875 units are one rpm.
-  Axis axis({10000, 1875, 512 * 10000, -3, 10000, 3000}, 0);
+  // Counts per minute: 512 * 10000 / 1875 units are one rpm.
+  Axis axis({10000, 1875, 512, -3, 10000, 3000, {}, true}, 0);
   axis.SetMode(-3);
   for (const int word : {0x06, 0x07, 0x0F}) axis.SetControlword(static_cast<std::uint16_t>(word));
   axis.SetTargetVelocity(2731);
@@ -167,6 +167,29 @@ TEST(AxisTest, ConvertsTheUnitsOfItsMake) {
   Advance(axis, 2 * kStepsPerSecond);
   EXPECT_DOUBLE_EQ(axis.SpeedRpm(), 3000.0);
   EXPECT_EQ(axis.VelocityUnits(), 8192000);
+}
+
+TEST(AxisTest, AnEmergencyStopStopsOnTheQuickRampAndOutlastsAReset) {
+  Axis axis = Enabled();
+  axis.SetDeceleration(1);
+  axis.SetTargetVelocity(100);
+  Advance(axis, 100);
+  axis.PressEmergencyStop();
+  EXPECT_EQ(axis.Statusword(), 0x50);
+  Advance(axis, 20);
+  EXPECT_DOUBLE_EQ(axis.SpeedRpm(), 0.0);
+  axis.Reset();
+  EXPECT_TRUE(axis.emergency_pressed());
+  axis.ReleaseEmergencyStop();
+  EXPECT_FALSE(axis.emergency_pressed());
+}
+
+TEST(AxisTest, AFaultCanBeResetWithoutAControlword) {
+  Axis axis(kTraits, 0);
+  axis.Trip(0x2310);
+  axis.ResetFault();
+  EXPECT_EQ(axis.Statusword(), 0x50);
+  EXPECT_EQ(axis.error_code(), 0);
 }
 
 TEST(AxisTest, ResetGoesBackToTheStartPositionAtRest) {

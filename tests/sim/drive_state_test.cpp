@@ -109,5 +109,84 @@ TEST(DriveStateTest, OtherCommandsHoldOnlyWithoutTheFaultResetBit) {
   EXPECT_EQ(After({0x06, 0x8F}), kReady);
 }
 
+TEST(DriveStateRulesTest, EnableOperationMayNeedNoShutdown) {
+  StateRules rules;
+  rules.enable_needs_shutdown = false;
+  DriveState state(rules);
+  state.Control(0x0F);
+  EXPECT_EQ(state.Statusword(), kEnabled);
+}
+
+TEST(DriveStateRulesTest, TheControlwordMayNotResetFaults) {
+  StateRules rules;
+  rules.controlword_resets_faults = false;
+  DriveState state(rules);
+  state.Fault();
+  state.ResetFault();
+  EXPECT_EQ(state.Statusword(), kFaultReaction) << "the motor still turns";
+  state.Stopped();
+  state.Control(0x80);
+  EXPECT_EQ(state.Statusword(), kFault);
+  state.ResetFault();
+  EXPECT_EQ(state.Statusword(), kSwitchOnDisabled);
+}
+
+TEST(DriveStateRulesTest, AFaultResetMayShutDownInOne) {
+  StateRules rules;
+  rules.fault_reset_shuts_down = true;
+  for (const bool pressed : {false, true}) {
+    for (const std::uint16_t word : {std::uint16_t{0x80}, std::uint16_t{0x86}}) {
+      DriveState state(rules);
+      state.Fault();
+      state.Stopped();
+      if (pressed) state.PressEmergencyStop();
+      state.Control(word);
+      EXPECT_EQ(state.Statusword(), word == 0x86 && !pressed ? kReady : kSwitchOnDisabled);
+    }
+  }
+}
+
+TEST(EmergencyStopTest, DisablesAndTakesNoCommandWhilePressed) {
+  DriveState state;
+  Control(state, {0x06, 0x0F});
+  state.PressEmergencyStop();
+  EXPECT_EQ(state.Statusword(), kSwitchOnDisabled);
+  Control(state, {0x00, 0x06, 0x07, 0x0F});
+  EXPECT_EQ(state.Statusword(), kSwitchOnDisabled);
+  EXPECT_TRUE(state.emergency_pressed());
+}
+
+TEST(EmergencyStopTest, WaitsForDisableVoltageAfterTheRelease) {
+  DriveState state;
+  state.PressEmergencyStop();
+  state.ReleaseEmergencyStop();
+  EXPECT_FALSE(state.emergency_pressed());
+  EXPECT_TRUE(state.InEmergency());
+  Control(state, {0x06, 0x0F});
+  EXPECT_EQ(state.Statusword(), kSwitchOnDisabled);
+  state.Control(0x00);
+  EXPECT_FALSE(state.InEmergency());
+  EXPECT_EQ(state.Statusword(), kSwitchOnDisabled);
+  Control(state, {0x06, 0x0F});
+  EXPECT_EQ(state.Statusword(), kEnabled);
+}
+
+TEST(EmergencyStopTest, AReleaseWithoutAPressMeansNothing) {
+  DriveState state;
+  state.ReleaseEmergencyStop();
+  Control(state, {0x06, 0x0F});
+  EXPECT_EQ(state.Statusword(), kEnabled);
+}
+
+TEST(EmergencyStopTest, DoesNotHideAFault) {
+  DriveState state;
+  state.Fault();
+  state.Stopped();
+  state.PressEmergencyStop();
+  EXPECT_EQ(state.Statusword(), kFault);
+  state.Control(0x80);
+  EXPECT_EQ(state.Statusword(), kSwitchOnDisabled);
+}
+
 }  // namespace
 }  // namespace sim

@@ -2,44 +2,21 @@
 
 #include <gtest/gtest.h>
 
+#include <set>
 #include <stdexcept>
-#include <string>
-#include <utility>
-#include <vector>
+#include <string_view>
 
 #include "sim/zl_drive.h"
-#include "tests/sim/candump_text.h"
+#include "tests/sim/node_fixture.h"
 
 namespace sim {
 namespace {
 
-using Texts = std::vector<std::string>;
-
-// A dual-motor drive as node 1, without a bus: frames in and out as text, time by hand.
-class NodeTest : public testing::Test {
+// A dual-motor drive as node 1.
+class NodeTest : public NodeFixture {
  protected:
-  explicit NodeTest(const Node::Options& options = {})
-      : node(ZlDrive(), options, [this](const Frame& frame) { sent.push_back(ToText(frame)); }) {}
+  explicit NodeTest(const Node::Options& options = {}) : NodeFixture(ZlDrive(), options) {}
 
-  Texts Sent() { return std::exchange(sent, {}); }
-  // What the node sends at once in answer to the frame.
-  Texts After(const std::string& frame) {
-    Sent();
-    node.Receive(FromText(frame));
-    return Sent();
-  }
-  Texts Advance(int milliseconds) {
-    Sent();
-    for (int i = 0; i < 2 * milliseconds; ++i) node.Step();
-    return Sent();
-  }
-  // Every write must be acknowledged.
-  void WriteAll(const Texts& requests) {
-    for (const std::string& request : requests) {
-      const Texts expected{"581#60" + request.substr(6, 6) + "00000000"};
-      EXPECT_EQ(After(request), expected) << request;
-    }
-  }
   void BringUp() {
     WriteAll({
         "601#2B122001C8000000", "601#2B122002C8000000", "601#2B14200196000000",
@@ -58,101 +35,98 @@ class NodeTest : public testing::Test {
         "601#2B031805A00F0000", "601#2303180181040000",
     });
   }
-
-  Texts sent;
-  Node node;
 };
 
 TEST_F(NodeTest, IsSilentAndDeafUntilPoweredOn) {
   EXPECT_EQ(After("601#4000100000000000"), Texts{});
   EXPECT_EQ(After("000#0101"), Texts{});
   EXPECT_EQ(Advance(10), Texts{});
-  EXPECT_EQ(node.nmt_state(), NmtState::kPowerOff);
+  EXPECT_EQ(node_.nmt_state(), NmtState::kPowerOff);
 }
 
 TEST_F(NodeTest, BootsUpIntoPreOperational) {
-  node.PowerOn();
+  node_.PowerOn();
   EXPECT_EQ(Sent(), Texts{"701#00"});
-  EXPECT_EQ(node.nmt_state(), NmtState::kPreOperational);
-  node.PowerOn();
+  EXPECT_EQ(node_.nmt_state(), NmtState::kPreOperational);
+  node_.PowerOn();
   EXPECT_EQ(Sent(), Texts{}) << "it is on already";
 }
 
 TEST_F(NodeTest, FollowsNmtCommandsToItselfAndToAll) {
-  node.PowerOn();
-  node.Receive(FromText("000#0101"));
-  EXPECT_EQ(node.nmt_state(), NmtState::kOperational);
-  node.Receive(FromText("000#0200"));
-  EXPECT_EQ(node.nmt_state(), NmtState::kStopped);
-  node.Receive(FromText("000#8001"));
-  EXPECT_EQ(node.nmt_state(), NmtState::kPreOperational);
-  node.Receive(FromText("000#0100"));
-  EXPECT_EQ(node.nmt_state(), NmtState::kOperational);
-  EXPECT_EQ(node.received().nmt, 4U);
+  node_.PowerOn();
+  node_.Receive(FromText("000#0101"));
+  EXPECT_EQ(node_.nmt_state(), NmtState::kOperational);
+  node_.Receive(FromText("000#0200"));
+  EXPECT_EQ(node_.nmt_state(), NmtState::kStopped);
+  node_.Receive(FromText("000#8001"));
+  EXPECT_EQ(node_.nmt_state(), NmtState::kPreOperational);
+  node_.Receive(FromText("000#0100"));
+  EXPECT_EQ(node_.nmt_state(), NmtState::kOperational);
+  EXPECT_EQ(node_.received().nmt, 4U);
 }
 
 TEST_F(NodeTest, IgnoresNmtOfOthersUnknownCommandsAndOtherLengths) {
-  node.PowerOn();
+  node_.PowerOn();
   for (const char* frame : {"000#0102", "000#0501", "000#01", "000#010100"}) {
     EXPECT_EQ(After(frame), Texts{}) << frame;
-    EXPECT_EQ(node.nmt_state(), NmtState::kPreOperational) << frame;
+    EXPECT_EQ(node_.nmt_state(), NmtState::kPreOperational) << frame;
   }
 }
 
 TEST_F(NodeTest, ServesNoSdoWhenStopped) {
-  node.PowerOn();
-  node.Receive(FromText("000#0201"));
+  node_.PowerOn();
+  node_.Receive(FromText("000#0201"));
   EXPECT_EQ(After("601#4000100000000000"), Texts{});
-  node.Receive(FromText("000#8001"));
+  node_.Receive(FromText("000#8001"));
   EXPECT_EQ(After("601#4000100000000000"), Texts{"581#4300100092010200"});
 }
 
 TEST_F(NodeTest, TakesOnlyEightByteSdoFramesOfItsOwn) {
-  node.PowerOn();
+  node_.PowerOn();
   EXPECT_EQ(After("601#40001000000000"), Texts{});
   EXPECT_EQ(After("602#4000100000000000"), Texts{});
 }
 
 TEST_F(NodeTest, ResetNodeRestoresEverything) {
-  node.PowerOn();
-  node.Receive(FromText("601#2B122001C8000000"));
-  node.Receive(FromText("601#2300180181010080"));
-  node.Receive(FromText("601#2B40600006000000"));
+  node_.PowerOn();
+  node_.Receive(FromText("601#2B122001C8000000"));
+  node_.Receive(FromText("601#2300180181010080"));
+  node_.Receive(FromText("601#2B40600006000000"));
   EXPECT_EQ(After("000#8101"), Texts{"701#00"});
-  EXPECT_EQ(node.nmt_state(), NmtState::kPreOperational);
-  EXPECT_EQ(node.dictionary().Get(0x2012, 1), 0U);
-  EXPECT_EQ(node.dictionary().Get(0x1800, 1), 0x181U);
-  EXPECT_EQ(node.axis(1).Statusword(), 0x50);
+  EXPECT_EQ(node_.nmt_state(), NmtState::kPreOperational);
+  EXPECT_EQ(node_.dictionary().Get(0x2012, 1), 0U);
+  EXPECT_EQ(node_.dictionary().Get(0x1800, 1), 0x181U);
+  EXPECT_EQ(node_.axis(1).Statusword(), 0x50);
 }
 
 TEST_F(NodeTest, ResetCommunicationRestoresTheCommunicationObjectsOnly) {
-  node.PowerOn();
-  node.Receive(FromText("601#2B122001C8000000"));
-  node.Receive(FromText("601#2300180181010080"));
-  node.Receive(FromText("601#2B40600006000000"));
+  node_.PowerOn();
+  node_.Receive(FromText("601#2B122001C8000000"));
+  node_.Receive(FromText("601#2300180181010080"));
+  node_.Receive(FromText("601#2B40600006000000"));
   EXPECT_EQ(After("000#8201"), Texts{"701#00"});
-  EXPECT_EQ(node.dictionary().Get(0x2012, 1), 0xC8U);
-  EXPECT_EQ(node.dictionary().Get(0x1800, 1), 0x181U);
-  EXPECT_EQ(node.axis(1).Statusword(), 0x31);
+  EXPECT_EQ(node_.dictionary().Get(0x2012, 1), 0xC8U);
+  EXPECT_EQ(node_.dictionary().Get(0x1800, 1), 0x181U);
+  EXPECT_EQ(node_.axis(1).Statusword(), 0x31);
 }
 
 TEST_F(NodeTest, ProducesHeartbeatsWithItsState) {
-  node.PowerOn();
+  node_.PowerOn();
   EXPECT_EQ(Advance(100), Texts{});
   EXPECT_EQ(After("601#2B17100014000000"), Texts{"581#6017100000000000"});
   EXPECT_EQ(Advance(19), Texts{});
   EXPECT_EQ(Advance(1), Texts{"701#7F"});
-  node.Receive(FromText("000#0101"));
+  node_.Receive(FromText("000#0101"));
   EXPECT_EQ(Advance(40), (Texts{"701#05", "701#05"}));
-  node.Receive(FromText("000#0201"));
+  node_.Receive(FromText("000#0201"));
   EXPECT_EQ(Advance(20), Texts{"701#04"});
-  node.Receive(FromText("000#8001"));
-  node.Receive(FromText("601#2B17100000000000"));
+  node_.Receive(FromText("000#8001"));
+  node_.Receive(FromText("601#2B17100000000000"));
   EXPECT_EQ(Advance(100), Texts{});
 }
 
 TEST_F(NodeTest, TellsItsIdentity) {
-  node.PowerOn();
+  node_.PowerOn();
   EXPECT_EQ(After("601#4018100000000000"), Texts{"581#4F18100004000000"});
   EXPECT_EQ(After("601#4018100100000000"), Texts{"581#4318100101FFFF00"});
   EXPECT_EQ(After("601#4018100400000000"), Texts{"581#4318100401000000"});
@@ -160,29 +134,29 @@ TEST_F(NodeTest, TellsItsIdentity) {
 }
 
 TEST_F(NodeTest, AcknowledgesTheWholeBringUpAndTurnsBothMotors) {
-  node.PowerOn();
+  node_.PowerOn();
   BringUp();
-  EXPECT_EQ(node.received().sdo, 41U);
+  EXPECT_EQ(node_.received().sdo, 41U);
   EXPECT_EQ(Advance(50), Texts{}) << "no PDO before the NMT start";
-  node.Receive(FromText("000#0101"));
-  node.Receive(FromText("201#640000009CFFFFFF"));
-  EXPECT_EQ(node.received().pdo, 1U);
+  node_.Receive(FromText("000#0101"));
+  node_.Receive(FromText("201#640000009CFFFFFF"));
+  EXPECT_EQ(node_.received().pdo, 1U);
   Advance(1000);
-  EXPECT_DOUBLE_EQ(node.axis(1).SpeedRpm(), 100.0);
-  EXPECT_DOUBLE_EQ(node.axis(2).SpeedRpm(), -100.0);
+  EXPECT_DOUBLE_EQ(node_.axis(1).SpeedRpm(), 100.0);
+  EXPECT_DOUBLE_EQ(node_.axis(2).SpeedRpm(), -100.0);
   EXPECT_EQ(After("601#406C600200000000"), Texts{"581#436C60029CFFFFFF"});
   // A second at 100 rpm, less 5 ms for the ramp.
-  EXPECT_NEAR(node.axis(1).Position(), 0.995 * 4096 * 100 / 60, 1.0);
-  EXPECT_NEAR(node.axis(2).Position(), -0.995 * 4096 * 100 / 60, 1.0);
+  EXPECT_NEAR(node_.axis(1).Position(), 0.995 * 4096 * 100 / 60, 1.0);
+  EXPECT_NEAR(node_.axis(2).Position(), -0.995 * 4096 * 100 / 60, 1.0);
 }
 
 TEST_F(NodeTest, Tpdo1CarriesThePositionsEveryPeriodAndTpdo4TheStatusEveryTwoSeconds) {
-  node.PowerOn();
+  node_.PowerOn();
   BringUp();
-  node.Receive(FromText("000#0101"));
+  node_.Receive(FromText("000#0101"));
   EXPECT_EQ(Advance(9), Texts{});
   EXPECT_EQ(Advance(1), Texts{"181#0000000000000000"});
-  node.Receive(FromText("201#D403000000000000"));
+  node_.Receive(FromText("201#D403000000000000"));
   const Texts frames = Advance(1990);
   ASSERT_EQ(frames.size(), 200U);
   EXPECT_EQ(frames.back(), "481#0000000037003700");
@@ -190,11 +164,11 @@ TEST_F(NodeTest, Tpdo1CarriesThePositionsEveryPeriodAndTpdo4TheStatusEveryTwoSec
 }
 
 TEST_F(NodeTest, AtConstantSpeedEveryPeriodGainsTheSameCounts) {
-  node.PowerOn();
+  node_.PowerOn();
   BringUp();
-  node.Receive(FromText("000#0101"));
+  node_.Receive(FromText("000#0101"));
   // 60 rpm are 4096 counts a second, 40.96 a period.
-  node.Receive(FromText("201#3C00000000000000"));
+  node_.Receive(FromText("201#3C00000000000000"));
   Advance(100);
   std::uint32_t before = 0;
   std::uint32_t first = 0;
@@ -212,21 +186,21 @@ TEST_F(NodeTest, AtConstantSpeedEveryPeriodGainsTheSameCounts) {
 }
 
 TEST_F(NodeTest, ReportsAFaultByEmergencyStatuswordAndErrorCode) {
-  node.PowerOn();
+  node_.PowerOn();
   BringUp();
-  node.Receive(FromText("000#0101"));
-  node.Receive(FromText("201#6400000064000000"));
+  node_.Receive(FromText("000#0101"));
+  node_.Receive(FromText("201#6400000064000000"));
   Advance(100);
   Sent();
-  node.LatchError(0x2310);
+  node_.LatchError(0x2310);
   EXPECT_EQ(Sent(), Texts{"081#1023010000000000"});
   EXPECT_EQ(After("601#4041600000000000"), Texts{"581#434160001F001F00"});
   Advance(10);
   EXPECT_EQ(After("601#4041600000000000"), Texts{"581#4341600018001800"});
   EXPECT_EQ(After("601#433F600000000000"), Texts{"581#433F600010230000"});
   EXPECT_EQ(After("601#4001100000000000"), Texts{"581#4F01100001000000"});
-  EXPECT_DOUBLE_EQ(node.axis(1).SpeedRpm(), 0.0);
-  EXPECT_DOUBLE_EQ(node.axis(2).SpeedRpm(), 0.0);
+  EXPECT_DOUBLE_EQ(node_.axis(1).SpeedRpm(), 0.0);
+  EXPECT_DOUBLE_EQ(node_.axis(2).SpeedRpm(), 0.0);
 
   EXPECT_EQ(After("601#2B40600080000000"), (Texts{"581#6040600000000000", "081#0000000000000000"}));
   EXPECT_EQ(After("601#433F600000000000"), Texts{"581#433F600000000000"});
@@ -234,93 +208,93 @@ TEST_F(NodeTest, ReportsAFaultByEmergencyStatuswordAndErrorCode) {
 }
 
 TEST_F(NodeTest, ShowsTheErrorCodeOfTheSecondMotorInTheUpperHalf) {
-  node.PowerOn();
-  node.LatchError(0x3210, 2);
+  node_.PowerOn();
+  node_.LatchError(0x3210, 2);
   EXPECT_EQ(After("601#433F600000000000"), Texts{"581#433F600000001032"});
-  EXPECT_THROW(node.LatchError(1, 3), std::out_of_range);
+  EXPECT_THROW(node_.LatchError(1, 3), std::out_of_range);
 }
 
 TEST_F(NodeTest, ATooShortPdoIsReportedAndNotProcessed) {
-  node.PowerOn();
+  node_.PowerOn();
   BringUp();
-  node.Receive(FromText("000#0101"));
+  node_.Receive(FromText("000#0101"));
   EXPECT_EQ(After("201#64000000640000"), Texts{"081#1082000000000000"});
   Advance(10);
-  EXPECT_DOUBLE_EQ(node.axis(1).SpeedRpm(), 0.0);
+  EXPECT_DOUBLE_EQ(node_.axis(1).SpeedRpm(), 0.0);
 }
 
 TEST_F(NodeTest, RefusesAnUnknownModeOfOperation) {
-  node.PowerOn();
+  node_.PowerOn();
   EXPECT_EQ(After("601#2F606000FD000000"), Texts{"581#8060600030000906"});
   EXPECT_EQ(After("601#2F60600003000000"), Texts{"581#6060600000000000"});
   EXPECT_EQ(After("601#4061600000000000"), Texts{"581#4F61600003000000"});
 }
 
 TEST_F(NodeTest, APowerCutSilencesItUntilItBootsUpWithPowerOnValues) {
-  node.PowerOn();
+  node_.PowerOn();
   BringUp();
-  node.Receive(FromText("000#0101"));
-  node.Receive(FromText("201#6400000064000000"));
+  node_.Receive(FromText("000#0101"));
+  node_.Receive(FromText("201#6400000064000000"));
   Advance(100);
-  node.PowerCut();
+  node_.PowerCut();
   EXPECT_EQ(Advance(100), Texts{});
   EXPECT_EQ(After("601#4000100000000000"), Texts{});
-  node.PowerOn();
+  node_.PowerOn();
   EXPECT_EQ(Sent(), Texts{"701#00"});
   EXPECT_EQ(Advance(100), Texts{});
-  EXPECT_EQ(node.axis(1).Position(), 0);
-  EXPECT_EQ(node.dictionary().Get(0x1A00, 0), 0U);
+  EXPECT_EQ(node_.axis(1).Position(), 0);
+  EXPECT_EQ(node_.dictionary().Get(0x1A00, 0), 0U);
 }
 
 TEST_F(NodeTest, TimedFaultsStrikeAtTheirTime) {
-  node.PowerOn();
-  node.Inject(ParseFault("error-after-ms=5/0x2310"));
-  node.Inject(ParseFault("power-cut-after-ms=10"));
-  node.Inject(ParseFault("power-on-after-ms=20"));
+  node_.PowerOn();
+  node_.Inject(ParseFault("error-after-ms=5/0x2310"));
+  node_.Inject(ParseFault("power-cut-after-ms=10"));
+  node_.Inject(ParseFault("power-on-after-ms=20"));
   EXPECT_EQ(Advance(4), Texts{});
-  EXPECT_EQ(node.NextEvent(), std::chrono::milliseconds(5));
+  EXPECT_EQ(node_.NextEvent(), std::chrono::milliseconds(5));
   EXPECT_EQ(Advance(1), Texts{"081#1023010000000000"});
   EXPECT_EQ(Advance(5), Texts{});
-  EXPECT_EQ(node.nmt_state(), NmtState::kPowerOff);
-  EXPECT_EQ(node.NextEvent(), std::chrono::milliseconds(20));
+  EXPECT_EQ(node_.nmt_state(), NmtState::kPowerOff);
+  EXPECT_EQ(node_.NextEvent(), std::chrono::milliseconds(20));
   EXPECT_EQ(Advance(10), Texts{"701#00"});
-  EXPECT_EQ(node.NextEvent(), Time::max());
+  EXPECT_EQ(node_.NextEvent(), Time::max());
 }
 
 TEST_F(NodeTest, LosesItsHeartbeatWhileTheRestWorks) {
-  node.PowerOn();
-  node.Receive(FromText("601#2B1710000A000000"));
-  node.Inject(ParseFault("no-heartbeat-after-ms=15"));
+  node_.PowerOn();
+  node_.Receive(FromText("601#2B1710000A000000"));
+  node_.Inject(ParseFault("no-heartbeat-after-ms=15"));
   EXPECT_EQ(Advance(50), Texts{"701#7F"});
   EXPECT_EQ(After("601#4000100000000000"), Texts{"581#4300100092010200"});
-  node.ClearFaults();
+  node_.ClearFaults();
   EXPECT_EQ(Advance(10), Texts{"701#7F"});
 }
 
 TEST_F(NodeTest, AnAbortedOrIgnoredWriteIsNotPerformed) {
-  node.PowerOn();
-  node.Inject(ParseFault("abort-write=1/0x06090030"));
-  node.Inject(ParseFault("ignore-write=2"));
+  node_.PowerOn();
+  node_.Inject(ParseFault("abort-write=1/0x06090030"));
+  node_.Inject(ParseFault("ignore-write=2"));
   EXPECT_EQ(After("601#2F60600003000000"), Texts{"581#8060600030000906"});
   EXPECT_EQ(After("601#2F60600003000000"), Texts{});
-  EXPECT_EQ(node.dictionary().Get(0x6060, 0), 0U);
+  EXPECT_EQ(node_.dictionary().Get(0x6060, 0), 0U);
   EXPECT_EQ(After("601#2F60600003000000"), Texts{"581#6060600000000000"});
 }
 
 TEST_F(NodeTest, BendsItsReplies) {
-  node.PowerOn();
-  node.Inject(ParseFault("duplicate-replies"));
+  node_.PowerOn();
+  node_.Inject(ParseFault("duplicate-replies"));
   EXPECT_EQ(After("601#4000100000000000"), (Texts{"581#4300100092010200", "581#4300100092010200"}));
-  node.ClearFaults();
-  node.Inject(ParseFault("truncate-replies=7"));
+  node_.ClearFaults();
+  node_.Inject(ParseFault("truncate-replies=7"));
   EXPECT_EQ(After("601#4000100000000000"), Texts{"581#43001000920102"});
-  node.ClearFaults();
-  node.Inject(ParseFault("wrong-index"));
+  node_.ClearFaults();
+  node_.Inject(ParseFault("wrong-index"));
   EXPECT_EQ(After("601#4000100000000000"), Texts{"581#4301100092010200"});
-  node.ClearFaults();
-  node.Inject(ParseFault("delay-replies-ms=20"));
+  node_.ClearFaults();
+  node_.Inject(ParseFault("delay-replies-ms=20"));
   EXPECT_EQ(After("601#4000100000000000"), Texts{});
-  EXPECT_EQ(node.NextEvent(), std::chrono::milliseconds(20));
+  EXPECT_EQ(node_.NextEvent(), std::chrono::milliseconds(20));
   EXPECT_EQ(Advance(19), Texts{});
   EXPECT_EQ(Advance(1), Texts{"581#4300100092010200"});
 }
@@ -336,14 +310,14 @@ class NodeNearWrapAroundTest : public NodeTest {
 };
 
 TEST_F(NodeNearWrapAroundTest, PositionsRunOverBothEnds) {
-  node.PowerOn();
+  node_.PowerOn();
   BringUp();
-  node.Receive(FromText("000#0101"));
+  node_.Receive(FromText("000#0101"));
   EXPECT_EQ(Advance(10), Texts{"181#FFFFFF7F00000080"});
-  node.Receive(FromText("201#640000009CFFFFFF"));
+  node_.Receive(FromText("201#640000009CFFFFFF"));
   Advance(100);
-  EXPECT_LT(node.axis(1).Position(), -2147480000);
-  EXPECT_GT(node.axis(2).Position(), 2147480000);
+  EXPECT_LT(node_.axis(1).Position(), -2147480000);
+  EXPECT_GT(node_.axis(2).Position(), 2147480000);
 }
 
 TEST(NodeIdTest, MustBe1To127) {
@@ -352,6 +326,50 @@ TEST(NodeIdTest, MustBe1To127) {
   EXPECT_THROW(Node(ZlDrive(), options, [](const Frame&) {}), std::invalid_argument);
   options.node_id = 128;
   EXPECT_THROW(Node(ZlDrive(), options, [](const Frame&) {}), std::invalid_argument);
+}
+
+TEST(NodeOptionsTest, AreChecked) {
+  const auto make_node = [](const Make& make, const Node::Options& options) {
+    Node(make, options, [](const Frame&) {});
+  };
+  Node::Options options;
+  options.counts_per_revolution = -1;
+  EXPECT_THROW(make_node(ZlDrive(), options), std::invalid_argument);
+  options.counts_per_revolution = Node::kMaxCountsPerRevolution + 1;
+  EXPECT_THROW(make_node(ZlDrive(), options), std::invalid_argument);
+  options = {};
+  options.tpdo1_id = 0x800;
+  EXPECT_THROW(make_node(ZlDrive(), options), std::invalid_argument);
+  options = {};
+  options.inactive = true;
+  EXPECT_THROW(make_node(ZlDrive(), options), std::invalid_argument);
+  EXPECT_NO_THROW(make_node(FindMake("tt"), options));
+}
+
+TEST_F(NodeTest, AnEmergencyStopHoldsBothMotorsUntilAcknowledged) {
+  node_.PowerOn();
+  BringUp();
+  node_.Receive(FromText("000#0101"));
+  node_.Receive(FromText("201#6400000064000000"));
+  Advance(100);
+  node_.PressEmergencyStop();
+  Advance(100);
+  EXPECT_DOUBLE_EQ(node_.axis(1).SpeedRpm(), 0.0);
+  EXPECT_DOUBLE_EQ(node_.axis(2).SpeedRpm(), 0.0);
+  node_.ReleaseEmergencyStop();
+  WriteAll({"601#2B40600000000000", "601#2B40600006000000", "601#2B4060000F000000"});
+  EXPECT_EQ(After("601#4041600000000000"), Texts{"581#4341600037003700"});
+}
+
+TEST(MakeTest, HasAllMakesWithNamesAndProductCodesOfTheirOwn) {
+  std::set<std::string_view> names;
+  std::set<std::uint32_t> products;
+  for (const Make* make : AllMakes()) {
+    names.insert(make->name);
+    products.insert(make->product_code);
+  }
+  EXPECT_EQ(names, (std::set<std::string_view>{"amps", "hls", "kinco", "tt", "zl"}));
+  EXPECT_EQ(products.size(), names.size());
 }
 
 TEST(MakeTest, IsFoundByName) {

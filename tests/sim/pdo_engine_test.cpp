@@ -19,20 +19,20 @@ constexpr std::uint32_t kOff = 0x80000000;
 // Node 1 with a few objects to map; the event timer counts milliseconds.
 class PdoEngineTest : public testing::Test {
  protected:
-  PdoEngineTest()
-      : engine(dictionary, 1, milliseconds(1), [this](const Frame& frame) {
-          sent.push_back(std::to_string(now.count()) + " " + ToText(frame));
+  explicit PdoEngineTest(const PdoTraits& traits = {})
+      : engine_(dictionary_, 1, traits, [this](const Frame& frame) {
+          sent_.push_back(std::to_string(now_.count()) + " " + ToText(frame));
         }) {
-    dictionary.Add(0x6040, 0, 2, Access::kReadWrite).Mappable();
-    dictionary.Add(0x6041, 0, 2, Access::kReadOnly, 0x37).Mappable();
-    dictionary.Add(0x6064, 0, 4, Access::kReadOnly).Mappable();
-    dictionary.Add(0x60FF, 0, 4, Access::kReadWrite).Mappable();
-    dictionary.Add(0x2000, 0, 4, Access::kReadWrite);
-    dictionary.Add(0x2001, 0, 4, Access::kWriteOnly).Mappable();
+    dictionary_.Add(0x6040, 0, 2, Access::kReadWrite).Mappable();
+    dictionary_.Add(0x6041, 0, 2, Access::kReadOnly, 0x37).Mappable();
+    dictionary_.Add(0x6064, 0, 4, Access::kReadOnly).Mappable();
+    dictionary_.Add(0x60FF, 0, 4, Access::kReadWrite).Mappable();
+    dictionary_.Add(0x2000, 0, 4, Access::kReadWrite);
+    dictionary_.Add(0x2001, 0, 4, Access::kWriteOnly).Mappable();
   }
 
   AbortCode Write(std::uint16_t index, std::uint8_t sub, unsigned size, std::uint32_t value) {
-    return dictionary.Download(index, sub, size, value);
+    return dictionary_.Download(index, sub, size, value);
   }
   void MustWrite(std::uint16_t index, std::uint8_t sub, unsigned size, std::uint32_t value) {
     ASSERT_EQ(Write(index, sub, size, value), AbortCode::kNone)
@@ -56,30 +56,30 @@ class PdoEngineTest : public testing::Test {
     Configure(0x1400, 0x1600, 0x201, {0x60400010, 0x60FF0020}, type);
   }
   void Advance(milliseconds duration) {
-    for (const Time end = now + duration; now < end;) engine.Step(now += kStep);
+    for (const Time end = now_ + duration; now_ < end;) engine_.Step(now_ += kStep);
   }
-  Texts Sent() { return std::exchange(sent, {}); }
+  Texts Sent() { return std::exchange(sent_, {}); }
 
-  ObjectDictionary dictionary;
-  Time now{0};
-  Texts sent;
-  PdoEngine engine;
+  ObjectDictionary dictionary_;
+  Time now_{0};
+  Texts sent_;
+  PdoEngine engine_;
 };
 
 TEST_F(PdoEngineTest, HasFourPdosOfEachDirectionWithTheirStandardIdentifiers) {
-  EXPECT_EQ(dictionary.Get(0x1400, 1), 0x201U);
-  EXPECT_EQ(dictionary.Get(0x1403, 1), 0x501U);
-  EXPECT_EQ(dictionary.Get(0x1800, 1), 0x181U);
-  EXPECT_EQ(dictionary.Get(0x1803, 1), 0x481U);
-  EXPECT_EQ(dictionary.Upload(0x1404, 1).error, AbortCode::kNoObject);
-  EXPECT_EQ(dictionary.Upload(0x1800, 4).error, AbortCode::kNoSubIndex);
+  EXPECT_EQ(dictionary_.Get(0x1400, 1), 0x201U);
+  EXPECT_EQ(dictionary_.Get(0x1403, 1), 0x501U);
+  EXPECT_EQ(dictionary_.Get(0x1800, 1), 0x181U);
+  EXPECT_EQ(dictionary_.Get(0x1803, 1), 0x481U);
+  EXPECT_EQ(dictionary_.Upload(0x1404, 1).error, AbortCode::kNoObject);
+  EXPECT_EQ(dictionary_.Upload(0x1800, 4).error, AbortCode::kNoSubIndex);
 }
 
 TEST_F(PdoEngineTest, EventTimerSendsAtExactIntervalsFromTheStart) {
   ConfigureTransmit(0xFF);
   MustWrite(0x1800, 5, 2, 10);
-  engine.Start(now);
-  dictionary.Set(0x6064, 0, 0x12345678);
+  engine_.Start(now_);
+  dictionary_.Set(0x6064, 0, 0x12345678);
   Advance(milliseconds(30));
   EXPECT_EQ(Sent(),
             (Texts{"10000 181#785634123700", "20000 181#785634123700", "30000 181#785634123700"}));
@@ -87,9 +87,9 @@ TEST_F(PdoEngineTest, EventTimerSendsAtExactIntervalsFromTheStart) {
 
 TEST_F(PdoEngineTest, ProfileEventDoesNotSendOnChangeOrWithoutATimer) {
   ConfigureTransmit(0xFF);
-  engine.Start(now);
+  engine_.Start(now_);
   Advance(milliseconds(5));
-  dictionary.Set(0x6064, 0, 1);
+  dictionary_.Set(0x6064, 0, 1);
   Advance(milliseconds(5));
   EXPECT_EQ(Sent(), Texts{});
 }
@@ -97,10 +97,10 @@ TEST_F(PdoEngineTest, ProfileEventDoesNotSendOnChangeOrWithoutATimer) {
 TEST_F(PdoEngineTest, ManufacturerEventSendsOnChangeAndOnTheTimer) {
   ConfigureTransmit(0xFE);
   MustWrite(0x1800, 5, 2, 10);
-  engine.Start(now);
+  engine_.Start(now_);
   Advance(milliseconds(4));
   EXPECT_EQ(Sent(), Texts{"500 181#000000003700"}) << "the first values are news";
-  dictionary.Set(0x6064, 0, 1);
+  dictionary_.Set(0x6064, 0, 1);
   Advance(milliseconds(4));
   EXPECT_EQ(Sent(), Texts{"4500 181#010000003700"});
   Advance(milliseconds(7));
@@ -112,9 +112,9 @@ TEST_F(PdoEngineTest, InhibitTimeHoldsChangesBack) {
   MustWrite(0x1800, 1, 4, kOff | 0x181);
   MustWrite(0x1800, 3, 2, 50);
   MustWrite(0x1800, 1, 4, 0x181);
-  engine.Start(now);
+  engine_.Start(now_);
   for (std::uint32_t i = 1; i <= 12; ++i) {
-    dictionary.Set(0x6064, 0, i);
+    dictionary_.Set(0x6064, 0, i);
     Advance(milliseconds(1));
   }
   EXPECT_EQ(Sent(),
@@ -124,22 +124,22 @@ TEST_F(PdoEngineTest, InhibitTimeHoldsChangesBack) {
 TEST_F(PdoEngineTest, SynchronousTypesSendAtEveryNthSync) {
   ConfigureTransmit(3);
   MustWrite(0x1800, 5, 2, 1);
-  engine.Start(now);
+  engine_.Start(now_);
   Advance(milliseconds(5));
-  for (int i = 0; i < 7; ++i) engine.Sync();
+  for (int i = 0; i < 7; ++i) engine_.Sync();
   EXPECT_EQ(Sent().size(), 2U);
 }
 
 TEST_F(PdoEngineTest, TypeZeroSendsAtASyncAfterAChange) {
   ConfigureTransmit(0);
-  engine.Start(now);
-  engine.Sync();
-  engine.Sync();
+  engine_.Start(now_);
+  engine_.Sync();
+  engine_.Sync();
   EXPECT_EQ(Sent().size(), 1U);
-  dictionary.Set(0x6064, 0, 1);
+  dictionary_.Set(0x6064, 0, 1);
   Advance(milliseconds(5));
   EXPECT_EQ(Sent(), Texts{});
-  engine.Sync();
+  engine_.Sync();
   EXPECT_EQ(Sent().size(), 1U);
 }
 
@@ -147,63 +147,63 @@ TEST_F(PdoEngineTest, SendsAndTakesNothingUnlessRunning) {
   ConfigureTransmit(0xFE);
   ConfigureReceive(0xFF);
   Advance(milliseconds(2));
-  engine.Sync();
-  EXPECT_EQ(engine.Receive(FromText("201#0F0001000000")), PdoEngine::Receipt::kNotMine);
-  engine.Start(now);
-  engine.Stop();
+  engine_.Sync();
+  EXPECT_EQ(engine_.Receive(FromText("201#0F0001000000")), PdoEngine::Receipt::kNotMine);
+  engine_.Start(now_);
+  engine_.Stop();
   Advance(milliseconds(2));
   EXPECT_EQ(Sent(), Texts{});
-  EXPECT_EQ(dictionary.Get(0x6040, 0), 0U);
-  EXPECT_EQ(engine.NextEvent(), Time::max());
+  EXPECT_EQ(dictionary_.Get(0x6040, 0), 0U);
+  EXPECT_EQ(engine_.NextEvent(), Time::max());
 }
 
 TEST_F(PdoEngineTest, ASwitchedOffPdoIsSilentAndDeaf) {
   ConfigureTransmit(0xFE);
   ConfigureReceive(0xFF);
-  engine.Start(now);
+  engine_.Start(now_);
   MustWrite(0x1800, 1, 4, kOff | 0x181);
   MustWrite(0x1400, 1, 4, kOff | 0x201);
   Advance(milliseconds(2));
   EXPECT_EQ(Sent(), Texts{});
-  EXPECT_EQ(engine.Receive(FromText("201#0F0001000000")), PdoEngine::Receipt::kNotMine);
+  EXPECT_EQ(engine_.Receive(FromText("201#0F0001000000")), PdoEngine::Receipt::kNotMine);
 }
 
 TEST_F(PdoEngineTest, AnEmptyMappingSendsNothing) {
   Configure(0x1800, 0x1A00, 0x181, {}, 0xFE);
   MustWrite(0x1800, 5, 2, 1);
-  engine.Start(now);
+  engine_.Start(now_);
   Advance(milliseconds(5));
   EXPECT_EQ(Sent(), Texts{});
 }
 
 TEST_F(PdoEngineTest, ReceivedValuesReachTheirObjectsAtOnce) {
   ConfigureReceive(0xFF);
-  engine.Start(now);
-  EXPECT_EQ(engine.Receive(FromText("201#0F009CFFFFFF")), PdoEngine::Receipt::kTaken);
-  EXPECT_EQ(dictionary.Get(0x6040, 0), 0x0FU);
-  EXPECT_EQ(dictionary.Get(0x60FF, 0), 0xFFFFFF9CU);
-  EXPECT_EQ(engine.Receive(FromText("202#070000000000")), PdoEngine::Receipt::kNotMine);
+  engine_.Start(now_);
+  EXPECT_EQ(engine_.Receive(FromText("201#0F009CFFFFFF")), PdoEngine::Receipt::kTaken);
+  EXPECT_EQ(dictionary_.Get(0x6040, 0), 0x0FU);
+  EXPECT_EQ(dictionary_.Get(0x60FF, 0), 0xFFFFFF9CU);
+  EXPECT_EQ(engine_.Receive(FromText("202#070000000000")), PdoEngine::Receipt::kNotMine);
 }
 
 TEST_F(PdoEngineTest, SynchronousReceiveWaitsForTheSync) {
   ConfigureReceive(1);
-  engine.Start(now);
-  EXPECT_EQ(engine.Receive(FromText("201#0F0064000000")), PdoEngine::Receipt::kTaken);
-  EXPECT_EQ(dictionary.Get(0x6040, 0), 0U);
-  engine.Sync();
-  EXPECT_EQ(dictionary.Get(0x6040, 0), 0x0FU);
-  dictionary.Set(0x6040, 0, 6);
-  engine.Sync();
-  EXPECT_EQ(dictionary.Get(0x6040, 0), 6U) << "taken once only";
+  engine_.Start(now_);
+  EXPECT_EQ(engine_.Receive(FromText("201#0F0064000000")), PdoEngine::Receipt::kTaken);
+  EXPECT_EQ(dictionary_.Get(0x6040, 0), 0U);
+  engine_.Sync();
+  EXPECT_EQ(dictionary_.Get(0x6040, 0), 0x0FU);
+  dictionary_.Set(0x6040, 0, 6);
+  engine_.Sync();
+  EXPECT_EQ(dictionary_.Get(0x6040, 0), 6U) << "taken once only";
 }
 
 TEST_F(PdoEngineTest, AFrameShorterThanTheMappingIsRefusedALongerOneIsCut) {
   ConfigureReceive(0xFF);
-  engine.Start(now);
-  EXPECT_EQ(engine.Receive(FromText("201#0F00640000")), PdoEngine::Receipt::kTooShort);
-  EXPECT_EQ(dictionary.Get(0x6040, 0), 0U);
-  EXPECT_EQ(engine.Receive(FromText("201#0F0064000000FFFF")), PdoEngine::Receipt::kTaken);
-  EXPECT_EQ(dictionary.Get(0x60FF, 0), 0x64U);
+  engine_.Start(now_);
+  EXPECT_EQ(engine_.Receive(FromText("201#0F00640000")), PdoEngine::Receipt::kTooShort);
+  EXPECT_EQ(dictionary_.Get(0x6040, 0), 0U);
+  EXPECT_EQ(engine_.Receive(FromText("201#0F0064000000FFFF")), PdoEngine::Receipt::kTaken);
+  EXPECT_EQ(dictionary_.Get(0x60FF, 0), 0x64U);
 }
 
 TEST_F(PdoEngineTest, MappingCanOnlyBeChangedWhileThePdoIsOffAndItsCountIsZero) {
@@ -251,18 +251,84 @@ TEST_F(PdoEngineTest, RefusesBadIdentifiersTypesAndUntimelyChanges) {
   EXPECT_EQ(Write(0x1800, 5, 1, 10), AbortCode::kLengthTooLow);
 }
 
+TEST_F(PdoEngineTest, AContinuousValueIsSentButIsNoEvent) {
+  dictionary_.Find(0x6064, 0).object->Continuous();
+  ConfigureTransmit(0xFE);
+  MustWrite(0x1800, 5, 2, 10);
+  engine_.Start(now_);
+  Advance(milliseconds(1));
+  EXPECT_EQ(Sent(), Texts{"500 181#000000003700"});
+  dictionary_.Set(0x6064, 0, 1);
+  Advance(milliseconds(4));
+  EXPECT_EQ(Sent(), Texts{});
+  dictionary_.Set(0x6041, 0, 0x33);
+  Advance(milliseconds(1));
+  EXPECT_EQ(Sent(), Texts{"5500 181#010000003300"});
+  Advance(milliseconds(10));
+  EXPECT_EQ(Sent(), Texts{"15500 181#010000003300"});
+}
+
+PdoTraits Lenient() {
+  PdoTraits traits;
+  traits.inhibit_unit = milliseconds(1);
+  traits.inhibit_time_is_period = true;
+  traits.configurable_while_valid = true;
+  traits.accepts_short_times = true;
+  traits.change_detection = milliseconds(5);
+  return traits;
+}
+
+class LenientPdoEngineTest : public PdoEngineTest {
+ protected:
+  LenientPdoEngineTest() : PdoEngineTest(Lenient()) {}
+};
+
+TEST_F(LenientPdoEngineTest, CanBeConfiguredWhileThePdoIsOn) {
+  MustWrite(0x1A00, 0, 1, 0);
+  MustWrite(0x1A00, 1, 4, 0x60640020);
+  MustWrite(0x1A00, 0, 1, 1);
+  EXPECT_EQ(Write(0x1A00, 1, 4, 0x60640020), AbortCode::kDeviceState) << "count is not 0";
+  MustWrite(0x1800, 3, 1, 10);
+  MustWrite(0x1800, 5, 1, 10);
+  EXPECT_EQ(Write(0x1800, 1, 4, 0x182), AbortCode::kDeviceState) << "another identifier";
+}
+
+TEST_F(LenientPdoEngineTest, TheInhibitTimeIsThePeriodWithoutAnEventTimer) {
+  ConfigureTransmit(0xFF);
+  MustWrite(0x1800, 3, 2, 10);
+  engine_.Start(now_);
+  EXPECT_EQ(engine_.NextEvent(), milliseconds(10));
+  Advance(milliseconds(20));
+  EXPECT_EQ(Sent(), (Texts{"10000 181#000000003700", "20000 181#000000003700"}));
+  MustWrite(0x1800, 5, 2, 15);
+  Advance(milliseconds(15));
+  EXPECT_EQ(Sent(), Texts{"35000 181#000000003700"});
+}
+
+TEST_F(LenientPdoEngineTest, NoticesChangesAsOftenAsItLooks) {
+  ConfigureTransmit(0xFE);
+  engine_.Start(now_);
+  EXPECT_EQ(engine_.NextEvent(), milliseconds(5));
+  Advance(milliseconds(6));
+  EXPECT_EQ(Sent(), Texts{"5000 181#000000003700"});
+  dictionary_.Set(0x6041, 0, 0x33);
+  EXPECT_EQ(engine_.NextEvent(), milliseconds(10));
+  Advance(milliseconds(4));
+  EXPECT_EQ(Sent(), Texts{"10000 181#000000003300"});
+}
+
 TEST_F(PdoEngineTest, SaysWhenItNextHasSomethingToDo) {
-  engine.Start(now);
-  EXPECT_EQ(engine.NextEvent(), Time::max());
+  engine_.Start(now_);
+  EXPECT_EQ(engine_.NextEvent(), Time::max());
   ConfigureTransmit(0xFF);
   MustWrite(0x1800, 5, 2, 10);
-  EXPECT_EQ(engine.NextEvent(), milliseconds(10));
+  EXPECT_EQ(engine_.NextEvent(), milliseconds(10));
   Advance(milliseconds(4));
-  EXPECT_EQ(engine.NextEvent(), milliseconds(10));
+  EXPECT_EQ(engine_.NextEvent(), milliseconds(10));
   Advance(milliseconds(6));
-  EXPECT_EQ(engine.NextEvent(), milliseconds(20));
+  EXPECT_EQ(engine_.NextEvent(), milliseconds(20));
   MustWrite(0x1800, 2, 1, 0xFE);
-  EXPECT_EQ(engine.NextEvent(), now + kStep);
+  EXPECT_EQ(engine_.NextEvent(), now_ + kStep);
 }
 
 }  // namespace

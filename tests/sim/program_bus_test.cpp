@@ -45,6 +45,41 @@ TEST_F(ProgramOnBusTest, IsReadyOnTheBusAndEndsCleanlyBySignal) {
   }
 }
 
+TEST_F(ProgramOnBusTest, ServesSeveralNodes) {
+  const auto result = WhileRunning(
+      "--interface can1 --make kinco --node 1 --node 32",
+      "candump -L can0,580:780 -n 2 >$lines.bus & dump=$!; sleep 0.5; "
+      "cansend can0 601#4041600000000000; sleep 0.1; cansend can0 620#4041600000000000; "
+      "wait $dump; cut -d' ' -f3 $lines.bus; rm $lines.bus; kill $pid");
+  EXPECT_EQ(result.exit_status, 0);
+  EXPECT_EQ(result.out, "581#4B41600050000000\n5A0#4B41600050000000\n");
+  EXPECT_EQ(result.err,
+            "motor-drive-sim: kinco drive, nodes 1, 32, ready on can1\n"
+            "motor-drive-sim: nodes 1, 32 unplugged\n");
+}
+
+TEST_F(ProgramOnBusTest, SignalsPressAndReleaseTheEmergencyStop) {
+  const auto result =
+      WhileRunning("--interface can1 --make kinco --counts-per-revolution 65536",
+                   "candump -L can0,581:7FF -n 3 >$lines.bus & dump=$!; sleep 0.5; "
+                   "cansend can0 601#4010200A00000000; sleep 0.1; kill -USR1 $pid; sleep 0.3; "
+                   "cansend can0 601#4010200A00000000; sleep 0.1; kill -USR2 $pid; sleep 0.3; "
+                   "cansend can0 601#4010200A00000000; "
+                   "wait $dump; cut -d' ' -f3 $lines.bus; rm $lines.bus; kill $pid");
+  EXPECT_EQ(result.exit_status, 0);
+  EXPECT_EQ(result.out, "581#4B10200A00000000\n581#4B10200A01000000\n581#4B10200A00000000\n");
+}
+
+TEST_F(ProgramOnBusTest, StaysInactiveUntilItIsActivated) {
+  const auto result =
+      WhileRunning("--interface can1 --make tt --inactive",
+                   "candump -L can0,701:7FF,081:7FF,581:7FF -n 2 >$lines.bus & dump=$!; sleep 0.5; "
+                   "cansend can0 601#4041600000000000; sleep 0.2; cansend can0 001#1010; "
+                   "wait $dump; cut -d' ' -f3 $lines.bus; rm $lines.bus; kill $pid");
+  EXPECT_EQ(result.exit_status, 0);
+  EXPECT_EQ(result.out, "701#00\n081#0000000000000000\n");
+}
+
 TEST_F(ProgramOnBusTest, AnswersAndMisbehavesAsAskedTo) {
   const auto result = WhileRunning(
       "--interface can1 --make zl --heartbeat-ms 0 --start-position 1000 -1000 "

@@ -22,11 +22,18 @@ class ProgramTest : public testing::Test {
 TEST_F(ProgramTest, RefusesWrongUsage) {
   ExpectWrongUsage("", "--interface is required");
   ExpectWrongUsage("--interface can1", "--make is required");
-  ExpectWrongUsage("--interface can1 --make xy", "unknown make 'xy'; there are: zl");
+  ExpectWrongUsage("--interface can1 --make xy",
+                   "unknown make 'xy'; there are: zl tt hls amps kinco");
   ExpectWrongUsage("--interface can1 --make zl --node 0", "--node");
   ExpectWrongUsage("--interface can1 --make zl --node 128", "--node");
   ExpectWrongUsage("--interface can1 --make zl --node -1", "--node");
   ExpectWrongUsage("--interface can1 --make zl --node x", "--node");
+  ExpectWrongUsage("--interface can1 --make zl --node 3 --node 3", "the same node twice");
+  ExpectWrongUsage("--interface can1 --make zl --node $(seq -s ' ' 33)", "at most 32 nodes");
+  ExpectWrongUsage("--interface can1 --make hls --node 1 --node 2 --tpdo1-id 0x180", "--tpdo1-id");
+  ExpectWrongUsage("--interface can1 --make hls --tpdo1-id 0x800", "--tpdo1-id");
+  ExpectWrongUsage("--interface can1 --make kinco --counts-per-revolution 0", "--counts-per-rev");
+  ExpectWrongUsage("--interface can1 --make zl --inactive", "make 'zl' has no activation");
   ExpectWrongUsage("--interface can1 --make zl --heartbeat-ms 65536", "--heartbeat-ms");
   ExpectWrongUsage("--interface can1 --make zl --fault abort-write=0", "abort-write=0");
   ExpectWrongUsage("--interface can1 --make zl --fault nonsense", "'nonsense': unknown");
@@ -39,8 +46,10 @@ TEST_F(ProgramTest, ExplainsItself) {
   const auto result = Shell("$SIM --help");
   EXPECT_EQ(result.exit_status, 0);
   EXPECT_EQ(result.err, "");
-  for (const char* word : {"--interface", "--make", "--node", "--heartbeat-ms", "--start-position",
-                           "--fault", "abort-write=N", "zl", "Exit status"}) {
+  for (const char* word :
+       {"--interface", "--make", "--node", "--heartbeat-ms", "--start-position",
+        "--counts-per-revolution", "--tpdo1-id", "--inactive", "--fault", "abort-write=N", "zl",
+        "tt", "hls", "amps", "kinco", "SIGUSR1", "Exit status"}) {
     EXPECT_NE(result.out.find(word), std::string::npos) << word;
   }
 }

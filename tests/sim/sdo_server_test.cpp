@@ -13,27 +13,27 @@ namespace {
 class SdoServerTest : public testing::Test {
  protected:
   SdoServerTest() {
-    dictionary.Add(0x6060, 0, 1, Access::kReadWrite, 0xFD);
-    dictionary.Add(0x6040, 0, 2, Access::kReadWrite, 0x000F);
-    dictionary.Add(0x60FF, 0, 4, Access::kReadWrite, 0xFFFFFF9C);
-    dictionary.Add(0x6041, 0, 2, Access::kReadOnly, 0x0237);
-    dictionary.Add(0x2002, 0, 2, Access::kWriteOnly);
-    dictionary.Add(0x2010, 0, 1, Access::kReadWrite, 1).Range(1, 5);
+    dictionary_.Add(0x6060, 0, 1, Access::kReadWrite, 0xFD);
+    dictionary_.Add(0x6040, 0, 2, Access::kReadWrite, 0x000F);
+    dictionary_.Add(0x60FF, 0, 4, Access::kReadWrite, 0xFFFFFF9C);
+    dictionary_.Add(0x6041, 0, 2, Access::kReadOnly, 0x0237);
+    dictionary_.Add(0x2002, 0, 2, Access::kWriteOnly);
+    dictionary_.Add(0x2010, 0, 1, Access::kReadWrite, 1).Range(1, 5);
   }
   std::string Serve(const std::string& request) {
-    const auto reply = ServeSdo(dictionary, DecodeSdoRequest(FromText("601#" + request).data));
+    const auto reply = ServeSdo(dictionary_, DecodeSdoRequest(FromText("601#" + request).data));
     return reply ? ToText({0x581, 8, *reply}).substr(4) : "";
   }
-  ObjectDictionary dictionary;
+  ObjectDictionary dictionary_;
 };
 
 TEST_F(SdoServerTest, AcknowledgesDownloadsOfOneTwoAndFourBytes) {
   EXPECT_EQ(Serve("2F60600003000000"), "6060600000000000");
   EXPECT_EQ(Serve("2B40600006000000"), "6040600000000000");
   EXPECT_EQ(Serve("23FF600078563412"), "60FF600000000000");
-  EXPECT_EQ(dictionary.Get(0x6060, 0), 0x03U);
-  EXPECT_EQ(dictionary.Get(0x6040, 0), 0x0006U);
-  EXPECT_EQ(dictionary.Get(0x60FF, 0), 0x12345678U);
+  EXPECT_EQ(dictionary_.Get(0x6060, 0), 0x03U);
+  EXPECT_EQ(dictionary_.Get(0x6040, 0), 0x0006U);
+  EXPECT_EQ(dictionary_.Get(0x60FF, 0), 0x12345678U);
 }
 
 TEST_F(SdoServerTest, AnswersUploadsWithTheirSizeAndNoStrayBytes) {
@@ -49,7 +49,7 @@ TEST_F(SdoServerTest, IgnoresTheReservedBitsOfAnUploadRequest) {
 
 TEST_F(SdoServerTest, TakesADownloadWithoutIndicatedSizeAsTheObjectsSize) {
   EXPECT_EQ(Serve("2240600007000000"), "6040600000000000");
-  EXPECT_EQ(dictionary.Get(0x6040, 0), 7U);
+  EXPECT_EQ(dictionary_.Get(0x6040, 0), 7U);
 }
 
 TEST_F(SdoServerTest, AbortsWithTheReason) {
@@ -68,7 +68,7 @@ TEST_F(SdoServerTest, RefusesSegmentedBlockAndUnknownCommands) {
   for (const char* command : {"21", "20", "00", "60", "A0", "C0", "E0", "FF"}) {
     EXPECT_EQ(Serve(command + std::string("40600004000000")), "8040600001000405") << command;
   }
-  EXPECT_EQ(dictionary.Get(0x6040, 0), 0x000FU);
+  EXPECT_EQ(dictionary_.Get(0x6040, 0), 0x000FU);
 }
 
 TEST_F(SdoServerTest, DoesNotAnswerAClientsAbort) { EXPECT_EQ(Serve("8040600000000405"), ""); }

@@ -12,50 +12,28 @@
 #include <thread>
 #include <vector>
 
-#include "bus_environment.h"
-#include "far_end.h"
 #include "processes.h"
 #include "tests/sim/candump_text.h"
+#include "tests/sim/drive_on_bus.h"
 
 namespace sim {
 namespace {
 
 using std::chrono::milliseconds;
-using Texts = std::vector<std::string>;
 
-// The drive on can1, a host's raw socket on can0.
-class SimulatedDriveTest : public bus::BusTest {
+class SimulatedDriveTest : public DriveOnBus {
  protected:
   static SimulatedDrive::Options Plain() { return {}; }
 
-  static Texts Exchange(bus::FarEnd& host, const std::string& request, std::size_t answers = 1) {
-    host.Forget();
-    host.Send(request);
-    EXPECT_TRUE(host.WaitFrames(answers)) << "no answer to " << request;
-    return host.Frames();
-  }
-
   // TPDO1 with both positions every `period_ms`, RPDO1 with both target velocities.
   static void BringUp(bus::FarEnd& host, const std::string& period_times_two) {
-    for (const std::string& request :
-         Texts{"601#2F60600003000000", "601#2B40600006000000", "601#2B40600007000000",
-               "601#2B4060000F000000", "601#2300140101020080", "601#2F00160000000000",
-               "601#230016012001FF60", "601#230016022002FF60", "601#2F00160002000000",
-               "601#2300140101020000", "601#2300180181010080", "601#2F001A0000000000",
-               "601#23001A0120016460", "601#23001A0220026460", "601#2F001A0002000000",
-               "601#2F001802FF000000", "601#2B001805" + period_times_two + "0000",
-               "601#2300180181010000"}) {
-      EXPECT_EQ(Exchange(host, request), Texts{"581#60" + request.substr(6, 6) + "00000000"});
-    }
-  }
-
-  template <typename Condition>
-  static bool Eventually(Condition condition) {
-    for (int i = 0; i < 500; ++i) {
-      if (condition()) return true;
-      std::this_thread::sleep_for(milliseconds(10));
-    }
-    return false;
+    WriteAll(host, {"601#2F60600003000000", "601#2B40600006000000", "601#2B40600007000000",
+                    "601#2B4060000F000000", "601#2300140101020080", "601#2F00160000000000",
+                    "601#230016012001FF60", "601#230016022002FF60", "601#2F00160002000000",
+                    "601#2300140101020000", "601#2300180181010080", "601#2F001A0000000000",
+                    "601#23001A0120016460", "601#23001A0220026460", "601#2F001A0002000000",
+                    "601#2F001802FF000000", "601#2B001805" + period_times_two + "0000",
+                    "601#2300180181010000"});
   }
 };
 

@@ -1,0 +1,51 @@
+#include "sim/hls_drive.h"
+
+#include "sim/single_axis.h"
+
+namespace sim {
+namespace {
+
+constexpr std::int8_t kPositionMode = 1;
+constexpr std::int8_t kVelocityMode = 3;
+constexpr std::int8_t kTorqueMode = 4;
+
+void AddObjects(ObjectDictionary& dictionary, std::vector<Axis>& axes) {
+  AddSingleAxisObjects(dictionary, axes[0], {kPositionMode, kVelocityMode, kTorqueMode});
+  dictionary.Add(0x2002, 0, 2, Access::kReadWrite);  // current
+  dictionary.Add(0x242A, 0, 2, Access::kReadWrite);  // highest current
+  for (const std::uint16_t gain :
+       {std::uint16_t{0x2300}, std::uint16_t{0x2301}, std::uint16_t{0x2302}}) {
+    dictionary.Add(gain, 0, 4, Access::kReadWrite);
+  }
+  dictionary.Add(0x4603, 0, 2, Access::kReadWrite)
+      .Range(0, 1)
+      .OnWrite([&axis = axes[0]](std::uint32_t value) {
+        if (value == 1) axis.ResetFault();
+        return AbortCode::kNone;
+      });
+}
+
+Make Describe() {
+  Make make{};
+  make.name = "hls";
+  make.description = "one motor, 131072 counts per revolution, target velocity in 0.1 rpm";
+  make.product_code = 3;
+  make.axis_count = 1;
+  make.axis = {131072, 1, 10, kVelocityMode, 10000, 6000};
+  make.axis.state.controlword_resets_faults = false;
+  make.pdo.configurable_while_valid = true;
+  make.pdo.accepts_short_times = true;
+  make.pdo.change_detection = std::chrono::milliseconds(5);
+  make.add_objects = AddObjects;
+  make.has_parameter_channel = true;
+  return make;
+}
+
+}  // namespace
+
+const Make& HlsDrive() {
+  static const Make make = Describe();
+  return make;
+}
+
+}  // namespace sim

@@ -1,0 +1,49 @@
+#include "sim/kinco_drive.h"
+
+#include "sim/single_axis.h"
+
+namespace sim {
+namespace {
+
+constexpr std::int8_t kImmediateSpeedMode = -3;
+constexpr std::int8_t kPositionMode = 1;
+constexpr std::int8_t kVelocityMode = 3;
+constexpr std::int8_t kTorqueMode = 4;
+
+constexpr std::uint8_t kInputs = 0x0A;
+constexpr std::uint32_t kEmergencyStopInput = 0x0001;
+
+void AddObjects(ObjectDictionary& dictionary, std::vector<Axis>& axes) {
+  AddSingleAxisObjects(dictionary, axes[0],
+                       {kImmediateSpeedMode, kPositionMode, kVelocityMode, kTorqueMode});
+  dictionary.Add(0x2010, 0, 1, Access::kConst, kInputs);
+  dictionary.Add(0x2010, kInputs, 2, Access::kReadOnly).Mappable().OnRead([&axis = axes[0]] {
+    return axis.emergency_pressed() ? kEmergencyStopInput : 0U;
+  });
+}
+
+Make Describe() {
+  Make make{};
+  make.name = "kinco";
+  make.description =
+      "one motor, 10000 counts per revolution, target velocity in 1875/512 counts per minute";
+  make.product_code = 5;
+  make.axis_count = 1;
+  make.axis = {10000, 1875, 512, kImmediateSpeedMode, 10000, 6000};
+  make.axis.velocity_in_counts = true;
+  make.axis.state.fault_reset_shuts_down = true;
+  make.pdo.configurable_while_valid = true;
+  make.pdo.accepts_short_times = true;
+  make.pdo.change_detection = std::chrono::milliseconds(5);
+  make.add_objects = AddObjects;
+  return make;
+}
+
+}  // namespace
+
+const Make& KincoDrive() {
+  static const Make make = Describe();
+  return make;
+}
+
+}  // namespace sim

@@ -1,0 +1,134 @@
+// Each make as a host meets it: brought up over the bus, turning, reporting its position.
+#include <cmath>
+#include <cstdint>
+
+#include "tests/sim/bring_up.h"
+#include "tests/sim/candump_text.h"
+#include "tests/sim/drive_on_bus.h"
+
+namespace sim {
+namespace {
+
+using std::chrono::milliseconds;
+
+class MakesOnBusTest : public DriveOnBus {
+ protected:
+  static SimulatedDrive::Options Of(const std::string& make) {
+    SimulatedDrive::Options options;
+    options.make = make;
+    return options;
+  }
+
+  // Turns as far as the positions of 51 consecutive TPDO1 tell, in counts.
+  static std::int32_t CountsIn50Periods(bus::FarEnd& host, const std::string& tpdo1,
+                                        std::size_t first_byte) {
+    host.Forget();
+    std::vector<std::uint32_t> positions;
+    EXPECT_TRUE(host.WaitFrames(80, milliseconds(10000)));
+    for (const std::string& text : host.Frames()) {
+      if (text.substr(0, 4) != tpdo1) continue;
+      const Frame frame = FromText(text);
+      positions.push_back(
+          GetLittleEndian(frame.data.begin() + static_cast<std::ptrdiff_t>(first_byte), 4));
+    }
+    if (positions.size() < 51) {
+      ADD_FAILURE() << "only " << positions.size() << " TPDO1";
+      return 0;
+    }
+    return static_cast<std::int32_t>(positions[50] - positions[0]);
+  }
+};
+
+TEST_F(MakesOnBusTest, TtWakesUpTurnsAndReports) {
+  bus::FarEnd host("can0");
+  SimulatedDrive::Options options = Of("tt");
+  options.inactive = true;
+  SimulatedDrive drive(options);
+  host.Send("601#4040600000000000");
+  EXPECT_FALSE(host.WaitFrames(1, milliseconds(150))) << "still inactive";
+  host.Send("001#1010");
+  ASSERT_TRUE(host.WaitFrames(2));
+  EXPECT_EQ(host.Frames(), (Texts{"701#00", "081#0000000000000000"}));
+  WriteAll(host, TtBringUp());
+  host.Send("000#0101");
+  host.Send("201#C4FFFFFF");
+  EXPECT_TRUE(Eventually([&] { return drive.SpeedRpm() == -60.0; }));
+  EXPECT_NEAR(CountsIn50Periods(host, "181#", 0), -16384, 1);
+}
+
+TEST_F(MakesOnBusTest, HlsTakesParametersOnChannelZeroTurnsAndReports) {
+  bus::FarEnd host("can0");
+  SimulatedDrive::Options options = Of("hls");
+  options.tpdo1_id = 0x180;
+  SimulatedDrive drive(options);
+  ASSERT_TRUE(host.WaitFrames(1));
+  WriteAll(host, HlsBringUp());
+  EXPECT_EQ(Exchange(host, "600#2300330078563412"), Texts{"580#6000330000000000"});
+  host.Send("000#0101");
+  host.Send("201#A8FDFFFF");
+  EXPECT_TRUE(Eventually([&] { return drive.SpeedRpm() == -60.0; }));
+  EXPECT_NEAR(CountsIn50Periods(host, "180#", 0), -65536, 1);
+}
+
+TEST_F(MakesOnBusTest, AmpsTurnsBySdoAndReports) {
+  bus::FarEnd host("can0");
+  SimulatedDrive drive(Of("amps"));
+  ASSERT_TRUE(host.WaitFrames(1));
+  WriteAll(host, AmpsBringUp());
+  WriteAll(host, {"601#2BF02F09C4FFFFFF"});
+  host.Send("000#0101");
+  EXPECT_TRUE(Eventually([&] { return drive.SpeedRpm() == -60.0; }));
+  EXPECT_NEAR(CountsIn50Periods(host, "181#", 4), -2048, 1);
+}
+
+TEST_F(MakesOnBusTest, KincoTurnsReportsAndComesBackFromAnEmergencyStop) {
+  bus::FarEnd host("can0");
+  SimulatedDrive drive(Of("kinco"));
+  ASSERT_TRUE(host.WaitFrames(1));
+  WriteAll(host, KincoBringUp());
+  host.Send("000#0101");
+  host.Send("201#0070FEFF");  // -102400 units are -37.5 rpm
+  EXPECT_TRUE(Eventually([&] { return drive.SpeedRpm() == -37.5; }));
+  EXPECT_NEAR(CountsIn50Periods(host, "181#", 0), -3125, 1);
+
+  const auto reports = [&host](const char* status) {
+    for (const std::string& frame : host.Frames()) {
+      if (frame == status) return true;
+    }
+    return false;
+  };
+  EXPECT_TRUE(Eventually([&] { return reports("481#000037000000"); }));
+  drive.PressEmergencyStop();
+  EXPECT_TRUE(Eventually([&] { return reports("481#000050000100") && drive.SpeedRpm() == 0.0; }));
+  drive.ReleaseEmergencyStop();
+  EXPECT_TRUE(Eventually([&] { return reports("481#000050000000"); }));
+  for (const char* request :
+       {"601#2B40600000000000", "601#2B40600006000000", "601#2B4060000F000000"}) {
+    host.Send(request);
+  }
+  host.Forget();
+  EXPECT_TRUE(Eventually([&] { return reports("481#000037000000"); }));
+  EXPECT_EQ(drive.Statusword(), 0x37);
+}
+
+TEST_F(MakesOnBusTest, DrivesDoNotWakeEachOtherUpButFollowTheHostTogether) {
+  bus::FarEnd host("can0");
+  SimulatedDrive::Options options = Of("kinco");
+  SimulatedDrive one(options);
+  options.node_id = 2;
+  SimulatedDrive two(options);
+  ASSERT_TRUE(host.WaitFrames(2));
+  // An RPDO on an identifier that drives send on stays unheard.
+  WriteAll(host, {"601#2300140101020080", "601#2300140182010000", "601#230016012000FF60",
+                  "601#2F00160001000000"});
+  host.Send("000#0100");
+  EXPECT_TRUE(Eventually([&] {
+    return one.State() == NmtState::kOperational && two.State() == NmtState::kOperational;
+  }));
+  host.Send("182#00010000");
+  EXPECT_EQ(Exchange(host, "601#40FF600000000000"), Texts{"581#43FF600000000000"});
+  EXPECT_EQ(one.Received().pdo, 0U);
+}
+
+}  // namespace
+}  // namespace sim
