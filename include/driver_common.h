@@ -230,6 +230,10 @@ class MOTOR_DRIVER_EXPORT DriverCommon : public DriverCan {
                                 std::uint32_t* response_data);
 
  protected:
+  bool speed_command_enabled() const {
+    return speed_command_enabled_.load(std::memory_order_acquire);
+  }
+
   // Period of the feedback PDO in milliseconds, as last given to EnableSpeedModeAndPdoMode().
   std::atomic<std::uint16_t> pdo_period_{10};
 

@@ -8,6 +8,7 @@ namespace cia301 {
 
 // COB-IDs of the predefined connection set: function code, to which the node-ID is added.
 constexpr std::uint32_t kNmt = 0x000;
+constexpr std::uint32_t kEmergency = 0x080;
 constexpr std::uint32_t kTpdo1 = 0x180;
 constexpr std::uint32_t kRpdo1 = 0x200;
 constexpr std::uint32_t kTpdo2 = 0x280;
@@ -38,6 +39,7 @@ constexpr std::uint8_t kBootUp = 0x00;
 constexpr std::uint8_t kPreOperational = 0x7F;
 
 // Object indices.
+constexpr std::uint16_t kStoreParameters = 0x1010;
 constexpr std::uint16_t kProducerHeartbeatTime = 0x1017;
 constexpr std::uint16_t kRpdo1Communication = 0x1400;
 constexpr std::uint16_t kRpdo1Mapping = 0x1600;
@@ -51,6 +53,7 @@ constexpr std::uint16_t kTpdo4Mapping = 0x1A03;
 // Sub-indices of a PDO communication record; of a mapping record, 0 holds the number of objects.
 constexpr std::uint8_t kPdoCobId = 1;
 constexpr std::uint8_t kPdoTransmissionType = 2;
+constexpr std::uint8_t kPdoInhibitTime = 3;
 constexpr std::uint8_t kPdoEventTimer = 5;
 
 }  // namespace cia301
@@ -59,6 +62,7 @@ namespace cia402 {
 
 constexpr std::uint16_t kErrorCode = 0x603F;
 constexpr std::uint16_t kControlword = 0x6040;
+constexpr std::uint16_t kStatusword = 0x6041;
 constexpr std::uint16_t kModesOfOperation = 0x6060;
 constexpr std::uint16_t kProfileAcceleration = 0x6083;
 constexpr std::uint16_t kProfileDeceleration = 0x6084;

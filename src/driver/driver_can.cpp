@@ -5,7 +5,6 @@
 #include <linux/can/raw.h>
 #include <net/if.h>
 #include <pthread.h>
-#include <signal.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -20,6 +19,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "blocked_signals.h"
 #include "log/logger.h"
 
 namespace {
@@ -52,26 +52,6 @@ static_assert(sizeof(can_frame) == 16, "frames are read and written whole, 16 by
   std::fprintf(stderr, "%s\n", what);
   std::abort();
 }
-
-// Threads inherit the mask of their creator: while this lives, only the faults a thread causes
-// itself stay deliverable, so that a host's handlers run on the host's threads alone.
-class AllSignalsBlocked {
- public:
-  AllSignalsBlocked() {
-    sigset_t blocked;
-    sigfillset(&blocked);
-    for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS, SIGABRT}) {
-      sigdelset(&blocked, fault);
-    }
-    pthread_sigmask(SIG_SETMASK, &blocked, &previous_);
-  }
-  ~AllSignalsBlocked() { pthread_sigmask(SIG_SETMASK, &previous_, nullptr); }
-  AllSignalsBlocked(const AllSignalsBlocked&) = delete;
-  AllSignalsBlocked& operator=(const AllSignalsBlocked&) = delete;
-
- private:
-  sigset_t previous_;
-};
 
 // The thread may be cancelled inside this one read and nowhere else: it holds no lock and owns
 // nothing there.
@@ -404,7 +384,7 @@ void DriverCan::EndReader(std::thread& reader) {
 }
 
 void DriverCan::StartReceiveThread() {
-  const AllSignalsBlocked inherited_by_the_thread;
+  const BlockedSignals inherited_by_the_thread;
   const std::lock_guard<std::mutex> lock(socket_mutex_);
   reader_ended_ = false;
   receive_thread_ = std::thread(&DriverCan::Callback, this);

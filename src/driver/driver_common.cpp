@@ -246,7 +246,9 @@ bool DriverCommon::IsNodeOnline(std::uint8_t node) {
 
 void DriverCommon::set_is_initialized(bool value) { is_initialized_ = value; }
 
-void DriverCommon::set_speed_command_enabled(bool value) { speed_command_enabled_ = value; }
+void DriverCommon::set_speed_command_enabled(bool value) {
+  speed_command_enabled_.store(value, std::memory_order_release);
+}
 
 bool DriverCommon::SdoWrite(std::uint32_t can_id, std::uint8_t command, std::uint16_t index,
                             std::uint8_t sub_index, std::uint32_t data) {

@@ -16,6 +16,12 @@ struct SdoStep {
   const char* failure_text;  // printed word for word when the write is not confirmed
 };
 
+// How a make prints the text of a failed write on standard output.
+enum class FailureText {
+  kLine,  // as a line (puts)
+  kBare,  // without a line break (printf): deliberate, consecutive texts run together
+};
+
 // One table row. T is the type of the object, from which the command follows. The value is as wide
 // as the frame: where a make sends more bits than the object holds, they go out.
 template <typename T>
@@ -29,13 +35,12 @@ constexpr SdoStep Write(std::uint16_t index, std::uint8_t sub_index, std::uint32
 }
 
 // Makes every write of the table in order, each confirmed, whether or not the ones before it
-// succeeded. Prints the text of each failed one as a line of standard output (puts) and returns
-// their number.
+// succeeded. Prints the text of each failed one and returns their number.
 std::uint16_t RunSdoSequence(DriverCommon& drive, std::uint8_t node, const SdoStep* steps,
-                             std::size_t count);
+                             std::size_t count, FailureText print);
 
 template <std::size_t N>
 std::uint16_t RunSdoSequence(DriverCommon& drive, std::uint8_t node,
-                             const std::array<SdoStep, N>& steps) {
-  return RunSdoSequence(drive, node, steps.data(), N);
+                             const std::array<SdoStep, N>& steps, FailureText print) {
+  return RunSdoSequence(drive, node, steps.data(), N, print);
 }

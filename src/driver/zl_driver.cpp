@@ -140,19 +140,19 @@ bool ZlDriver::ActiveNode(std::uint8_t node) {
 }
 
 std::uint16_t ZlDriver::SetSpeedMode(std::uint8_t node) {
-  return RunSdoSequence(*this, node, kSpeedMode);
+  return RunSdoSequence(*this, node, kSpeedMode, FailureText::kLine);
 }
 
 std::uint16_t ZlDriver::SetMotorCurrent(std::uint8_t node) {
-  return RunSdoSequence(*this, node, kMotorCurrent);
+  return RunSdoSequence(*this, node, kMotorCurrent, FailureText::kLine);
 }
 
 std::uint16_t ZlDriver::EnableSpeedModeAndPdoMode(std::uint8_t node, std::uint16_t period_ms) {
   pdo_period_ = period_ms;
   std::uint16_t failures = SetMotorCurrent(node);
   failures = static_cast<std::uint16_t>(failures + SetSpeedMode(node));
-  failures =
-      static_cast<std::uint16_t>(failures + RunSdoSequence(*this, node, PdoSetUp(node, period_ms)));
+  failures = static_cast<std::uint16_t>(
+      failures + RunSdoSequence(*this, node, PdoSetUp(node, period_ms), FailureText::kLine));
   ClearReadQueue();
   SetHeartbeatPacket(node, kHeartbeatPeriodMs);
   return failures;

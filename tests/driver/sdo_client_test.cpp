@@ -1,21 +1,19 @@
 // The SDO client of DriverCommon.
 #include <driver_common.h>
 #include <gtest/gtest.h>
-#include <spdlog/sinks/base_sink.h>
 
 #include <array>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <future>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "bus_environment.h"
 #include "far_end.h"
-#include "log/logger.h"
+#include "log_sources.h"
 #include "observed_driver.h"
 #include "output_capture.h"
 
@@ -330,34 +328,13 @@ TEST_F(SdoClientTest, TheTimeoutLineIsInUpperCaseHexadecimalOfFixedWidth) {
             "[WARN] SDO response timeout, can_id: 0x00A, index: 0xCDEF, sub: 0x0F\n");
 }
 
-// Keeps where log lines come from, which the terminal does not show but the journal does.
-class SourceSink : public spdlog::sinks::base_sink<std::mutex> {
- public:
-  std::vector<std::string> Sources() {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    return sources_;
-  }
-
- protected:
-  void sink_it_(const spdlog::details::log_msg& message) override {
-    sources_.push_back(std::string(message.source.filename) + " " + message.source.funcname);
-  }
-  void flush_() override {}
-
- private:
-  std::vector<std::string> sources_;
-};
-
 TEST_F(SdoClientTest, TheTimeoutLineNamesTheOperationThatTheHostCalled) {
   ObservedDriver driver("can0");
-  const auto sink = std::make_shared<SourceSink>();
-  std::vector<spdlog::sink_ptr>& sinks = corvel::Logger::Instance("spdlog").logger->sinks();
-  sinks.push_back(sink);
+  LogSources sources;
   std::uint32_t data = 0;
   WriteControlword(driver);
   driver.SdoWriteWithFeedbackData(0x601, kUpload, 0x6041, 0, 0, &data);
-  sinks.pop_back();
-  EXPECT_EQ(sink->Sources(),
+  EXPECT_EQ(sources.Heard(),
             (std::vector<std::string>{"./src/driver/driver_common.cpp SdoWriteWithFeedback",
                                       "./src/driver/driver_common.cpp SdoWriteWithFeedbackData"}));
 }

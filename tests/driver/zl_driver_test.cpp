@@ -23,14 +23,6 @@ using support::WithoutNumbers;
 
 class ZlDriverTest : public bus::BusTest {};
 
-std::string PrintedBy(const std::vector<SetUpStep>& script) {
-  std::string text;
-  for (const SetUpStep& step : script) {
-    text += step.printed;
-  }
-  return text;
-}
-
 TEST_F(ZlDriverTest, HasEncodersOf4096Counts) {
   ZlDriver driver("can0");
   EXPECT_EQ(driver.GetNumberOfPulsesPerRevolution(), 4096U);
@@ -109,9 +101,7 @@ TEST_F(ZlDriverTest, SetsUpNode1) {
 }
 
 // What in the set-up depends on node and period, after the request identifier.
-struct NodeAndPeriod {
-  std::uint8_t node;
-  std::uint16_t period_ms;
+struct SetUpCase : NodeAndPeriod {
   const char* request;      // identifier
   const char* rpdo1_off;    // write 17, counted from 0
   const char* rpdo1_on;     // 22
@@ -124,10 +114,10 @@ struct NodeAndPeriod {
   const char* tpdo4_on;     // 40
 };
 
-class ZlSetUpTest : public bus::BusTest, public ::testing::WithParamInterface<NodeAndPeriod> {};
+class ZlSetUpTest : public bus::BusTest, public ::testing::WithParamInterface<SetUpCase> {};
 
 TEST_P(ZlSetUpTest, WritesEveryObject) {
-  const NodeAndPeriod& p = GetParam();
+  const SetUpCase& p = GetParam();
   std::vector<std::string> expected = FramesOf(zl_script::WholeSetUp());
   expected[17] = p.rpdo1_off;
   expected[22] = p.rpdo1_on;
@@ -154,24 +144,24 @@ TEST_P(ZlSetUpTest, WritesEveryObject) {
 INSTANTIATE_TEST_SUITE_P(
     NodesAndPeriods, ZlSetUpTest,
     ::testing::Values(
-        NodeAndPeriod{1, 1, "601", "#2300140101020080", "#2300140101020000",
-                      "#2300180181010080", "#2301180181020080", "#2302180181030080", "#2303180181040080",
-                      "#2B00180502000000", "#2300180181010000", "#2303180181040000"},
-        NodeAndPeriod{2, 32767, "602", "#2300140102020080", "#2300140102020000",
-                      "#2300180182010080", "#2301180182020080", "#2302180182030080", "#2303180182040080",
-                      "#2B001805FEFF0000", "#2300180182010000", "#2303180182040000"},
+        SetUpCase{{1, 1}, "601", "#2300140101020080", "#2300140101020000",
+                  "#2300180181010080", "#2301180181020080", "#2302180181030080", "#2303180181040080",
+                  "#2B00180502000000", "#2300180181010000", "#2303180181040000"},
+        SetUpCase{{2, 32767}, "602", "#2300140102020080", "#2300140102020000",
+                  "#2300180182010080", "#2301180182020080", "#2302180182030080", "#2303180182040080",
+                  "#2B001805FEFF0000", "#2300180182010000", "#2303180182040000"},
         // The product does not fit the object: it goes out as it is.
-        NodeAndPeriod{127, 40000, "67F", "#230014017F020080", "#230014017F020000",
-                      "#23001801FF010080", "#23011801FF020080", "#23021801FF030080", "#23031801FF040080",
-                      "#2B00180580380100", "#23001801FF010000", "#23031801FF040000"},
-        NodeAndPeriod{3, 65535, "603", "#2300140103020080", "#2300140103020000",
-                      "#2300180183010080", "#2301180183020080", "#2302180183030080", "#2303180183040080",
-                      "#2B001805FEFF0100", "#2300180183010000", "#2303180183040000"},
-        NodeAndPeriod{1, 0, "601", "#2300140101020080", "#2300140101020000",
-                      "#2300180181010080", "#2301180181020080", "#2302180181030080", "#2303180181040080",
-                      "#2B00180500000000", "#2300180181010000", "#2303180181040000"}),
-    [](const ::testing::TestParamInfo<NodeAndPeriod>& test) {
-      return "Node" + std::to_string(test.param.node) + "Period" + std::to_string(test.param.period_ms);
+        SetUpCase{{127, 40000}, "67F", "#230014017F020080", "#230014017F020000",
+                  "#23001801FF010080", "#23011801FF020080", "#23021801FF030080", "#23031801FF040080",
+                  "#2B00180580380100", "#23001801FF010000", "#23031801FF040000"},
+        SetUpCase{{3, 65535}, "603", "#2300140103020080", "#2300140103020000",
+                  "#2300180183010080", "#2301180183020080", "#2302180183030080", "#2303180183040080",
+                  "#2B001805FEFF0100", "#2300180183010000", "#2303180183040000"},
+        SetUpCase{{1, 0}, "601", "#2300140101020080", "#2300140101020000",
+                  "#2300180181010080", "#2301180181020080", "#2302180181030080", "#2303180181040080",
+                  "#2B00180500000000", "#2300180181010000", "#2303180181040000"}),
+    [](const ::testing::TestParamInfo<SetUpCase>& test) {
+      return NameOf(test.param);
     });
 // clang-format on
 
