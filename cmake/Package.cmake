@@ -25,3 +25,7 @@ string(REGEX REPLACE "/$" "" pc_prefix "${pc_prefix}")
 configure_file(${CMAKE_CURRENT_LIST_DIR}/motor_driver.pc.in ${PROJECT_BINARY_DIR}/motor_driver.pc
   @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/motor_driver.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+# Texts of the codes of a drive, to be loaded by the host.
+install(FILES ${PROJECT_SOURCE_DIR}/packaging/kinco.yaml
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/motor_driver)

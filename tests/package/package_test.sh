@@ -29,7 +29,7 @@ mv "$scratch/first" "$scratch/prefix"
 libdir=$(dirname "$(find "$scratch/prefix" -name libmotor_driver.so)")
 
 headers=$(cd "$scratch/prefix/include/motor_driver" && echo *)
-[[ $headers == "driver_can.h driver_common.h zl_driver.h" ]] || fail "installed headers: $headers"
+[[ $headers == "driver_can.h driver_common.h kinco_driver.h zl_driver.h" ]] || fail "installed headers: $headers"
 if grep -nE '#include *<(spdlog|fmt|yaml-cpp|systemd|linux/can)' \
     "$scratch"/prefix/include/motor_driver/*; then
   fail "a public header shows a dependency"
@@ -37,6 +37,8 @@ fi
 soname=$(objdump -p "$libdir/libmotor_driver.so" | awk '$1 == "SONAME" { print $2 }')
 [[ $soname =~ ^libmotor_driver\.so\.[0-9.]+$ ]] || fail "SONAME is '$soname'"
 [[ -e $libdir/$soname ]] || fail "$soname is not installed"
+
+[[ -s $scratch/prefix/share/motor_driver/kinco.yaml ]] || fail "kinco.yaml is not installed"
 
 for header in $headers; do
   "$cxx" -std=c++17 "${warnings[@]}" -fsyntax-only -x c++ -I"$scratch/prefix/include/motor_driver" \
