@@ -1,7 +1,11 @@
 // Every write of every make's set-up refused once: it is counted once, told in exactly its own
 // words, and everything after it is still sent. A new make needs its expected script and one entry
 // in Makes().
+#include <amps_driver.h>
 #include <gtest/gtest.h>
+#include <hls_driver.h>
+#include <kinco_driver.h>
+#include <tt_driver.h>
 #include <zl_driver.h>
 
 #include <functional>
@@ -11,9 +15,13 @@
 #include <tuple>
 #include <vector>
 
+#include "amps_script.h"
 #include "bus_environment.h"
 #include "far_end.h"
+#include "hls_script.h"
+#include "kinco_script.h"
 #include "output_capture.h"
+#include "tt_script.h"
 #include "zl_script.h"
 
 namespace {
@@ -31,6 +39,15 @@ void PrintTo(const Make& make, std::ostream* out) { *out << make.name; }
 std::vector<Make> Makes() {
   return {
       {"ZlDriver", [] { return std::make_unique<ZlDriver>("can0"); }, zl_script::WholeSetUp(),
+       [](DriverCommon& drive) { return drive.EnableSpeedModeAndPdoMode(1, 10); }},
+      {"TtDriver", [] { return std::make_unique<TtDriver>("can0"); }, tt_script::WholeSetUp(),
+       [](DriverCommon& drive) { return drive.EnableSpeedModeAndPdoMode(1, 10); }},
+      {"HlsDriver", [] { return std::make_unique<HlsDriver>("can0"); }, hls_script::WholeSetUp(),
+       [](DriverCommon& drive) { return drive.EnableSpeedModeAndPdoMode(1, 10); }},
+      {"AMPSDriver", [] { return std::make_unique<AMPSDriver>("can0"); }, amps_script::WholeSetUp(),
+       [](DriverCommon& drive) { return drive.EnableSpeedModeAndPdoMode(1, 10); }},
+      {"KincoDriver", [] { return std::make_unique<KincoDriver>("can0", 10000); },
+       kinco_script::WholeSetUp(),
        [](DriverCommon& drive) { return drive.EnableSpeedModeAndPdoMode(1, 10); }},
   };
 }

@@ -29,7 +29,7 @@ mv "$scratch/first" "$scratch/prefix"
 libdir=$(dirname "$(find "$scratch/prefix" -name libmotor_driver.so)")
 
 headers=$(cd "$scratch/prefix/include/motor_driver" && echo *)
-[[ $headers == "driver_can.h driver_common.h kinco_driver.h zl_driver.h" ]] || fail "installed headers: $headers"
+[[ $headers == "amps_driver.h driver_can.h driver_common.h fake_driver.h hls_driver.h kinco_driver.h tt_driver.h zl_driver.h" ]] || fail "installed headers: $headers"
 if grep -nE '#include *<(spdlog|fmt|yaml-cpp|systemd|linux/can)' \
     "$scratch"/prefix/include/motor_driver/*; then
   fail "a public header shows a dependency"

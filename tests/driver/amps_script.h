@@ -1,0 +1,30 @@
+// Set-up of node 1 of an AMPS drive with a period of 10 ms.
+#pragma once
+
+#include <vector>
+
+#include "set_up_script.h"
+
+namespace amps_script {
+
+// Texts without line break: as they must be.
+
+// clang-format off
+inline const std::vector<SetUpStep> kSpeedMode = {
+    {"601#2F60600003000000", "write error 0x6060, 0x00, 0x03"},
+    {"601#2B4060000F000000", "write error 0x6040, 0x00, 0x000F"},
+};
+
+inline const std::vector<SetUpStep> kPdos = {
+    {"601#2B0018030A000000", "write error 0x1800, 0x03, period"},
+    {"601#2F00470101000000", "write error 0x4700, 0x01, 1"},
+};
+// clang-format on
+
+inline std::vector<SetUpStep> WholeSetUp() {
+  std::vector<SetUpStep> script = kSpeedMode;
+  script.insert(script.end(), kPdos.begin(), kPdos.end());
+  return script;
+}
+
+}  // namespace amps_script
