@@ -44,10 +44,15 @@ struct Measure {
 };
 
 constexpr Measure kMeasures[] = {
-    {"receive", MeasureReceiveCost}, {"rate", MeasureReceiveRate},
-    {"send", MeasureSend},           {"sdo", MeasureSdo},
-    {"latency", MeasureLatency},     {"memory", MeasureQueueMemory},
-    {"idle", MeasureIdleCost},       {"stop", MeasureStop},
+    {"receive", MeasureReceiveCost},
+    {"rate", MeasureReceiveRate},
+    {"send", MeasureSend},
+    {"sdo", MeasureSdo},
+    {"latency", MeasureLatency},
+    {"memory", MeasureQueueMemory},
+    {"idle", MeasureIdleCost},
+    {"stop", MeasureStop},
+    {"supervision", MeasureSupervision},
 };
 
 std::vector<Row> RunMeasures(const Bench& bench, const std::set<std::string>& only) {
@@ -73,7 +78,7 @@ int Run(const Options& options) {
     EnterOwnNetwork(options.interface, options.far_interface);
   }
   FarEnd far_end(options.far_interface);
-  const Bench bench = {far_end, options.interface,
+  const Bench bench = {far_end, options.interface, options.far_interface,
                        options.quick ? kQuick : FullScale(options.seconds, options.repetitions)};
   std::vector<Row> rows = RunMeasures(bench, options.only);
   if (options.quick) {

@@ -24,6 +24,7 @@ struct Scale {
 struct Bench {
   FarEnd& far_end;
   std::string interface;
+  std::string far_interface;
   Scale scale;
 };
 
@@ -35,3 +36,5 @@ std::vector<Row> MeasureSend(const Bench& bench);
 std::vector<Row> MeasureSdo(const Bench& bench);
 std::vector<Row> MeasureStop(const Bench& bench);
 std::vector<Row> MeasureIdleCost(const Bench& bench);
+// The library alone: there is nothing to compare it with.
+std::vector<Row> MeasureSupervision(const Bench& bench);

@@ -1,4 +1,4 @@
-// A complete small host: brings a drive up, turns two wheels through a speed profile, watches
+// A complete small host: brings a drive up, turns its wheels through a speed profile, watches
 // everything that can go wrong on the way, and does not end before the wheels stand still.
 //
 // Meant to be copied. What a host must not leave out:
@@ -23,6 +23,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "make.h"
 #include "speed_profile.h"
@@ -38,10 +39,8 @@ constexpr int kUsage = 2;
 
 constexpr std::uint32_t kSdoRequest = 0x600;
 constexpr std::uint32_t kHeartbeat = 0x700;
-constexpr std::uint8_t kWrite4Bytes = 0x23;
 constexpr std::uint8_t kRead = 0x40;
 constexpr std::uint16_t kErrorCode = 0x603F;
-constexpr std::uint16_t kTargetVelocity = 0x60FF;
 
 constexpr int kNotHeard = -1;
 constexpr int kOperational = 5;
@@ -53,7 +52,7 @@ constexpr double kFollows = 0.5;
 // A drive that has not sent its boot-up message by then is asked all the same.
 constexpr auto kBootTime = std::chrono::seconds(2);
 constexpr auto kAnswerTime = std::chrono::seconds(3);
-// Heartbeats come every 2 s.
+constexpr std::uint16_t kHeartbeatPeriodMs = 2000;
 constexpr auto kStartTime = std::chrono::seconds(5);
 // Readings of the first cycles may be older than the command to stop.
 constexpr int kStopCycles = 20;
@@ -120,7 +119,7 @@ class Host {
   bool EnableAndStart();
   bool RunCycle(SpeedVerdict& verdict);
 
-  // True when both wheels were measured to stand still.
+  // True when the wheels were measured to stand still.
   bool StopWheels();
 
   void SayDriveError();
@@ -177,6 +176,13 @@ bool Host::Prepare() {
   if (!BusWorks()) {
     return false;
   }
+  // Before the heartbeat is registered: from then on the boot-up message that tells success would
+  // be consumed as a heartbeat.
+  if (make_.must_be_woken && !drive_->ActiveNode(node_)) {
+    Say(NodeName() + " does not wake up on " + options_.interface +
+        ": check its supply, node number and bit rate, and the termination of the bus");
+    return false;
+  }
   drive_->AddHeartbeatId(kHeartbeat + node_);
   drive_->AddHeartbeatCallback(kHeartbeat + node_, [this](HeartbeatTimeout& heartbeat) {
     drive_->HeartbeatCallback(heartbeat);  // the library's own warning of restarts stays
@@ -225,9 +231,9 @@ bool Host::WaitForAnswer() {
 
 // `abort_code`: the drive's reason when it refused, 0 when it did not answer.
 bool Host::ZeroTargetVelocities(std::uint32_t& abort_code) {
-  for (const std::uint8_t sub : make_.target_velocity_subs) {
-    if (!drive_->SdoWriteWithFeedbackData(SdoId(), kWrite4Bytes, kTargetVelocity, sub, 0,
-                                          &abort_code)) {
+  for (const TargetVelocity& target : make_.target_velocities) {
+    if (!drive_->SdoWriteWithFeedbackData(SdoId(), target.command, target.index, target.sub_index,
+                                          0, &abort_code)) {
       return false;
     }
   }
@@ -235,7 +241,7 @@ bool Host::ZeroTargetVelocities(std::uint32_t& abort_code) {
 }
 
 bool Host::EnableAndStart() {
-  if (!drive_->ActiveNode(node_)) {
+  if (!make_.must_be_woken && !drive_->ActiveNode(node_)) {
     Say(NodeName() + " cannot be cleared of its fault");
     return false;
   }
@@ -253,6 +259,8 @@ bool Host::EnableAndStart() {
     Say(std::to_string(failures) + " of the writes of the set-up failed on " + NodeName());
     return false;
   }
+  // Not every make's set-up asks for one.
+  drive_->SetHeartbeatPacket(node_, kHeartbeatPeriodMs);
   drive_->StartNode(node_);
   return WaitForFeedback();
 }
@@ -284,14 +292,13 @@ bool Host::WaitForFeedback() {
   return false;
 }
 
-// Takes every queued frame. GetSpeed() answers false for a frame that is no position report, so its
-// result alone does not tell whether the queue is empty.
+// Takes every queued frame. What GetSpeed() answers does not tell whether the queue is empty.
 template <typename OnReading>
 void Host::TakeReadings(OnReading on_reading) {
   ++cycles_without_feedback_;
   while (drive_->GetReadQueueSize() > 0) {
     MeasuredRpm rpm = {};
-    if (make_.measure(*drive_, rpm)) {
+    if (make_.measure(*drive_, node_, rpm)) {
       cycles_without_feedback_ = 0;
       latest_.Add(rpm);
       on_reading(rpm);
@@ -320,7 +327,7 @@ bool Host::Healthy() {
 
 bool Host::Follows(const ProfilePoint& point) {
   const MeasuredRpm measured = latest_.Mean();
-  for (std::size_t wheel = 0; wheel < measured.size() && point.settled; ++wheel) {
+  for (std::size_t wheel = 0; wheel < make_.wheels && point.settled; ++wheel) {
     const double target = point.target[wheel];
     if (std::abs(measured[wheel] - target) > kFollows * std::abs(target)) {
       Say("wheel " + std::to_string(wheel + 1) + " does not follow its speed command");
@@ -334,7 +341,7 @@ bool Host::RunCycle(SpeedVerdict& verdict) {
   const SpeedProfile profile(options_.rpm, options_.seconds);
   const bool in_place =
       options_.table == "live" || (options_.table == "auto" && isatty(STDOUT_FILENO) != 0);
-  SpeedTable table(in_place, profile.seconds());
+  SpeedTable table(in_place, make_.wheels, profile.seconds());
   Pacer pacer(period_);
   cycles_without_feedback_ = 0;
   // Time advances by cycles: a host that was held up goes on where it was instead of jumping.
@@ -378,7 +385,8 @@ bool Host::StopWheels() {
     pacer.Wait();
     TakeReadings([](const MeasuredRpm&) {});
     if (cycles >= kStopCycles && latest_.Standing()) {
-      Say("zero speed sent; both wheels stand still");
+      Say(make_.wheels == 2 ? "zero speed sent; both wheels stand still"
+                            : "zero speed sent; the wheel stands still");
       return true;
     }
   }
@@ -400,11 +408,12 @@ void Host::SayDriveError() {
 }
 
 int Run(const Options& options) {
-  Host host(options, FindMake(options.make));
+  const Make& make = FindMake(options.make);
+  Host host(options, make);
   if (!host.Prepare()) {
     return kFailure;
   }
-  SpeedVerdict verdict;
+  SpeedVerdict verdict(make.wheels);
   bool done = false;
   try {
     done = host.EnableAndStart() && host.RunCycle(verdict);
@@ -447,11 +456,13 @@ int ParseAndRun(int argc, char** argv) {
       ->check(CLI::IsMember({"auto", "live", "lines"}));
   try {
     app.parse(argc, argv);
-    const Make& make = FindMake(options.make);
-    if (make.only_node != 0 && options.node != make.only_node) {
-      throw CLI::ValidationError("--node", "make " + options.make +
-                                               " decodes the feedback of node " +
-                                               std::to_string(make.only_node) + " only");
+    const std::vector<int>& nodes = FindMake(options.make).nodes;
+    if (std::find(nodes.begin(), nodes.end(), options.node) == nodes.end()) {
+      std::string text = "make " + options.make + " decodes the feedback of";
+      for (const int node : nodes) {
+        text += (node == nodes.front() ? " node " : " and node ") + std::to_string(node);
+      }
+      throw CLI::ValidationError("--node", text + " only");
     }
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == kSuccess ? kSuccess : kUsage;

@@ -4,6 +4,7 @@
 #include <driver_common.h>
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -12,23 +13,35 @@
 using TargetRpm = std::array<int, 2>;       // wheel 1, wheel 2
 using MeasuredRpm = std::array<double, 2>;  // wheel 1, wheel 2
 
-// One make, as a host of two wheels sees it. A further make is one more row in make.cpp.
+// An object that stores a target velocity, and the SDO command that writes it.
+struct TargetVelocity {
+  std::uint8_t command;
+  std::uint16_t index;
+  std::uint8_t sub_index;
+};
+
+// One make, as a host of one or two wheels sees it. A further make is one more row in make.cpp.
 struct Make {
   const char* name;
 
-  // The only node whose feedback its class decodes; 0: any.
-  std::uint8_t only_node;
+  // Motors of one node; a second wheel stays at 0 where there is one.
+  std::size_t wheels;
+
+  // The nodes whose feedback its class decodes.
+  std::vector<int> nodes;
+
+  // Hears nothing before ActiveNode.
+  bool must_be_woken;
 
   std::unique_ptr<DriverCommon> (*create)(const char* interface);
 
-  // Where the target velocities are stored: sub-indices of 0x60FF.
-  std::vector<std::uint8_t> target_velocity_subs;
+  std::vector<TargetVelocity> target_velocities;
 
-  // Commands both wheels; true when the frame was sent.
+  // Commands the wheels; true when the frame was sent.
   bool (*command)(DriverCommon& drive, std::uint8_t node, const TargetRpm& rpm);
 
-  // Takes one queued frame; true when it was a speed report.
-  bool (*measure)(DriverCommon& drive, MeasuredRpm& rpm);
+  // Takes one queued frame; true when it was a speed report of the node.
+  bool (*measure)(DriverCommon& drive, std::uint8_t node, MeasuredRpm& rpm);
 };
 
 std::vector<std::string> MakeNames();

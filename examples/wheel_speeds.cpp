@@ -26,7 +26,7 @@ void SpeedVerdict::Add(const ProfilePoint& point, const MeasuredRpm& rpm) {
   if (!point.settled) {
     return;
   }
-  for (std::size_t wheel = 0; wheel < rpm.size(); ++wheel) {
+  for (std::size_t wheel = 0; wheel < wheels_; ++wheel) {
     Record& record = records_[wheel][point.phase];
     record.target = point.target[wheel];
     record.sum += rpm[wheel];
@@ -63,7 +63,7 @@ std::string SpeedVerdict::Summary() const {
     return "no speed was held long enough to be judged";
   }
   std::string summary = WithinTolerance() ? "speeds within 2 %" : "SPEEDS OFF BY MORE THAN 2 %";
-  for (std::size_t wheel = 0; wheel < records_.size(); ++wheel) {
+  for (std::size_t wheel = 0; wheel < wheels_; ++wheel) {
     const Record& worst = Worst(wheel);
     char text[80];
     std::snprintf(text, sizeof(text), "%s wheel %zu %+.2f %% (%.1f of %d rpm)",
@@ -81,20 +81,23 @@ void SpeedTable::Show(double second, const ProfilePoint& point, const MeasuredRp
   if (in_place_) {
     next_ = second + 0.1;
     if (drawn_) {
-      std::fputs("\x1b[4A", stdout);
+      std::printf("\x1b[%zuA", 2 + wheels_);
     }
     std::printf("\r\x1b[K  %4.1f of %.1f s   %s\n", second, seconds_, point.name);
     std::puts("\x1b[K            target    measured");
-    for (std::size_t wheel = 0; wheel < measured.size(); ++wheel) {
+    for (std::size_t wheel = 0; wheel < wheels_; ++wheel) {
       std::printf("\x1b[K  wheel %zu %5d rpm %7.1f rpm\n", wheel + 1, point.target[wheel],
                   measured[wheel]);
     }
     drawn_ = true;
   } else {
     next_ = second + 0.5;
-    std::printf(
-        "%5.1f s  %-8s wheel 1: %5d rpm, measured %7.1f   wheel 2: %5d rpm, measured %7.1f\n",
-        second, point.name, point.target[0], measured[0], point.target[1], measured[1]);
+    std::printf("%5.1f s  %-8s", second, point.name);
+    for (std::size_t wheel = 0; wheel < wheels_; ++wheel) {
+      std::printf("%s wheel %zu: %5d rpm, measured %7.1f", wheel == 0 ? "" : "  ", wheel + 1,
+                  point.target[wheel], measured[wheel]);
+    }
+    std::puts("");
   }
   std::fflush(stdout);
 }

@@ -17,7 +17,7 @@ class LatestSpeeds {
   void Add(const MeasuredRpm& rpm);
   MeasuredRpm Mean() const;
 
-  // Whether both wheels stood still during the last kWindow readings.
+  // Whether the wheels stood still during the last kWindow readings.
   bool Standing() const;
 
  private:
@@ -32,6 +32,8 @@ class LatestSpeeds {
 class SpeedVerdict {
  public:
   static constexpr double kTolerancePercent = 2.0;
+
+  explicit SpeedVerdict(std::size_t wheels) : wheels_(wheels) {}
 
   // One reading while `point` was commanded; readings that have not settled do not count.
   void Add(const ProfilePoint& point, const MeasuredRpm& rpm);
@@ -54,19 +56,22 @@ class SpeedVerdict {
 
   const Record& Worst(std::size_t wheel) const;
 
+  std::size_t wheels_;
   std::array<std::array<Record, SpeedProfile::kMovingPhases>, 2> records_ = {};
 };
 
 // Targets and measured speeds on standard output: a table redrawn in place, or plain lines.
 class SpeedTable {
  public:
-  SpeedTable(bool in_place, double seconds) : in_place_(in_place), seconds_(seconds) {}
+  SpeedTable(bool in_place, std::size_t wheels, double seconds)
+      : in_place_(in_place), wheels_(wheels), seconds_(seconds) {}
 
   // To be called in every cycle; shows what a reader can follow.
   void Show(double second, const ProfilePoint& point, const MeasuredRpm& measured);
 
  private:
   bool in_place_;
+  std::size_t wheels_;
   double seconds_;
   bool drawn_ = false;
   double next_ = 0;

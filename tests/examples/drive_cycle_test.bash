@@ -40,8 +40,12 @@ make_bus() {
   sleep 0.1
 }
 
+make=zl
+node=1
+target_velocity=FF6000  # its object, as in a frame
+
 plug_drive() {  # arguments of the simulator
-  "$simulator" --interface can1 --make zl --node 1 "$@" 2>"$scratch/sim" &
+  "$simulator" --interface can1 --make "$make" --node "$node" "$@" 2>"$scratch/sim" &
   simulator_pid=$!
   wait_for ready sim
 }
@@ -136,6 +140,76 @@ TurnsBothWheelsAsCommanded() {
   ((slowest >= -414 && slowest <= -405)) || fail "wheel 2 backward: $slowest counts"
   ((positions1[-1] == positions1[-10] && positions2[-1] == positions2[-10])) ||
     fail "a wheel still turns"
+}
+
+# A make with one motor per node: by the frames alone as well. Positions of 32 bits, in the bytes of
+# TPDO1 from $1 (in hexadecimal digits); $2 counts in ten reports at 60 rpm; $3: -1 for a motor
+# that turns against the wheel.
+TurnsOneWheel() {  # first digit, counts, direction, arguments of the simulator
+  local first=$1 counts=$2 direction=$3
+  shift 3
+  make_bus
+  plug_drive "$@"
+  start --make "$make" --node "$node" --seconds 5
+  expect_status 0
+  expect out '^speeds within 2 %: wheel 1 [-+]0\.[0-9]* %'
+  expect_none out 'wheel 2'
+  expect err 'the wheel stands still'
+  expect bus " 60$node#2B4060000F"
+  sed "/ 60$node#2B4060000F/q" "$scratch/bus" >"$scratch/before"
+  expect before " 58$node#60${target_velocity}00000000"
+  local report i change fastest=0 slowest=0
+  local -a positions=()
+  while read -r report; do
+    report=${report:first:8}
+    positions+=($((16#${report:6:2}${report:4:2}${report:2:2}${report:0:2})))
+  done < <(grep -o " 18$node#.*" "$scratch/bus" | cut -d'#' -f2)
+  for ((i = 10; i < ${#positions[@]}; ++i)); do
+    change=$((positions[i] - positions[i - 10]))
+    ((change > 1 << 31)) && ((change -= 1 << 32))
+    ((change < -(1 << 31))) && ((change += 1 << 32))
+    ((change *= direction))
+    ((change > fastest)) && fastest=$change
+    ((change < slowest)) && slowest=$change
+  done
+  echo "$slowest to $fastest counts in ten periods"
+  ((fastest * 100 >= counts * 98 && fastest * 100 <= counts * 102)) || fail "fastest: $fastest"
+  ((slowest * 200 <= -counts * 98 && slowest * 200 >= -counts * 102)) || fail "slowest: $slowest"
+  ((positions[-1] == positions[-10])) || fail "the wheel still turns"
+}
+
+TurnsTheWheelOfTt() {
+  make=tt
+  TurnsOneWheel 0 3277 1
+}
+
+TurnsTheWheelOfSecondTt() {
+  make=tt node=2
+  TurnsOneWheel 0 3277 1
+}
+
+WakesAnInactiveTt() {
+  make=tt
+  TurnsOneWheel 0 3277 1 --inactive
+  expect bus ' 001#1010'
+}
+
+ReportsThatNoTtWakesUp() {
+  make_bus
+  start --make tt
+  expect_status 1
+  expect_one_line 'node 1 does not wake up on can0'
+  expect_none bus ' 601#2B4060'
+}
+
+TurnsTheWheelOfHls() {
+  make=hls
+  TurnsOneWheel 0 13107 -1
+}
+
+TurnsTheWheelOfAmps() {
+  make=amps target_velocity=F02F09
+  TurnsOneWheel 8 410 1
 }
 
 ReportsWrongUsage() {

@@ -56,6 +56,11 @@ read -ra flags <<< "$(pkg-config --cflags --libs motor_driver)"
   -Wl,-rpath,"$libdir" -o "$scratch/pkg-config-consumer" || fail "build with pkg-config"
 expect_output "$scratch/pkg-config-consumer"
 
+# The example for a machine without CAN needs nothing but the package.
+"$cxx" -std=c++17 "${warnings[@]}" "$here/../../examples/without_hardware.cpp" "${flags[@]}" \
+  -Wl,-rpath,"$libdir" -o "$scratch/without_hardware" || fail "build of without_hardware"
+"$scratch/without_hardware" > "$scratch/without_hardware.log" 2>&1 || fail "without_hardware"
+
 [[ $(pkg-config --modversion motor_driver) == "$(sed -n 's/^project(motor_driver VERSION \([0-9.]*\).*/\1/p' \
   "$here/../../CMakeLists.txt")" ]] || fail "pkg-config version"
 echo "find_package and pkg-config consumers built and ran"
