@@ -7,8 +7,10 @@
 #include <array>
 #include <chrono>
 #include <cstdio>
+#include <filesystem>
 #include <ios>
 #include <limits>
+#include <system_error>
 
 #include "blocked_signals.h"
 #include "canopen.h"
@@ -294,6 +296,12 @@ bool KincoDriver::LoadConfig(const std::string& path) {
     CORVEL_LOG_ERROR("driver_conf_path is empty");
     return false;
   }
+  // Before yaml-cpp, whose buffer leaks when the stream throws.
+  std::error_code no_such_file;
+  if (std::filesystem::is_directory(path, no_such_file)) {
+    CORVEL_LOG_ERROR("Failed to load YAML file: {}, error: {}", path, "is a directory");
+    return false;
+  }
   // Numbers that are none throw std::invalid_argument or std::out_of_range to the caller:
   // deliberate, a table with a wrong code is a mistake to be mended, a missing file is a condition
   // to live with.
@@ -326,7 +334,7 @@ bool KincoDriver::LoadConfig(const std::string& path) {
     return true;
   } catch (const YAML::Exception& exception) {
     CORVEL_LOG_ERROR("Failed to load YAML file: {}, error: {}", path, exception.what());
-  } catch (const std::ios_base::failure& exception) {  // reading a directory
+  } catch (const std::ios_base::failure& exception) {  // opened, but cannot be read
     CORVEL_LOG_ERROR("Failed to load YAML file: {}, error: {}", path, exception.what());
   }
   return false;
