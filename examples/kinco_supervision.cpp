@@ -38,15 +38,15 @@ constexpr std::uint32_t kHeartbeat = 0x700;
 constexpr std::uint8_t kWrite4Bytes = 0x23;
 constexpr std::uint16_t kTargetVelocity = 0x60FF;
 
-constexpr std::uint16_t kPeriod_ms = 10;
-constexpr auto kPeriod = std::chrono::milliseconds(kPeriod_ms);
+constexpr std::uint16_t kPeriodMs = 10;
+constexpr auto kPeriod = std::chrono::milliseconds(kPeriodMs);
 constexpr int kAttempts = 3;
 constexpr auto kStopTime = std::chrono::seconds(3);
 // Heartbeats come every 2 s.
 constexpr auto kReadyTime = std::chrono::seconds(5);
-constexpr double kHeartbeatTimeout_s = 5;
+constexpr double kHeartbeatTimeoutS = 5;
 constexpr int kStandstillReadings = 10;
-constexpr double kStandstill_rpm = 1.0;
+constexpr double kStandstillRpm = 1.0;
 
 struct Options {
   std::string interface = "can0";
@@ -170,7 +170,7 @@ bool Host::StartSupervision() {
   for (const Node& node : nodes_) {
     drive_.AddHeartbeatId(kHeartbeat + node.id);
   }
-  drive_.SetHeartbeatTimeOut(kHeartbeatTimeout_s);
+  drive_.SetHeartbeatTimeOut(kHeartbeatTimeoutS);
   drive_.StartErrorParsingLoop();
   return true;
 }
@@ -184,12 +184,12 @@ bool Host::SetUp(std::uint8_t id) {
     Say(name + " does not take zero target velocity: is it on the bus?");
     return false;
   }
-  drive_.Init(id, kPeriod_ms);
+  drive_.Init(id, kPeriodMs);
   if (!InSomeAttempt([&] { return drive_.ActiveNode(id); })) {
     Say(name + " cannot be activated");
     return false;
   }
-  if (!InSomeAttempt([&] { return drive_.EnableSpeedModeAndPdoMode(id, kPeriod_ms) == 0; })) {
+  if (!InSomeAttempt([&] { return drive_.EnableSpeedModeAndPdoMode(id, kPeriodMs) == 0; })) {
     Say("writes of the set-up failed on " + name);
     return false;
   }
@@ -245,7 +245,7 @@ void Host::TakeReadings() {
     for (Node& node : nodes_) {
       if (node.id == id) {
         node.rpm = rpm;
-        const bool stands = std::abs(rpm) < kStandstill_rpm;
+        const bool stands = std::abs(rpm) < kStandstillRpm;
         node.readings_at_standstill = stands ? node.readings_at_standstill + 1 : 0;
       }
     }
@@ -344,9 +344,7 @@ int Run(const Options& options) {
   return host.StopWheels() && well ? kSuccess : kFailure;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int ParseAndRun(int argc, char** argv) {
   Options options;
   CLI::App app("Turns two Kinco drives and shows how the library supervises them.",
                "kinco_supervision");
@@ -372,10 +370,16 @@ int main(int argc, char** argv) {
   setenv("SPDLOG_SYSTEMD", "false", 0);
   setenv("SPDLOG_LEVEL", "info", 0);
   CatchSignals();
+  return Run(options);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
   try {
-    return Run(options);
+    return ParseAndRun(argc, argv);
   } catch (const std::exception& error) {
-    Say(error.what());
+    std::fprintf(stderr, "kinco_supervision: %s\n", error.what());
     return kFailure;
   }
 }

@@ -816,7 +816,8 @@ TEST_F(KincoLoopTest, ItsThreadsBlockTheSignalsOfTheHost) {
       }
     }
   }
-  EXPECT_EQ(threads, 3) << "loop, its reader, the reader of the drive";
+  EXPECT_GE(threads, 3) << "loop, its reader, the reader of the drive";
+  EXPECT_EQ(support::Threads(), 4U) << "and the host's";
 }
 
 TEST_F(KincoLoopTest, SeveralObjectsRunAtOnce) {
