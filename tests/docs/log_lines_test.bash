@@ -9,7 +9,7 @@ statement='CORVEL_LOG_(WARN|ERROR)\([[:space:]]*"([^"\\]|\\.)*"'
 # NUL as line end makes a statement that is broken after its parenthesis one match.
 logged=$(grep --recursive --include='*.cpp' --no-filename --only-matching --null-data \
   --extended-regexp "$statement" "$sources" |
-  tr '\0' '\n' | sed --regexp-extended 's/CORVEL_LOG_([A-Z]+)\(\s*"(.*)"/\1 \2/' | sort --unique)
+  tr '\n\0' ' \n' | sed --regexp-extended 's/CORVEL_LOG_([A-Z]+)\(\s*"(.*)"/\1 \2/' | sort --unique)
 # shellcheck disable=SC2016  # the backquotes are those of the document
 listed=$(sed --quiet --regexp-extended 's/^\| (WARN|ERROR) \| `([^`]*)` \|.*/\1 \2/p' "$document" |
   sort)
