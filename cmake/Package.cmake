@@ -1,13 +1,14 @@
-# Installation: library, headers, CMake package, pkg-config file.
+# Installation: library, headers, CMake package, pkg-config file, programs. The components are the
+# packages that distributions make of them: runtime, development, tools.
 include(CMakePackageConfigHelpers)
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/motor_driver)
 
 install(TARGETS motor_driver EXPORT motor_driver
-  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
-  FILE_SET HEADERS DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/motor_driver)
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development
+  FILE_SET HEADERS DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/motor_driver COMPONENT development)
 install(EXPORT motor_driver NAMESPACE motor_driver:: DESTINATION ${package_dir}
-  FILE motor_driver-targets.cmake)
+  FILE motor_driver-targets.cmake COMPONENT development)
 
 # No dependency is looked for: everything else is linked privately into the shared library.
 configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/motor_driver-config.cmake.in
@@ -17,15 +18,26 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/motor_driver-config-versi
 install(FILES
   ${PROJECT_BINARY_DIR}/motor_driver-config.cmake
   ${PROJECT_BINARY_DIR}/motor_driver-config-version.cmake
-  DESTINATION ${package_dir})
+  DESTINATION ${package_dir} COMPONENT development)
 
 # Relative to the file itself, so that a prefix may be moved or staged.
 file(RELATIVE_PATH pc_prefix /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
 string(REGEX REPLACE "/$" "" pc_prefix "${pc_prefix}")
 configure_file(${CMAKE_CURRENT_LIST_DIR}/motor_driver.pc.in ${PROJECT_BINARY_DIR}/motor_driver.pc
   @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/motor_driver.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+install(FILES ${PROJECT_BINARY_DIR}/motor_driver.pc
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
 
 # Texts of the codes of a drive, to be loaded by the host.
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/kinco.yaml
-  DESTINATION ${CMAKE_INSTALL_DATADIR}/motor_driver)
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/motor_driver COMPONENT tools)
+
+if(MOTOR_DRIVER_TOOLS)
+  install(TARGETS motor-drive-sim DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+  install(PROGRAMS ${PROJECT_SOURCE_DIR}/tools/with-can
+    DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+  install(FILES
+    ${PROJECT_SOURCE_DIR}/packaging/man/motor-drive-sim.1
+    ${PROJECT_SOURCE_DIR}/packaging/man/with-can.1
+    DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
+endif()

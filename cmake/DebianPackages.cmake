@@ -1,0 +1,91 @@
+# Three Debian packages by CPack, for the architecture of the compiler. tools/make-packages calls it.
+
+set(soversion ${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR})
+set(runtime_package libmotor-driver${soversion})
+set(debian_directory ${PROJECT_SOURCE_DIR}/packaging/debian)
+set(generated_directory ${PROJECT_BINARY_DIR}/debian)
+
+if("$ENV{DEBFULLNAME}" STREQUAL "" OR "$ENV{DEBEMAIL}" STREQUAL "")
+  set(maintainer "motor_driver maintainers <maintainers@motor-driver.invalid>")
+else()
+  set(maintainer "$ENV{DEBFULLNAME} <$ENV{DEBEMAIL}>")
+endif()
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME motor-driver)
+set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
+set(CPACK_PACKAGE_CONTACT ${maintainer})
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")  # every package has its own
+set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
+set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
+  OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_COMPONENTS_ALL runtime development tools)
+set(CPACK_PROJECT_CONFIG_FILE ${generated_directory}/cpack-project.cmake)
+set(CPACK_PRE_BUILD_SCRIPTS ${CMAKE_CURRENT_LIST_DIR}/DebianStage.cmake)
+set(CPACK_POST_BUILD_SCRIPTS ${CMAKE_CURRENT_LIST_DIR}/DebianRepack.cmake)
+
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_COMPRESSION_TYPE xz)
+set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE ${debian_architecture})
+set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
+set(CPACK_DEBIAN_PACKAGE_SOURCE motor-driver)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(debian_version ${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE})
+
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME ${runtime_package})
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "servo drives of wheeled robots over CAN, shared library
+Drives the servo drives of a wheeled robot over a CAN bus with CANopen
+(CiA 301, CiA 402), through raw SocketCAN: bring-up, wheel speeds, heartbeat
+supervision and recovery for drives of several makes.
+
+This package contains the shared library.")
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA
+  ${generated_directory}/shlibs ${generated_directory}/symbols ${debian_directory}/triggers)
+
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libmotor-driver-dev)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
+set(CPACK_COMPONENT_DEVELOPMENT_DEPENDS runtime)
+set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION "servo drives of wheeled robots over CAN, development files
+Drives the servo drives of a wheeled robot over a CAN bus with CANopen
+(CiA 301, CiA 402), through raw SocketCAN.
+
+This package contains headers, the CMake package and the pkg-config file.")
+
+set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME motor-driver-tools)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
+# What with-can, a script, calls: no tool can compute that.
+set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "iproute2, kmod")
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS
+  "can-utils, user-mode-linux, qemu-system-x86, busybox-static, cpio")
+set(CPACK_DEBIAN_TOOLS_DESCRIPTION "servo drives of wheeled robots over CAN, programs
+Simulated servo drives on a CAN interface, a launcher that gives any command a
+kernel with SocketCAN, and an example configuration with the texts of error
+codes, for working with libmotor_driver with and without hardware.")
+
+# The library's own package, which dpkg does not know while the packages are being made.
+file(WRITE ${generated_directory}/shlibs
+  "libmotor_driver ${soversion} ${runtime_package} (>= ${PROJECT_VERSION})\n")
+configure_file(${debian_directory}/symbols.in ${generated_directory}/symbols @ONLY)
+configure_file(${debian_directory}/shlibdeps.in ${generated_directory}/shlibdeps @ONLY
+  FILE_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE)
+file(WRITE ${CPACK_PROJECT_CONFIG_FILE}
+  "set(SHLIBDEPS_EXECUTABLE ${generated_directory}/shlibdeps)\n")
+
+# SOURCE_DATE_EPOCH, where it is set.
+string(TIMESTAMP date "%a, %d %b %Y %H:%M:%S +0000" UTC)
+configure_file(${debian_directory}/changelog.in ${generated_directory}/changelog.Debian @ONLY)
+foreach(component IN ITEMS RUNTIME DEVELOPMENT TOOLS)
+  set(documents ${CMAKE_INSTALL_DATADIR}/doc/${CPACK_DEBIAN_${component}_PACKAGE_NAME})
+  string(TOLOWER ${component} component)
+  install(FILES ${debian_directory}/copyright ${generated_directory}/changelog.Debian
+    DESTINATION ${documents} COMPONENT ${component})
+  install(FILES ${PROJECT_SOURCE_DIR}/CHANGELOG.md RENAME changelog
+    DESTINATION ${documents} COMPONENT ${component})
+endforeach()
+
+include(CPack)
