@@ -7,6 +7,7 @@
 #include <linux/can.h>
 #include <linux/can/raw.h>
 #include <net/if.h>
+#include <pthread.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
@@ -28,6 +29,7 @@
 #include <mutex>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -174,6 +176,20 @@ TEST_F(DriverCanOpen, LogsItsLife) {
   }
   EXPECT_EQ(WithoutNumbers(output.Out()), kDestroyed);
   EXPECT_EQ(output.Err(), "");
+}
+
+TEST_F(DriverCanOpen, AThreadThatCannotBeStartedLeavesNoDescriptor) {
+  const std::size_t descriptors = support::OpenDescriptors();
+  pthread_attr_t usual = {};
+  pthread_attr_t huge = {};
+  pthread_getattr_default_np(&usual);
+  pthread_attr_init(&huge);
+  pthread_attr_setstacksize(&huge, std::size_t{1} << 48);  // more than there are addresses
+  OutputCapture output;
+  ASSERT_EQ(pthread_setattr_default_np(&huge), 0);
+  EXPECT_THROW(const DriverCan can("can0"), std::system_error);
+  pthread_setattr_default_np(&usual);
+  EXPECT_EQ(support::OpenDescriptors(), descriptors);
 }
 
 TEST_F(DriverCanOpen, AnAbsentInterfaceIsError2) {
