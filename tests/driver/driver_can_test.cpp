@@ -179,13 +179,13 @@ TEST_F(DriverCanOpen, LogsItsLife) {
 }
 
 TEST_F(DriverCanOpen, AThreadThatCannotBeStartedLeavesNoDescriptor) {
+  OutputCapture output;
   const std::size_t descriptors = support::OpenDescriptors();
   pthread_attr_t usual = {};
   pthread_attr_t huge = {};
   pthread_getattr_default_np(&usual);
   pthread_attr_init(&huge);
   pthread_attr_setstacksize(&huge, std::size_t{1} << 48);  // more than there are addresses
-  OutputCapture output;
   ASSERT_EQ(pthread_setattr_default_np(&huge), 0);
   EXPECT_THROW(const DriverCan can("can0"), std::system_error);
   pthread_setattr_default_np(&usual);

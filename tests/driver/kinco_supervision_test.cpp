@@ -383,11 +383,9 @@ std::multiset<std::string> FiltersInTheKernel() {
 class KincoLoopTest : public KincoSupervisionTest {
  protected:
   KincoLoopTest() {
-    driver_ = std::make_unique<KincoDriver>("can0", 10000);
     driver_->AddHeartbeatId(0x701);
     driver_->AddHeartbeatId(0x702);
   }
-  ~KincoLoopTest() override { driver_.reset(); }
 
   // Starts the loop and waits until it has said so.
   void StartLoop() {
@@ -401,7 +399,7 @@ class KincoLoopTest : public KincoSupervisionTest {
     return Eventually([&] { return driver_->GetDriverStatus(node) == status; });
   }
 
-  std::unique_ptr<KincoDriver> driver_;
+  std::unique_ptr<KincoDriver> driver_ = std::make_unique<KincoDriver>("can0", 10000);
 };
 
 constexpr auto kOpened =
