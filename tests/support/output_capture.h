@@ -26,8 +26,8 @@ class OutputCapture {
  private:
   std::string Read(int stream);
 
-  int saved_[2];
-  int memory_[2];
+  int saved_[2] = {};
+  int memory_[2] = {};
   std::string text_[2];  // what there was at the end
   bool capturing_ = true;
 };
