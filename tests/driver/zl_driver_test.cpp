@@ -621,7 +621,7 @@ TEST_F(ZlDriverTest, CheckStatusSucceedsInTheTenthAttempt) {
   bus::FarEnd far_end;
   ZlDriver driver("can0");
   std::vector<std::string> frames(9, kSameNumberButExtended);
-  frames.push_back("181#");
+  frames.emplace_back("181#");
   const Checked checked = CheckStatusOfNode1(driver, far_end, frames);
   EXPECT_TRUE(checked.result);
   EXPECT_EQ(checked.out, kWorks);
@@ -632,7 +632,7 @@ TEST_F(ZlDriverTest, CheckStatusFailsAfterTenAttempts) {
   bus::FarEnd far_end;
   ZlDriver driver("can0");
   std::vector<std::string> frames(10, kSameNumberButExtended);
-  frames.push_back("181#");
+  frames.emplace_back("181#");
   const Checked checked = CheckStatusOfNode1(driver, far_end, frames);
   EXPECT_FALSE(checked.result);
   EXPECT_EQ(checked.out, kFails);
