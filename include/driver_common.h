@@ -25,8 +25,8 @@ struct HeartbeatTimeout {
 
 /// A drive's error code in words.
 struct ErrorCodeInfo {
-  std::uint32_t code;  ///< which number this is says the operation that returns it
-  std::string msg;     ///< "unknown" when nothing is known
+  std::uint32_t code = 0;  ///< which number this is says the operation that returns it
+  std::string msg;         ///< "unknown" when nothing is known
 };
 
 /// A node's state in one word.

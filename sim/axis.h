@@ -9,13 +9,13 @@ namespace sim {
 
 /// What differs from make to make in one axis.
 struct AxisTraits {
-  std::int32_t counts_per_revolution;
+  std::int32_t counts_per_revolution = 0;
   // One unit of the target velocity is numerator / denominator rpm (or counts per minute, below).
-  std::int64_t rpm_numerator;
-  std::int64_t rpm_denominator;
-  std::int8_t velocity_mode;  // the mode of operation in which the target velocity counts
-  std::uint32_t quick_ramp_rpm_per_s;
-  std::int32_t max_rpm;
+  std::int64_t rpm_numerator = 1;
+  std::int64_t rpm_denominator = 1;
+  std::int8_t velocity_mode = 0;  // the mode of operation in which the target velocity counts
+  std::uint32_t quick_ramp_rpm_per_s = 0;
+  std::int32_t max_rpm = 0;
   StateRules state{};
   bool velocity_in_counts = false;  // velocities are in counts instead of revolutions per minute
 };

@@ -51,7 +51,7 @@ class SignalBlocker {
   SignalBlocker& operator=(const SignalBlocker&) = delete;
 
  private:
-  sigset_t before_;
+  sigset_t before_ = {};
 };
 
 }  // namespace

@@ -21,5 +21,5 @@ class BlockedSignals {
   BlockedSignals& operator=(const BlockedSignals&) = delete;
 
  private:
-  sigset_t previous_;
+  sigset_t previous_ = {};
 };
