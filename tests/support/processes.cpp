@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -32,6 +33,8 @@ std::size_t EntriesOf(const char* directory) {
   const std::filesystem::directory_iterator entries(directory);
   return static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
 }
+
+std::size_t ThreadsNow() { return EntriesOf("/proc/self/task") - kThreadsOfTheSanitizer; }
 
 }  // namespace
 
@@ -107,11 +110,19 @@ std::size_t OpenDescriptors() {
   return EntriesOf("/proc/self/fd") - 1;  // without the one that reads the directory
 }
 
-std::size_t Threads() { return EntriesOf("/proc/self/task") - kThreadsOfTheSanitizer; }
+// The kernel lists a thread for a moment after it has been joined.
+std::size_t Threads() {
+  std::size_t least = ThreadsNow();
+  for (int i = 0; i < 5; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    least = std::min(least, ThreadsNow());
+  }
+  return least;
+}
 
 bool WaitThreads(std::size_t count) {
   for (int i = 0; i < 200; ++i) {
-    if (Threads() == count) {
+    if (ThreadsNow() == count) {
       return true;
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(5));

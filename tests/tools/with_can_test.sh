@@ -1,7 +1,7 @@
 #!/bin/bash
 # Checks what tools/with-can promises: the command runs as it would without it, but with can0, can1.
 #
-# usage: with_can_test.sh [auto|native|uml|smp]
+# usage: with_can_test.sh [auto|native|uml|smp|arm64]
 # A case prints one line; the exit status is 0 only if all have passed. A boot is slow, so that one
 # run of with-can serves several cases where it can.
 set -u
@@ -70,6 +70,9 @@ SaysWhatToInstallWhereNoKernelIsFound() {
   text=$(PATH=$tools "$with_can" --smp true 2>&1)
   check "no QEMU: status" 125 $?
   check_contains "no QEMU: names the package" "qemu-system-x86" "$text"
+  text=$(PATH=$tools "$with_can" --arm64 true 2>&1)
+  check "no QEMU for Arm: status" 125 $?
+  check_contains "no QEMU for Arm: names the package" "qemu-system-arm" "$text"
 }
 
 PassesArgumentsDirectoryAndEnvironment() {
@@ -136,10 +139,11 @@ ReportsHowTheCommandEnded() {
 
 # Everything that can be asked inside one run.
 GivesAUsableSystem() {
-  local text system cpus directory
+  local text system cpus processor directory
   cat >"$scratch/inside" <<'EOF'
 echo "kernel $WITH_CAN"
 echo "cpus $(nproc)"
+echo "processor $(uname -m)"
 candump -L -n 1 can1 >can.log &
 for try in {1..100}; do
   cansend can0 601#2B4060000F000000
@@ -167,11 +171,14 @@ EOF
   system=${system%%$'\n'*}
   case $system in
     uml) cpus=1 ;;
-    smp) cpus=2 ;;
+    smp | arm64) cpus=2 ;;
     *) cpus=$(nproc) ;;
   esac
+  processor=$(uname -m)
+  if [[ $system == arm64 ]]; then processor=aarch64; fi
   check "everything in the guest" "kernel $system
 cpus $cpus
+processor $processor
 frame 601#2B4060000F000000
 lo up
 netem
