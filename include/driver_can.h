@@ -203,4 +203,5 @@ class MOTOR_DRIVER_EXPORT DriverCan {
   std::mutex handler_mutex_;  // frame_handler_
   std::function<bool(const CanFrame&)> frame_handler_;
   std::vector<FilterRule> filters_;
+  std::atomic<std::uint32_t> filter_changes_{0};  // counts the changes of filters_
 };

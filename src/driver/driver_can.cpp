@@ -224,6 +224,7 @@ void DriverCan::CanFiltersConfig(const void* filters, int len) {
     filters_.resize(count);
     std::copy_n(records, count * sizeof(FilterRule),
                 reinterpret_cast<unsigned char*>(filters_.data()));
+    ++filter_changes_;
   }
   const std::lock_guard<std::mutex> lock(socket_mutex_);
   if (socket_ >= 0) {
@@ -237,25 +238,32 @@ void DriverCan::ClearCanFilterRules() { CanFiltersConfig(&kAcceptAll, sizeof(kAc
 
 bool DriverCan::ApplyCurrentFilters() {
   static_assert(sizeof(FilterRule) == sizeof(can_filter), "handed to the kernel as they are");
-  std::vector<FilterRule> rules;
-  {
-    const std::lock_guard<std::mutex> lock(filter_mutex_);
-    rules = filters_;
-  }
-  if (rules.empty()) {
-    // Deliberate: an emptied list closed the old socket's ears, but a new socket hears everything.
-    return true;
-  }
-  const std::lock_guard<std::mutex> lock(socket_mutex_);
-  if (socket_ < 0) {
-    return false;
-  }
-  const auto size = static_cast<socklen_t>(rules.size() * sizeof(FilterRule));
-  if (::setsockopt(socket_, SOL_CAN_RAW, CAN_RAW_FILTER, rules.data(), size) < 0) {
-    const int error = errno;
-    CORVEL_LOG_ERROR("restore CAN filters failed, errno: {}", error);
-    return false;
-  }
+  std::uint32_t changes = 0;
+  do {
+    std::vector<FilterRule> rules;
+    {
+      const std::lock_guard<std::mutex> lock(filter_mutex_);
+      rules = filters_;
+      changes = filter_changes_;
+    }
+    if (rules.empty()) {
+      // Deliberate: an emptied list closed the old socket's ears, but a new socket hears
+      // everything.
+      return true;
+    }
+    const std::lock_guard<std::mutex> lock(socket_mutex_);
+    if (socket_ < 0) {
+      return false;
+    }
+    const auto size = static_cast<socklen_t>(rules.size() * sizeof(FilterRule));
+    if (::setsockopt(socket_, SOL_CAN_RAW, CAN_RAW_FILTER, rules.data(), size) < 0) {
+      const int error = errno;
+      CORVEL_LOG_ERROR("restore CAN filters failed, errno: {}", error);
+      return false;
+    }
+    // Another thread, at the end of an SDO transfer for instance, may have stored others meanwhile
+    // and been at the socket before us: those must not be covered by the ones copied above.
+  } while (changes != filter_changes_);
   return true;
 }
 
