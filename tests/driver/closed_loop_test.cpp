@@ -1,145 +1,24 @@
 // Every make against its simulated drive: the speed that a host commands through DriverCommon is
-// the speed that it reads back. A new make needs one entry in Makes().
-#include <amps_driver.h>
-#include <gtest/gtest.h>
-#include <hls_driver.h>
-#include <kinco_driver.h>
-#include <tt_driver.h>
-#include <zl_driver.h>
+// the speed that it reads back.
+#include "closed_loop.h"
 
-#include <chrono>
-#include <cmath>
-#include <functional>
-#include <memory>
-#include <ostream>
-#include <string>
-#include <vector>
+#include <gtest/gtest.h>
 
 #include "bus_environment.h"
-#include "observed_driver.h"
-#include "sim/simulated_drive.h"
 
 namespace {
 
-constexpr std::uint8_t kNode = 1;
-constexpr std::uint16_t kPeriodMs = 10;
-
-struct ZeroVelocity {
-  std::uint8_t command;
-  std::uint16_t index;
-  std::uint8_t sub_index;
-};
-
-struct Make {
-  std::string name;  // of the simulated drive, too
-  std::function<std::unique_ptr<DriverCommon>()> create;
-  std::vector<ZeroVelocity> target_velocities;
-  int motors;
-  double sign;  // of the motor's own rotation
-};
-
-void PrintTo(const Make& make, std::ostream* out) { *out << make.name; }
-
-std::vector<Make> Makes() {
-  return {
-      {"zl",
-       [] { return std::make_unique<ZlDriver>("can0"); },
-       {{0x23, 0x60FF, 1}, {0x23, 0x60FF, 2}},
-       2,
-       1},
-      {"tt", [] { return std::make_unique<TtDriver>("can0"); }, {{0x23, 0x60FF, 0}}, 1, 1},
-      {"hls", [] { return std::make_unique<HlsDriver>("can0"); }, {{0x23, 0x60FF, 0}}, 1, -1},
-      {"amps", [] { return std::make_unique<AMPSDriver>("can0"); }, {{0x2B, 0x2FF0, 9}}, 1, 1},
-      {"kinco",
-       [] { return std::make_unique<KincoDriver>("can0", 10000); },
-       {{0x23, 0x60FF, 0}},
-       1,
-       1},
-  };
-}
-
-class ClosedLoopTest : public bus::BusTest, public ::testing::WithParamInterface<Make> {
- protected:
-  ClosedLoopTest() : drive_(Options()), driver_(GetParam().create()) {}
-
-  static sim::SimulatedDrive::Options Options() {
-    sim::SimulatedDrive::Options options;
-    options.make = GetParam().name;
-    options.start_positions = {1'000'000, -1'000'000};
-    options.inactive = options.make == "tt";
-    return options;
-  }
-
-  bool Command(int rpm) {
-    return GetParam().motors == 2 ? driver_->SetSpeed(kNode, rpm, -rpm)
-                                  : driver_->SetSpeed(kNode, rpm);
-  }
-
-  // One reading of each motor; false when the frame was no position report of the node.
-  bool Read(double (&rpm)[2]) {
-    std::uint8_t node = 0;
-    int counts[2] = {};
-    if (GetParam().motors == 2) {
-      return driver_->GetSpeed(node, rpm[0], counts[0], rpm[1], counts[1]);
-    }
-    return driver_->GetSpeed(node, rpm[0], counts[0]) && node == kNode;
-  }
-
-  // Mean of the next 50 readings, with the speed commanded in every period as a host does.
-  void Measure(int target, double (&mean)[2]) {
-    driver_->ClearReadQueue();
-    mean[0] = mean[1] = 0;
-    // The first reading of all, and one that spans the cleared frames, tell nothing.
-    constexpr int kDropped = 2;
-    constexpr int kReadings = 50;
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    for (int readings = 0; readings < kDropped + kReadings;) {
-      ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "only " << readings << " readings";
-      EXPECT_TRUE(Command(target));
-      driver_->CanDelayMs(kPeriodMs);
-      while (driver_->GetReadQueueSize() > 0 && readings < kDropped + kReadings) {
-        double rpm[2] = {};
-        if (Read(rpm) && ++readings > kDropped) {
-          mean[0] += rpm[0] / kReadings;
-          mean[1] += rpm[1] / kReadings;
-        }
-      }
-    }
-  }
-
-  void ExpectTurnsAt(int target) {
-    SCOPED_TRACE(target);
-    const double motor_rpm = GetParam().sign * target;
-    ASSERT_TRUE(Command(target));
-    ASSERT_TRUE(Eventually([&] { return std::abs(drive_.SpeedRpm(1) - motor_rpm) < 0.1; }))
-        << drive_.SpeedRpm(1);
-    double mean[2] = {};
-    Measure(target, mean);
-    const double tolerance = target == 0 ? 0.01 : std::abs(target) * 0.01;
-    EXPECT_NEAR(mean[0], target, tolerance);
-    if (GetParam().motors == 2) {
-      EXPECT_NEAR(mean[1], -target, tolerance);
-    }
-  }
-
-  sim::SimulatedDrive drive_;
-  std::unique_ptr<DriverCommon> driver_;
-};
+class ClosedLoopTest : public bus::BusTest, public ::testing::WithParamInterface<Make> {};
 
 TEST_P(ClosedLoopTest, ReadsBackTheSpeedThatItCommands) {
-  ASSERT_TRUE(driver_->ActiveNode(kNode));
-  for (const ZeroVelocity& zero : GetParam().target_velocities) {
-    ASSERT_TRUE(
-        driver_->SdoWriteWithFeedback(0x600 + kNode, zero.command, zero.index, zero.sub_index, 0));
-  }
-  ASSERT_EQ(driver_->EnableSpeedModeAndPdoMode(kNode, kPeriodMs), 0);
-  driver_->StartNode(kNode);
-  driver_->set_speed_command_enabled(true);
-  ExpectTurnsAt(0);
-  ExpectTurnsAt(300);
-  ExpectTurnsAt(-120);
-  ExpectTurnsAt(0);
-  EXPECT_EQ(drive_.Failure(), "");
+  ClosedLoop loop(GetParam());
+  loop.PlugIn(GetParam().name == "tt");
+  ASSERT_EQ(loop.BringUp(), 0);
+  loop.ExpectTurnsAt(0);
+  loop.ExpectTurnsAt(300);
+  loop.ExpectTurnsAt(-120);
+  loop.ExpectTurnsAt(0);
+  EXPECT_EQ(loop.drive().Failure(), "");
 }
 
 INSTANTIATE_TEST_SUITE_P(Makes, ClosedLoopTest, ::testing::ValuesIn(Makes()),
