@@ -10,12 +10,12 @@
 #include <system_error>
 #include <vector>
 
-namespace {
-
-void Run(std::vector<std::string> words) {
+void RunCommand(std::vector<std::string> words) {
+  std::string text;
   std::vector<char*> arguments;
   arguments.reserve(words.size() + 1);
   for (std::string& word : words) {
+    text += word + ' ';
     arguments.push_back(word.data());
   }
   arguments.push_back(nullptr);
@@ -25,17 +25,16 @@ void Run(std::vector<std::string> words) {
     throw std::system_error(status, std::generic_category(), "cannot run " + words[0]);
   }
   if (::waitpid(process, &status, 0) < 0 || status != 0) {
-    throw std::runtime_error("cannot create a pair of CAN interfaces");
+    throw std::runtime_error("failed: " + text);
   }
 }
-
-}  // namespace
 
 void EnterOwnNetwork(const std::string& interface, const std::string& far_interface) {
   if (::unshare(CLONE_NEWNET) < 0) {
     throw std::system_error(errno, std::generic_category(), "no network namespace of its own");
   }
-  Run({"ip", "link", "add", "dev", interface, "type", "vxcan", "peer", "name", far_interface});
-  Run({"ip", "link", "set", interface, "up"});
-  Run({"ip", "link", "set", far_interface, "up"});
+  RunCommand(
+      {"ip", "link", "add", "dev", interface, "type", "vxcan", "peer", "name", far_interface});
+  RunCommand({"ip", "link", "set", interface, "up"});
+  RunCommand({"ip", "link", "set", far_interface, "up"});
 }

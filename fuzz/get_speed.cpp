@@ -23,8 +23,8 @@ constexpr unsigned long kKincoCounts = 10000;
 struct Make {
   std::uint32_t first_id;
   std::uint32_t last_id;
-  int motors;
-  int offset;  // of the first position
+  std::size_t motors;
+  std::size_t offset;  // of the first position
   double counts_per_revolution;
   double sign;
   bool true_for_others;  // the answer to a frame that is no position report
@@ -93,7 +93,7 @@ void Subject::Check(const CanFrame& frame, const Reading& reading, std::uint16_t
     return;
   }
   fuzz::Require(make_.motors == 2 || reading.node == frame.can_id - 0x180, "node");
-  for (int motor = 0; motor < make_.motors; ++motor) {
+  for (std::size_t motor = 0; motor < make_.motors; ++motor) {
     const std::uint32_t position = fuzz::Load(frame.data + make_.offset + 4 * motor, 4);
     fuzz::Require(static_cast<std::uint32_t>(reading.counts[motor]) == position, "counts");
     std::uint32_t& previous = previous_[frame.can_id | static_cast<std::uint32_t>(motor) << 31];
