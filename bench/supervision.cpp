@@ -25,6 +25,7 @@ constexpr std::uint32_t kSdoRequest = 0x600;
 constexpr std::uint32_t kNodes = 32;
 constexpr auto kPeriod = milliseconds(5);
 constexpr auto kSettled = milliseconds(50);
+constexpr auto kPatience = std::chrono::seconds(20);
 constexpr auto kLooksEvery = std::chrono::microseconds(20);
 
 constexpr std::uint8_t kReady = 0x37;
@@ -97,8 +98,8 @@ std::unique_ptr<KincoDriver> OpenDrive(const Bench& bench) {
 void WaitForStatus(KincoDriver& drive, DriverStatus status) {
   const auto start = Clock::now();
   while (drive.GetDriverStatus(1) != status) {
-    if (Clock::now() > start + std::chrono::seconds(5)) {
-      throw std::runtime_error("the two interfaces are not connected: no frame arrives");
+    if (Clock::now() > start + kPatience) {
+      throw std::runtime_error("no status PDO arrives: are the two interfaces connected?");
     }
     std::this_thread::sleep_for(kLooksEvery);
   }
