@@ -1,0 +1,379 @@
+// The commands of motorctl that turn nothing, against every simulated make.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cmath>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <string>
+
+#include "bus_environment.h"
+#include "motorctl_process.h"
+#include "sim/simulated_drive.h"
+
+namespace {
+
+sim::SimulatedDrive::Options Options(const std::string& make, std::uint16_t heartbeat_ms = 0) {
+  sim::SimulatedDrive::Options options;
+  options.make = make;
+  options.heartbeat_ms = heartbeat_ms;
+  return options;
+}
+
+const std::map<std::string, std::uint32_t> kProducts = {
+    {"zl", 1}, {"tt", 2}, {"hls", 3}, {"amps", 4}, {"kinco", 5}};
+
+class EveryMakeTest : public bus::BusTest, public ::testing::WithParamInterface<const char*> {
+ protected:
+  const std::string make_ = GetParam();
+};
+
+INSTANTIATE_TEST_SUITE_P(Makes, EveryMakeTest,
+                         ::testing::Values("zl", "tt", "hls", "amps", "kinco"), MakeName);
+
+TEST_P(EveryMakeTest, ScanNamesTheNodeThatAnswers) {
+  sim::SimulatedDrive::Options options = Options(make_, 50);
+  options.node_id = 3;
+  const sim::SimulatedDrive drive(options);
+  const Result json = Motorctl({"scan", "--json", "--from", "2", "--to", "4"});
+  EXPECT_EQ(json.status, 0) << json.err;
+  EXPECT_EQ(json.err, "motorctl: 1 node answers\n");
+  const std::vector<Json> objects = json.Objects();
+  ASSERT_EQ(objects.size(), 1U);
+  EXPECT_EQ(objects[0]["node"], 3);
+  EXPECT_EQ(objects[0]["device_type"].get<unsigned>() & 0xFFFFU, 402U);
+  EXPECT_EQ(objects[0]["product_code"], kProducts.at(make_));
+  EXPECT_EQ(objects[0]["serial_number"], 3);
+  EXPECT_EQ(objects[0]["nmt_state"], "pre-operational");
+}
+
+TEST_P(EveryMakeTest, InfoShowsIdentityAndState) {
+  const sim::SimulatedDrive drive(Options(make_));
+  const Result text = Motorctl({"info", "1", "--make", make_});
+  EXPECT_EQ(text.status, 0) << text.err;
+  EXPECT_TRUE(Contains(text.out, "0x6041:00  Statusword")) << text.out;
+  std::map<int, Json> values;
+  for (const Json& object : Motorctl({"--json", "info", "1", "--make", make_}).Objects()) {
+    values[object["index"].get<int>() * 256 + object["sub"].get<int>()] = object["value"];
+    EXPECT_FALSE(object["object"].get<std::string>().empty());
+  }
+  EXPECT_EQ(values[0x101802], kProducts.at(make_));
+  EXPECT_EQ(values[0x603F00], 0);
+  EXPECT_EQ(values.count(make_ == "amps" ? 0x2FF009 : make_ == "zl" ? 0x60FF02 : 0x60FF00), 1U);
+}
+
+TEST_P(EveryMakeTest, ReadsAndWritesObjects) {
+  const sim::SimulatedDrive drive(Options(make_));
+  EXPECT_EQ(Motorctl({"sdo", "write", "1", "0x1017", "0", "u16", "1500"}).status, 0);
+  const Result read = Motorctl({"sdo", "read", "1", "0x1017", "0", "u16"});
+  EXPECT_EQ(read.status, 0);
+  EXPECT_EQ(read.out, "1500\n");
+  EXPECT_EQ(Motorctl({"sdo", "read", "1", "4119", "0"}).out, "0x05DC\n");
+  const Result json = Motorctl({"sdo", "read", "1", "0x1017", "0", "u16", "--json"});
+  ASSERT_EQ(json.Objects().size(), 1U);
+  EXPECT_EQ(json.Objects()[0]["value"], 1500);
+  EXPECT_EQ(json.Objects()[0]["size"], 2);
+
+  const Result refused = Motorctl({"sdo", "write", "1", "0x1018", "2", "u32", "7"});
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_EQ(refused.out, "");
+  EXPECT_TRUE(Contains(refused.err, "abort code 0x06010002: Attempt to write a read-only object"))
+      << refused.err;
+  const Result absent = Motorctl({"sdo", "read", "1", "0x5FFF", "0", "--json"});
+  EXPECT_EQ(absent.status, 1);
+  ASSERT_EQ(absent.Objects().size(), 1U);
+  EXPECT_EQ(absent.Objects()[0]["abort_code"], 0x06020000);
+  EXPECT_EQ(absent.Objects()[0]["value"], nullptr);
+}
+
+TEST_P(EveryMakeTest, BringUpEnablesAtZeroSpeed) {
+  sim::SimulatedDrive drive(Options(make_));
+  const Result result = Motorctl({"bring-up", "1", "--make", make_, "--period", "20", "--json"});
+  EXPECT_EQ(result.status, 0) << result.out << result.err;
+  ASSERT_EQ(result.Objects().size(), 1U) << result.out;
+  const Json object = result.Objects()[0];
+  EXPECT_EQ(object["ok"], true);
+  EXPECT_EQ(object["nmt_state"], "operational");
+  EXPECT_EQ(object["failed_writes"], Json::array());
+  EXPECT_EQ(object["statusword"].get<unsigned>() & 0x6FU, 0x27U);
+  EXPECT_EQ(drive.State(), sim::NmtState::kOperational);
+  EXPECT_EQ(drive.Statusword() & 0x6FU, 0x27U);
+  EXPECT_EQ(drive.SpeedRpm(), 0.0);
+}
+
+TEST_P(EveryMakeTest, BringUpNamesTheWritesThatFail) {
+  sim::SimulatedDrive drive(Options(make_));
+  drive.Inject("abort-object=0x6060/0x06090030");
+  drive.Inject(make_ == "amps" ? "ignore-object=0x4700" : "ignore-object=0x1800:5");
+  const Result result = Motorctl({"--make", make_, "bring-up", "1"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_TRUE(Contains(
+      result.out, "failed: 0x6060 sub 0 (Modes of operation): refused with abort code 0x06090030"))
+      << result.out;
+  EXPECT_TRUE(
+      Contains(result.out, make_ == "amps" ? "failed: 0x4700 sub 1" : "failed: 0x1800 sub 5"))
+      << result.out;
+  EXPECT_TRUE(Contains(result.out, "no answer"));
+  EXPECT_TRUE(Contains(result.out, "not brought up")) << result.out;
+}
+
+TEST_P(EveryMakeTest, MonitorShowsStateErrorAndSpeed) {
+  sim::SimulatedDrive drive(Options(make_));
+  ASSERT_EQ(Motorctl({"bring-up", "1", "--make", make_, "--period", "20"}).status, 0);
+  drive.WriteObject(make_ == "amps" ? 0x2FF0 : 0x60FF,
+                    make_ == "amps" ? 9
+                    : make_ == "zl" ? 1
+                                    : 0,
+                    make_ == "kinco" ? 60 * 512 * 10000 / 1875
+                    : make_ == "hls" ? 600U
+                                     : 60U);
+  const Result result = Motorctl({"monitor", "1", "--once", "--poll", "--make", make_, "--json"});
+  EXPECT_EQ(result.status, 0) << result.err;
+  const std::vector<Json> objects = result.Objects();
+  ASSERT_EQ(objects.size(), 2U) << result.out;
+  EXPECT_EQ(objects[0]["event"], "bus");
+  EXPECT_GT(objects[0]["frames_per_s"].get<double>(), 5.0);
+  EXPECT_EQ(objects[0]["bus_load_percent"], nullptr);  // a virtual bus has no bit rate
+  EXPECT_EQ(objects[1]["nmt_state"], "operational");
+  const Json motor = objects[1]["motors"][0];
+  EXPECT_EQ(motor["statusword"].get<unsigned>() & 0x6FU, 0x27U);
+  EXPECT_EQ(motor["error_code"], 0);
+  EXPECT_NEAR(std::abs(motor["rpm"].get<double>()), 60, 6) << result.out;
+
+  drive.LatchError(0x2310);
+  const Result text = Motorctl({"monitor", "--once", "--poll", "--make", make_});
+  EXPECT_TRUE(Contains(text.out, "Fault")) << text.out;
+  EXPECT_TRUE(Contains(text.out, "error 0x2310 Continuous over current")) << text.out;
+}
+
+TEST_P(EveryMakeTest, DoctorFindsNothingWrongAfterABringUp) {
+  sim::SimulatedDrive drive(Options(make_));
+  ASSERT_EQ(Motorctl({"bring-up", "1", "--make", make_, "--period", "20"}).status, 0);
+  const Result result = Motorctl({"doctor", "1", "--make", make_, "--json"});
+  EXPECT_EQ(result.status, 0) << result.out;
+  EXPECT_EQ(result.err, "motorctl: nothing is wrong\n");
+  EXPECT_GE(result.Objects().size(), 11U);
+  for (const Json& object : result.Objects()) {
+    EXPECT_EQ(object["result"], "ok") << object;
+    EXPECT_EQ(object["remedy"], nullptr);
+  }
+}
+
+class CommandsTest : public bus::BusTest {};
+
+TEST_F(CommandsTest, MonitorTakesTextsFromTheConfigurationOfKinco) {
+  sim::SimulatedDrive drive(Options("kinco", 100));
+  drive.LatchError(0x2310);
+  const std::string file = ::testing::TempDir() + "/texts.yaml";
+  std::ofstream(file) << "err_code:\n  - {code: 0x2310, err_code: 1, msg: \"too much of it\"}\n";
+  const Result result =
+      Motorctl({"monitor", "1", "--once", "--poll", "--make", "kinco", "--config", file});
+  EXPECT_TRUE(Contains(result.out, "error 0x2310 too much of it")) << result.out;
+  EXPECT_EQ(Motorctl({"monitor", "--once", "--config", "/absent"}).status, 1);
+}
+
+TEST_F(CommandsTest, ATerminalIsRedrawnAndAPipeIsNot) {
+  const sim::SimulatedDrive drive(Options("zl", 50));
+  Process live({"monitor"}, Output::kTerminal);
+  EXPECT_TRUE(Eventually([&] { return Contains(live.Out(), "\x1b[2A"); })) << live.Out();
+  live.Signal(SIGINT);
+  EXPECT_EQ(live.Wait(), 0);
+  EXPECT_TRUE(Contains(live.Out(), "node 1: pre-operational"));
+
+  Process plain({"monitor"});
+  EXPECT_TRUE(Eventually([&] { return Contains(plain.Out(), "node 1: pre-operational"); }));
+  plain.Signal(SIGTERM);
+  EXPECT_EQ(plain.Wait(), 0);
+  EXPECT_FALSE(Contains(plain.Out(), "\x1b"));
+
+  Process scan({"scan", "--to", "3"}, Output::kTerminal);
+  EXPECT_EQ(scan.Wait(), 0);
+  EXPECT_TRUE(Contains(scan.Out(), "\r[#")) << scan.Out();
+}
+
+TEST_F(CommandsTest, SilenceIsAFailure) {
+  const Result scan = Motorctl({"scan", "--to", "2"});
+  EXPECT_EQ(scan.status, 1);
+  EXPECT_EQ(scan.out, "");
+  const Result info = Motorctl({"info", "5"});
+  EXPECT_EQ(info.status, 1);
+  EXPECT_TRUE(Contains(info.err, "no answer")) << info.err;
+  EXPECT_EQ(Motorctl({"sdo", "read", "5", "0x1000", "0"}).status, 1);
+  EXPECT_EQ(Motorctl({"monitor", "--seconds", "0.5", "--once"}).status, 1);
+  EXPECT_EQ(Motorctl({"bring-up", "5", "--make", "hls"}).status, 1);
+  EXPECT_EQ(Motorctl({"--interface", "can7", "scan"}).status, 1);
+}
+
+TEST_F(CommandsTest, AFakeDriveNeedsNoBus) {
+  EXPECT_EQ(Motorctl({"bring-up", "1", "--make", "fake", "--interface", "none0"}).status, 0);
+}
+
+TEST_F(CommandsTest, WrongUsageEndsWithTwo) {
+  const Arguments jog = {"jog", "1", "--make", "zl", "--seconds", "1", "--yes", "--rpm"};
+  const auto with = [&jog](const Arguments& more) {
+    Arguments all = jog;
+    all.insert(all.end(), more.begin(), more.end());
+    return all;
+  };
+  const std::vector<Arguments> wrong = {
+      {},
+      {"turn"},
+      {"scan", "--from", "0"},
+      {"scan", "--from", "5", "--to", "4"},
+      {"info"},
+      {"info", "128"},
+      {"info", "x"},
+      {"--make", "other", "scan"},
+      {"--interface", "a b", "scan"},
+      {"--interface", "", "scan"},
+      {"--interface", "0123456789abcdef", "scan"},
+      {"sdo"},
+      {"sdo", "read", "1", "0x10000", "0"},
+      {"sdo", "read", "1", "0x1000", "256"},
+      {"sdo", "read", "1", "0x1000", "0", "u64"},
+      {"sdo", "write", "1", "0x1000", "0", "u8", "256"},
+      {"sdo", "write", "1", "0x1000", "0", "i8", "-129"},
+      {"sdo", "write", "1", "0x1000", "0", "u16", "1x"},
+      {"sdo", "write", "1", "0x1000", "0", "hex", "123"},
+      {"sdo", "write", "1", "0x1000", "0", "u8"},
+      {"bring-up", "1"},
+      {"bring-up", "--make", "zl"},
+      {"monitor", "--seconds", "-1"},
+      {"jog", "1", "--rpm", "10", "--seconds", "1", "--yes"},
+      {"jog", "1", "--make", "zl", "--rpm", "10", "--seconds", "1"},  // no --yes, no terminal
+      with({"nan"}),
+      with({"1e9"}),
+      with({"101"}),
+      with({"-101"}),
+      with({"99999", "--allow-fast"}),
+      with({"10", "--rpm2", "200"}),
+      with({"10", "--seconds", "nan"}),
+      with({"10", "--ramp", "nan"}),
+      with({"10", "--ramp", "inf"}),
+      with({"10", "--ramp", "0"}),
+      with({"10", "--ramp", "-1"}),
+      {"jog", "1", "--make", "zl", "--rpm", "10", "--yes", "--seconds", "inf"},
+      {"jog", "1", "--make", "zl", "--rpm", "10", "--yes", "--seconds", "-1"},
+      {"jog", "1", "--make", "zl", "--rpm", "10", "--yes", "--seconds", "1e300"},
+      {"jog", "2", "--make", "zl", "--rpm", "10", "--yes", "--seconds", "1"},
+      {"jog", "1", "--make", "tt", "--rpm", "10", "--rpm2", "5", "--yes", "--seconds", "1"},
+      {"jog", "1", "--make", "fake", "--rpm", "10", "--yes", "--seconds", "1"}};
+  for (const Arguments& arguments : wrong) {
+    const Result result = Motorctl(arguments);
+    std::string line;
+    for (const std::string& word : arguments) line += " " + word;
+    EXPECT_EQ(result.status, 2) << line;
+    EXPECT_EQ(result.out, "") << line;
+    EXPECT_FALSE(result.err.empty()) << line;
+  }
+}
+
+TEST_F(CommandsTest, HelpAndVersionEverywhere) {
+  for (const char* command : {"doctor", "scan", "info", "sdo", "bring-up", "jog", "monitor"}) {
+    EXPECT_EQ(Motorctl({command, "--help"}).status, 0) << command;
+    EXPECT_EQ(Motorctl({command, "--version"}).out, "motorctl " MOTORCTL_VERSION "\n") << command;
+  }
+}
+
+class DoctorTest : public bus::BusTest {
+ protected:
+  // A program ip that tells what real hardware would.
+  std::string IpThatPrints(const std::string& json) {
+    const std::string directory = ::testing::TempDir() + "/ip" + std::to_string(::getpid());
+    std::filesystem::create_directories(directory);
+    std::ofstream(directory + "/ip") << "#!/bin/sh\ncat <<'END'\n" << json << "\nEND\n";
+    ::chmod((directory + "/ip").c_str(), 0755);
+    return directory;
+  }
+  std::string Hardware(const std::string& data, int queue = 10) {
+    return R"([{"ifname":"can0","flags":["NOARP","UP","LOWER_UP"],"txqlen":)" +
+           std::to_string(queue) +
+           R"(,"link_type":"can","linkinfo":{"info_kind":"can","info_data":{)" + data + "}}}]";
+  }
+  // The one check of this name.
+  Json Check(const Result& result, const std::string& name) {
+    Json found;
+    for (const Json& object : result.Objects()) {
+      if (object["check"] == name) found = object;
+    }
+    EXPECT_FALSE(found.is_null()) << name << " in\n" << result.out;
+    return found.is_null() ? Json::object() : found;
+  }
+  void ExpectFault(const Result& result, const std::string& check, const std::string& verdict,
+                   const std::string& finding) {
+    const Json object = Check(result, check);
+    EXPECT_EQ(object.value("result", ""), verdict) << result.out;
+    EXPECT_TRUE(Contains(object.value("finding", ""), finding)) << result.out;
+    EXPECT_TRUE(object.contains("remedy") && object["remedy"].is_string()) << result.out;
+    EXPECT_EQ(result.status, verdict == "failed" ? 1 : result.status);
+  }
+};
+
+TEST_F(DoctorTest, NamesWhatIsWrongWithTheInterface) {
+  ExpectFault(Motorctl({"doctor", "--json", "--interface", "can7"}), "interface", "failed",
+              "no can7");
+  ExpectFault(Motorctl({"doctor", "--json", "--interface", "lo"}), "interface", "failed",
+              "no CAN interface");
+  bus::Command("ip link add vcan7 type vcan && ip link set vcan7 up");
+  ExpectFault(Motorctl({"doctor", "--json", "--interface", "vcan7"}), "virtual", "warning", "vcan");
+  bus::Command("ip link delete vcan7");
+  bus::SetDown("can0");
+  ExpectFault(Motorctl({"doctor", "--json"}), "up", "failed", "down");
+}
+
+TEST_F(DoctorTest, NamesWhatTheKernelTellsOfHardware) {
+  const std::string poor = IpThatPrints(Hardware(R"("state":"ERROR-PASSIVE",)"
+                                                 R"("berr_counter":{"tx":128,"rx":3},)"
+                                                 R"("restart_ms":0)",
+                                                 1));
+  const Result result = Motorctl({"doctor", "--json"}, poor);
+  ExpectFault(result, "bit rate", "failed", "none");
+  ExpectFault(result, "restart-ms", "warning", "0");
+  ExpectFault(result, "bus state", "warning", "ERROR-PASSIVE, error counters: transmit 128");
+  ExpectFault(result, "txqueuelen", "warning", "1");
+  const std::string off = IpThatPrints(
+      Hardware(R"("state":"BUS-OFF","restart_ms":100,"bittiming":{"bitrate":500000})"));
+  ExpectFault(Motorctl({"doctor", "--json"}, off), "bus state", "failed", "BUS-OFF");
+  const std::string good = IpThatPrints(
+      Hardware(R"("state":"ERROR-ACTIVE","restart_ms":100,"bittiming":{"bitrate":500000})"));
+  const Result fine = Motorctl({"doctor", "--json"}, good);
+  EXPECT_EQ(Check(fine, "bit rate")["result"], "ok");
+  EXPECT_EQ(Check(fine, "bus state")["result"], "ok");
+  const sim::SimulatedDrive drive(Options("zl", 10));
+  const Result load = Motorctl({"monitor", "--once", "--json"}, good);
+  ASSERT_FALSE(load.Objects().empty());
+  // 100 frames of 55 bits a second, which a busy machine may send in bursts.
+  EXPECT_NEAR(load.Objects()[0]["bus_load_percent"].get<double>(), 1.1, 0.7);
+}
+
+TEST_F(DoctorTest, NamesSilenceAndErrorFrames) {
+  const Result silent = Motorctl({"doctor", "--json", "9"});
+  ExpectFault(silent, "traffic", "warning", "not one frame");
+  ExpectFault(silent, "heartbeats", "warning", "none");
+  ExpectFault(silent, "sdo", "failed", "node 9 does not answer");
+  Process doctor({"doctor", "--json"});
+  EXPECT_TRUE(Eventually([&] { return Contains(doctor.Out(), "txqueuelen"); }));
+  for (int i = 0; i < 10; ++i) {
+    bus::Command("cansend can1 20000008#0000000000000000; sleep 0.05");
+  }
+  EXPECT_EQ(doctor.Wait(), 1);
+  EXPECT_TRUE(Contains(doctor.Out(), "\"error frames\"")) << doctor.Out();
+}
+
+TEST_F(DoctorTest, NamesWhatIsWrongWithANode) {
+  sim::SimulatedDrive drive(Options("zl"));
+  drive.WriteObject(0x1000, 0, 0x00000191);
+  drive.Inject("abort-object=0x1018");
+  drive.Inject("abort-object=0x2012/0x06020000");
+  drive.LatchError(0x2310);
+  const Result result = Motorctl({"doctor", "1", "--json", "--make", "zl"});
+  EXPECT_EQ(result.status, 1);
+  ExpectFault(result, "device type", "failed", "0x00000191");
+  ExpectFault(result, "identity", "warning", "0x08000000");
+  ExpectFault(result, "objects", "failed", "0x2012 sub 1");
+  ExpectFault(result, "heartbeat time", "warning", "0");
+  ExpectFault(result, "error code", "failed", "0x2310, Continuous over current");
+}
+
+}  // namespace

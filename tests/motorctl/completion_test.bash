@@ -1,0 +1,68 @@
+#!/usr/bin/env bash
+# What bash offers for a half-written command line of motorctl.
+# Usage: completion_test.bash COMPLETION_FILE MOTORCTL
+set -euo pipefail
+
+# shellcheck disable=SC1090
+source "$1"
+motorctl=$(realpath "$2")
+failures=0
+
+# What is offered after these words, the last of which is being written; one line, sorted.
+offered() {
+  COMP_WORDS=(motorctl "$@")
+  COMP_CWORD=$#
+  COMPREPLY=()
+  _motorctl
+  printf '%s\n' "${COMPREPLY[@]}" | LC_ALL=C sort | paste -sd ' '
+}
+
+expect() {
+  local expected=$1 words=("${@:2}") actual
+  actual=$(offered "${words[@]}")
+  if [[ $actual != "$expected" ]]; then
+    printf 'FAILED: motorctl %s\n  offered:  %s\n  expected: %s\n' "${words[*]}" "$actual" "$expected"
+    failures=$((failures + 1))
+  fi
+}
+
+# The options that the program itself lists for these words.
+listed() {
+  "$motorctl" "$@" --help | grep -oE '^ +(-[a-z], *)?--[a-z0-9-]+' | grep -oE -e '--[a-z0-9-]+'
+}
+
+commands='bring-up decode doctor explain info jog monitor scan sdo'
+expect "$commands" ''
+expect 'decode doctor' d
+expect 'jog' jo
+expect "$commands" --make zl ''
+expect "$commands" --json ''
+expect 'amps fake hls kinco tt zl' --make ''
+expect 'kinco' jog 1 --rpm -30 --make k
+expect '' jog 1 --rpm ''
+expect 'read write' sdo ''
+expect 'read write' --interface can0 sdo ''
+expect '' sdo read ''
+expect 'i16 i32 i8' sdo write 1 0x6040 0 i
+expect '' explain ''
+expect '--verbose --version' --ver
+expect '--version' --vers
+expect '--rpm --rpm2' jog --rp
+
+cd "$(dirname "$0")/data"
+expect 'zl.log zl.txt' decode zl
+expect 'zl.log zl.txt' jog 1 --csv zl
+
+# Nothing missing and nothing invented: the program's own help is the measure.
+global=$(listed)
+for command in $commands; do
+  expected=$({ listed "$command"; grep -v -e --version <<<"$global"; } | LC_ALL=C sort -u | paste -sd ' ')
+  expect "$expected" "$command" --
+done
+expect "$(LC_ALL=C sort -u <<<"$global" | paste -sd ' ')" --
+# The help of the program lists the commands, each with two blanks before it.
+for command in $commands; do
+  "$motorctl" --help | grep -qE "^  $command " || { echo "FAILED: no command $command"; failures=$((failures + 1)); }
+done
+
+exit $((failures > 0))

@@ -1,0 +1,72 @@
+#!/usr/bin/env bash
+# explain and decode as a user meets them: outputs, exit statuses, pipes.
+# Usage: explain_decode_test.bash MOTORCTL DATA_DIRECTORY
+set -euo pipefail
+motorctl=$(realpath "$1")
+data=$(realpath "$2")
+directory=$(mktemp -d)
+trap 'rm -rf "$directory"' EXIT
+cd "$directory"
+failures=0
+
+fail() {
+  echo "FAILED: $*"
+  cat out err
+  failures=$((failures + 1))
+}
+
+# expect STATUS TEXT_ON_STANDARD_ERROR ARGUMENTS...
+expect() {
+  local expected=$1 status=0
+  "$motorctl" "${@:3}" >out 2>err </dev/null || status=$?
+  [[ $status == "$expected" ]] || fail "${*:3}: exit status $status, expected $expected"
+  [[ $(cat err) == "$2" ]] || fail "${*:3}: standard error, expected $2"
+}
+
+is_printed() { [[ $(cat out) == "$1" ]] || fail "standard output, expected $1"; }
+
+expect 0 '' explain 0x06090030 581#8040600030000906
+is_printed '0x06090030: abort code 0x06090030: Invalid value
+581#8040600030000906: SDO node 1: abort 0x6040:00 Controlword: 0x06090030 Invalid value'
+expect 0 '' explain --json 0xFF01
+is_printed '{"code":"0xFF01","readings":[{"kind":"error_code","value":65281,"hex":"0xFF01","meaning":"Manufacturer-specific error","text":"error code 0xFF01: Manufacturer-specific error"}]}'
+expect 0 '' --make kinco explain 481#000050000100
+is_printed '481#000050000100: TPDO4 of node 1: error code = 0x0000 No error | statusword = 0x0050 Switch on disabled (emergency stop); voltage enabled | digital inputs = 0x0001'
+expect 1 'motorctl: nothing is known about "0xABCD"' explain 0xABCD 0x06090030
+is_printed '0x06090030: abort code 0x06090030: Invalid value'
+expect 1 'motorctl: nothing is known about "0xABCD"' explain 0xABCD --json
+is_printed '{"code":"0xABCD","readings":[]}'
+# Nothing is explained when a part of the question makes no sense.
+expect 2 "$("$motorctl" explain hello 2>&1 || true)" explain 0x3210 hello
+is_printed ''
+grep -q '"hello" is no code' err || fail 'usage text'
+expect 2 'motorctl: CODE is required; see --help' explain
+
+for make in zl tt hls amps kinco; do
+  expect 0 '' decode "$data/$make.log" --make "$make"
+  cmp out "$data/$make.txt" || fail "decode of $make"
+done
+"$motorctl" decode --make zl <"$data/zl.log" >out 2>err || fail 'decode of standard input'
+cmp out "$data/zl.txt" || fail 'decode of standard input'
+"$motorctl" decode - --make zl <"$data/zl.log" | cmp - "$data/zl.txt" || fail 'decode -'
+expect 1 'motorctl: absent: No such file or directory' decode absent
+expect 1 'motorctl: .: Is a directory' decode .
+printf 'x\n\n(1.0) can0 080#\ny\n' >log
+expect 1 'motorctl: 2 lines without a frame' decode log
+expect 0 '' decode /dev/null
+is_printed ''
+if "$motorctl" decode "$data/zl.log" >/dev/full 2>err; then fail 'a full disk'; fi
+
+# Live: a line is out before the next one comes. The writer holds the pipe open meanwhile.
+mkfifo in live
+"$motorctl" decode <in >live &
+exec 3>in 4<live
+for state in 05 7F; do
+  printf '(1.0) can0 701#%s\n' "$state" >&3
+  IFS= read -r -t 30 line <&4 || fail "nothing came out for $state"
+  [[ $line == "(1.0) can0 701#$state  "* ]] || fail "live: $line"
+done
+exec 3>&-
+wait $! || fail 'end of standard input'
+
+exit $((failures > 0))

@@ -1,0 +1,161 @@
+// motorctl as a user meets it: a process with its outputs, on a pipe or on a terminal.
+#pragma once
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <pty.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "processes.h"
+
+using Json = nlohmann::json;
+using Arguments = std::vector<std::string>;
+
+constexpr auto kLongest = std::chrono::seconds(60);
+
+enum class Output { kFile, kTerminal };
+
+class Process {
+ public:
+  // `path`: searched for programs before the usual places.
+  explicit Process(const Arguments& arguments, Output output = Output::kFile,
+                   const std::string& path = "") {
+    Arguments words = {MOTORCTL};
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    std::vector<char*> argv;
+    for (std::string& word : words) argv.push_back(word.data());
+    argv.push_back(nullptr);
+    std::string search =
+        "PATH=" + (path.empty() ? "" : path + ":") + "/usr/sbin:/usr/bin:/sbin:/bin";
+    std::string term = "TERM=xterm";
+    char* environment[] = {search.data(), term.data(), nullptr};
+    out_ = ::memfd_create("out", MFD_CLOEXEC);
+    err_ = ::memfd_create("err", MFD_CLOEXEC);
+    const int nothing = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+    const winsize size = {24, 80, 0, 0};
+    child_ =
+        output == Output::kTerminal ? ::forkpty(&terminal_, nullptr, nullptr, &size) : ::fork();
+    if (child_ == 0) {
+      if (output == Output::kFile) {
+        ::dup2(nothing, 0);
+        ::dup2(out_, 1);
+        ::dup2(err_, 2);
+      }
+      ::execve(MOTORCTL, argv.data(), environment);
+      ::_exit(127);
+    }
+    ::close(nothing);
+    EXPECT_GT(child_, 0);
+  }
+  ~Process() {
+    if (child_ > 0) {
+      ::kill(child_, SIGKILL);
+      ::waitpid(child_, nullptr, 0);
+    }
+    for (const int descriptor : {out_, err_, terminal_}) {
+      if (descriptor >= 0) ::close(descriptor);
+    }
+  }
+  Process(const Process&) = delete;
+  Process& operator=(const Process&) = delete;
+
+  // Everything so far; on a terminal both outputs together.
+  std::string Out() {
+    if (terminal_ < 0) return support::ReadWhole(out_);
+    pollfd readable = {terminal_, POLLIN, 0};
+    char buffer[4096];
+    while (::poll(&readable, 1, 0) > 0) {
+      const ssize_t bytes = ::read(terminal_, buffer, sizeof(buffer));
+      if (bytes <= 0) break;
+      shown_.append(buffer, static_cast<std::size_t>(bytes));
+    }
+    return shown_;
+  }
+  std::string Err() { return support::ReadWhole(err_); }
+
+  void Type(const std::string& text) {
+    EXPECT_EQ(::write(terminal_, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+  }
+  void Signal(int signal) { ::kill(child_, signal); }
+
+  // The exit status, -1 when a signal ended it. Fails the test when it does not end.
+  int Wait() {
+    const auto deadline = std::chrono::steady_clock::now() + kLongest;
+    int status = 0;
+    while (::waitpid(child_, &status, WNOHANG) == 0) {
+      if (std::chrono::steady_clock::now() > deadline) {
+        ADD_FAILURE() << "motorctl does not end\n" << Out() << Err();
+        return -1;
+      }
+      Out();
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    child_ = -1;
+    Out();
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+
+ private:
+  pid_t child_ = -1;
+  int out_ = -1;
+  int err_ = -1;
+  int terminal_ = -1;
+  std::string shown_;
+};
+
+struct Result {
+  int status = -1;
+  std::string out;
+  std::string err;
+
+  // Every line of standard output is one object.
+  std::vector<Json> Objects() const {
+    std::vector<Json> objects;
+    std::istringstream lines(out);
+    for (std::string line; std::getline(lines, line);) {
+      Json object = Json::parse(line, nullptr, false);
+      EXPECT_TRUE(object.is_object()) << line;
+      if (object.is_object()) objects.push_back(std::move(object));
+    }
+    return objects;
+  }
+};
+
+inline Result Motorctl(const Arguments& arguments, const std::string& path = "") {
+  Process process(arguments, Output::kFile, path);
+  Result result;
+  result.status = process.Wait();
+  result.out = process.Out();
+  result.err = process.Err();
+  return result;
+}
+
+// Waits until the condition holds; false when it never does.
+template <typename Condition>
+bool Eventually(Condition condition) {
+  const auto deadline = std::chrono::steady_clock::now() + kLongest;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return true;
+}
+
+inline bool Contains(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
+}
+
+inline std::string MakeName(const ::testing::TestParamInfo<const char*>& info) {
+  return info.param;
+}

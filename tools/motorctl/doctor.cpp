@@ -1,0 +1,332 @@
+// motorctl doctor [NODE]
+#include <linux/can/error.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <chrono>
+#include <cstdio>
+#include <map>
+#include <memory>
+#include <nlohmann/json.hpp>
+
+#include "link.h"
+#include "listener.h"
+#include "make.h"
+#include "sdo_client.h"
+#include "signals.h"
+#include "words.h"
+
+namespace motorctl {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Json = nlohmann::ordered_json;
+
+constexpr std::uint32_t kHeartbeat = 0x700;
+// The heartbeat that the makes' set-ups ask for comes every 2 s.
+constexpr auto kListen = std::chrono::milliseconds(2500);
+constexpr int kShortestQueue = 10;
+constexpr std::uint32_t kServoProfile = 402;
+
+enum class Verdict { kOk, kWarning, kFailed };
+
+// Prints each step as it is taken, and counts what is wrong.
+class Report {
+ public:
+  explicit Report(const Context& context) : context_(context) {}
+
+  void Ok(const char* check, const std::string& finding) { Add(check, Verdict::kOk, finding, ""); }
+  void Warn(const char* check, const std::string& finding, const std::string& remedy) {
+    Add(check, Verdict::kWarning, finding, remedy);
+  }
+  void Fail(const char* check, const std::string& finding, const std::string& remedy) {
+    Add(check, Verdict::kFailed, finding, remedy);
+  }
+  int failed() const { return failed_; }
+
+ private:
+  void Add(const char* check, Verdict verdict, const std::string& finding,
+           const std::string& remedy) {
+    failed_ += verdict == Verdict::kFailed ? 1 : 0;
+    if (context_.json) {
+      const char* const result = verdict == Verdict::kOk        ? "ok"
+                                 : verdict == Verdict::kWarning ? "warning"
+                                                                : "failed";
+      context_.Line(Json{{"command", "doctor"},
+                         {"check", check},
+                         {"result", result},
+                         {"finding", finding},
+                         {"remedy", remedy.empty() ? Json(nullptr) : Json(remedy)}}
+                        .dump());
+      return;
+    }
+    char name[32];
+    std::snprintf(name, sizeof(name), "%-15s ", check);
+    const std::string mark = verdict == Verdict::kOk ? context_.Coloured(Colour::kGreen, "ok     ")
+                             : verdict == Verdict::kWarning
+                                 ? context_.Coloured(Colour::kYellow, "warning")
+                                 : context_.Coloured(Colour::kRed, "FAILED ");
+    context_.Line(mark + "  " + name + finding);
+    if (!remedy.empty()) context_.Line("                         -> " + remedy);
+  }
+
+  const Context& context_;
+  int failed_ = 0;
+};
+
+std::string UpCommand(const Context& context) {
+  return "as root: ip link set " + context.interface + " up type can bitrate 500000 restart-ms 100";
+}
+
+bool HasSocketCan() {
+  const int can = ::socket(PF_CAN, SOCK_RAW | SOCK_CLOEXEC, CAN_RAW);
+  if (can >= 0) ::close(can);
+  return can >= 0;
+}
+
+std::string ErrorCounters(const Link& link) {
+  if (!link.transmit_errors || !link.receive_errors) return "";
+  return ", error counters: transmit " + std::to_string(*link.transmit_errors) + ", receive " +
+         std::to_string(*link.receive_errors);
+}
+
+void CheckHardware(const Context& context, const Link& link, Report& report) {
+  if (!link.bitrate) {
+    report.Fail("bit rate", "none is set", UpCommand(context));
+  } else {
+    report.Ok("bit rate", std::to_string(*link.bitrate) + " bit/s; all nodes must have the same");
+  }
+  if (link.restart_ms.value_or(0) == 0) {
+    report.Warn("restart-ms", "0: after bus-off the bus stays dead",
+                "as root: ip link set " + context.interface + " down; then " + UpCommand(context));
+  } else {
+    report.Ok("restart-ms", std::to_string(*link.restart_ms) + " ms after bus-off");
+  }
+  if (link.bus_state.empty()) return;
+  const std::string state = link.bus_state + ErrorCounters(link);
+  const char* const wiring =
+      "check wiring, both 120 Ohm terminations, the bit rate, and that another node is switched on";
+  if (link.bus_state == "ERROR-ACTIVE") {
+    report.Ok("bus state", state);
+  } else if (link.bus_state == "BUS-OFF") {
+    report.Fail("bus state", state,
+                std::string(wiring) + "; then as root: ip link set " + context.interface +
+                    " type can restart");
+  } else {
+    report.Warn("bus state", state, wiring);
+  }
+}
+
+// Whether there is a bus to listen to.
+bool CheckInterface(const Context& context, Report& report) {
+  if (!HasSocketCan()) {
+    report.Fail("kernel", "no SocketCAN",
+                "as root: modprobe can-raw; without hardware: tools/with-can");
+    return false;
+  }
+  const std::optional<Link> link = FindLink(context.interface);
+  if (!link) {
+    report.Fail("interface", "there is no " + context.interface,
+                "\"ip link\" lists what there is; is the adapter plugged in, its driver loaded?");
+    return false;
+  }
+  if (!link->is_can) {
+    report.Fail("interface", context.interface + " is no CAN interface",
+                "name another with --interface; \"ip link\" lists what there is");
+    return false;
+  }
+  report.Ok("interface",
+            context.interface + " exists" + (link->kind.empty() ? "" : ", kind " + link->kind));
+  if (!link->up) {
+    report.Fail("up", context.interface + " is down", UpCommand(context));
+    return false;
+  }
+  report.Ok("up", context.interface + " is up");
+  if (link->kind == "can") {
+    CheckHardware(context, *link, report);
+  } else if (link->kind == "vcan") {
+    report.Warn("virtual", "local programs do not see what the library sends on a vcan",
+                "use a vxcan pair: ip link add dev can0 type vxcan peer name can1");
+  } else {
+    report.Ok("bit rate", "none: a virtual interface");
+  }
+  if (link->queue_length < kShortestQueue) {
+    report.Warn("txqueuelen", std::to_string(link->queue_length) + ": commands may be refused",
+                "as root: ip link set " + context.interface + " txqueuelen 10");
+  } else {
+    report.Ok("txqueuelen", std::to_string(link->queue_length));
+  }
+  return true;
+}
+
+struct Heard {
+  int frames = 0;
+  int errors = 0;
+  std::map<int, std::uint8_t> heartbeats;  // NMT state by node
+};
+
+Heard Listen(const Context& context, EndSignals& signals) {
+  Listener listener(context.interface);
+  Heard heard;
+  HeardFrame frame;
+  for (const auto end = Clock::now() + kListen; Clock::now() < end && !signals.Arrived();) {
+    if (!listener.Hear(frame, std::chrono::milliseconds(50))) continue;
+    (frame.is_error() ? heard.errors : heard.frames) += 1;
+    const std::uint32_t id = frame.frame.can_id;
+    if (frame.is_data() && id > kHeartbeat && id < kHeartbeat + 128 && frame.frame.can_dlc == 1) {
+      heard.heartbeats[static_cast<int>(id - kHeartbeat)] = frame.frame.data[0];
+    }
+  }
+  return heard;
+}
+
+void CheckTraffic(const Heard& heard, Report& report) {
+  if (heard.frames == 0) {
+    report.Warn("traffic", "not one frame in 2.5 s",
+                "normal for drives that were never set up; otherwise: supply, wiring, bit rate");
+  } else {
+    report.Ok("traffic", std::to_string(heard.frames) + " frames in 2.5 s");
+  }
+  if (heard.errors > 0) {
+    report.Fail("error frames", std::to_string(heard.errors) + " in 2.5 s",
+                "bit rate of every node, wiring, both terminations");
+  }
+  if (heard.heartbeats.empty()) {
+    report.Warn("heartbeats", "none in 2.5 s",
+                "\"motorctl scan\" finds silent nodes; \"motorctl bring-up\" sets heartbeats");
+    return;
+  }
+  std::string nodes;
+  for (const auto& [node, state] : heard.heartbeats) {
+    nodes +=
+        (nodes.empty() ? "node " : ", node ") + std::to_string(node) + " " + NmtStateText(state);
+  }
+  report.Ok("heartbeats", nodes);
+}
+
+void CheckObjects(const Make& make, DriverCommon& drive, int node, Report& report) {
+  std::vector<Object> objects = {{0x6040, 0}, {0x6041, 0}, {0x603F, 0}};
+  for (const auto& more : {make.targets, make.positions, make.expected}) {
+    objects.insert(objects.end(), more.begin(), more.end());
+  }
+  std::string missing;
+  for (const Object& object : objects) {
+    const SdoAnswer answer = ReadObject(drive, node, object.index, object.sub_index);
+    if (answer.ok()) continue;
+    missing += (missing.empty() ? "" : "; ") + NameObject(object.index, object.sub_index) + ": " +
+               Explanation(answer);
+  }
+  if (missing.empty()) {
+    report.Ok("objects",
+              "all " + std::to_string(objects.size()) + " that make " + make.name + " needs");
+  } else {
+    report.Fail("objects", missing, "is it really a drive of make " + std::string(make.name) + "?");
+  }
+}
+
+void CheckState(const Context& context, DriverCommon& drive, int node, Report& report) {
+  const SdoAnswer heartbeat = ReadObject(drive, node, 0x1017, 0);
+  if (heartbeat.ok() && heartbeat.value > 0) {
+    report.Ok("heartbeat time", std::to_string(heartbeat.value) + " ms (0x1017)");
+  } else {
+    report.Warn(
+        "heartbeat time",
+        heartbeat.ok() ? "0: the node sends no heartbeat (0x1017)"
+                       : "0x1017: " + Explanation(heartbeat),
+        "motorctl bring-up, or: motorctl sdo write " + std::to_string(node) + " 0x1017 0 u16 2000");
+  }
+  const SdoAnswer error = ReadObject(drive, node, 0x603F, 0);
+  if (!error.ok()) return;
+  // A node with two motors has the second one's code in the upper half.
+  const auto first = static_cast<std::uint16_t>(error.value);
+  const auto second = static_cast<std::uint16_t>(error.value >> 16U);
+  if (first == 0 && second == 0) {
+    report.Ok("error code", "none (0x603F)");
+    return;
+  }
+  std::string text;
+  for (const std::uint16_t code : {first, second}) {
+    if (code != 0) {
+      text += (text.empty() ? "" : "; ") + Hex(code, 4) + ", " + ErrorCodeText(code);
+    }
+  }
+  report.Fail("error code", text,
+              "mend the cause; \"motorctl --make " +
+                  (context.make.empty() ? std::string("MAKE") : context.make) + " bring-up " +
+                  std::to_string(node) + "\" clears the error");
+}
+
+void CheckNode(const Context& context, int node, Report& report) {
+  const std::unique_ptr<DriverCommon> drive = OpenBus(context);
+  const std::string name = "node " + std::to_string(node);
+  const SdoAnswer type = ReadObject(*drive, node, 0x1000, 0);
+  if (type.kind == SdoAnswer::Kind::kNotSent) {
+    report.Fail("sdo", name + ": the request could not be sent",
+                "nobody acknowledges: another node must be switched on, with the same bit rate");
+    return;
+  }
+  if (type.kind == SdoAnswer::Kind::kNoAnswer) {
+    std::string remedy =
+        "its supply, node number and bit rate; \"motorctl scan\" shows who answers";
+    if (context.make == "tt") {
+      remedy += "; an inactive tt drive is silent until \"motorctl --make tt bring-up\"";
+    }
+    report.Fail("sdo", name + " does not answer", remedy);
+    return;
+  }
+  report.Ok("sdo", name + " answers");
+  if (type.ok() && (type.value & 0xFFFFU) == kServoProfile) {
+    report.Ok("device type", Hex(type.value, 8) + ", a drive of CiA 402");
+  } else {
+    report.Fail(
+        "device type",
+        type.ok() ? Hex(type.value, 8) + ", no drive of CiA 402" : "0x1000: " + Explanation(type),
+        "this node number belongs to another device");
+  }
+  const SdoAnswer vendor = ReadObject(*drive, node, 0x1018, 1);
+  const SdoAnswer product = ReadObject(*drive, node, 0x1018, 2);
+  if (vendor.ok() && product.ok()) {
+    report.Ok("identity", "vendor " + Hex(vendor.value, 8) + ", product " + Hex(product.value, 8));
+  } else {
+    report.Warn("identity", "0x1018: " + Explanation(vendor.ok() ? product : vendor),
+                "the drive cannot be told from others of its kind");
+  }
+  if (!context.make.empty() && FindMake(context.make).motors > 0) {
+    CheckObjects(FindMake(context.make), *drive, node, report);
+  }
+  CheckState(context, *drive, node, report);
+}
+
+int Run(const Context& context, int node) {
+  EndSignals signals;
+  Report report(context);
+  if (CheckInterface(context, report)) {
+    CheckTraffic(Listen(context, signals), report);
+    if (signals.Arrived()) throw CommandFailed("interrupted");
+    if (node != 0) CheckNode(context, node, report);
+  }
+  if (report.failed() == 0) {
+    context.Say(node != 0 ? "nothing is wrong"
+                          : "nothing is wrong with the bus; name a node to "
+                            "have it examined");
+    return kSuccess;
+  }
+  context.Say(std::to_string(report.failed()) +
+              (report.failed() == 1 ? " check failed" : " checks failed"));
+  return kFailure;
+}
+
+}  // namespace
+
+void AddDoctor(CLI::App& app, Context& context) {
+  const auto node = std::make_shared<int>(0);
+  CLI::App* const command = app.add_subcommand(
+      "doctor", "check interface, bus and node step by step, and say how to mend what is wrong");
+  command->add_option("NODE", *node, "node-ID to examine; only the bus without it")
+      ->check(CLI::Range(1, 127));
+  command->callback(
+      [&context, node] { context.run = [&context, node] { return Run(context, *node); }; });
+}
+
+}  // namespace motorctl

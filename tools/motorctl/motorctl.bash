@@ -1,0 +1,70 @@
+# Completion of motorctl for bash.                                              -*- shell-script -*-
+
+_motorctl_takes_value() {
+  case $1 in
+    --interface | --make | --counts-per-revolution | --from | --to | --period | --rpm | --rpm2 | \
+      --seconds | --ramp | --csv | --svg | --config) return 0 ;;
+  esac
+  return 1
+}
+
+_motorctl_interfaces() {
+  local path
+  for path in /sys/class/net/*; do
+    # 280 is the hardware type of CAN in linux/if_arp.h.
+    [[ $(cat "$path/type" 2>/dev/null) == 280 ]] && echo "${path##*/}"
+  done
+}
+
+_motorctl() {
+  local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
+  local options='--interface --make --counts-per-revolution --json --verbose --help'
+  local words='' files=false command='' position=0 i
+
+  for ((i = 1; i < COMP_CWORD; i++)); do
+    if _motorctl_takes_value "${COMP_WORDS[i]}"; then
+      ((i++))
+    elif [[ ${COMP_WORDS[i]} != -* ]]; then
+      if [[ -z $command ]]; then command=${COMP_WORDS[i]}; else ((position++)); fi
+    fi
+  done
+
+  case $command in
+    '')
+      options+=' --version'
+      words='doctor scan info sdo bring-up jog monitor explain decode'
+      ;;
+    scan) options+=' --from --to' ;;
+    bring-up) options+=' --period' ;;
+    jog) options+=' --rpm --rpm2 --seconds --ramp --period --csv --svg --yes --allow-fast' ;;
+    monitor) options+=' --once --seconds --poll --config' ;;
+    sdo)
+      if ((position == 0)); then
+        words='read write'
+      elif ((position == 4)); then
+        words='u8 i8 u16 i16 u32 i32 hex'
+      fi
+      ;;
+    decode) files=true ;;
+  esac
+
+  if _motorctl_takes_value "$previous"; then
+    words='' files=false
+    case $previous in
+      --interface) words=$(_motorctl_interfaces) ;;
+      --make) words='zl tt hls amps kinco fake' ;;
+      --csv | --svg | --config) files=true ;;
+    esac
+  elif [[ $current == -* ]]; then
+    words=$options files=false
+  fi
+
+  if $files; then
+    mapfile -t COMPREPLY < <(compgen -f -- "$current")
+    compopt -o filenames 2>/dev/null
+  else
+    mapfile -t COMPREPLY < <(compgen -W "$words" -- "$current")
+  fi
+}
+
+complete -F _motorctl motorctl

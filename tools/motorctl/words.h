@@ -1,0 +1,70 @@
+// Codes and numbers of CiA 301, CiA 402 and of the makes, in words. Nothing here needs a bus.
+//
+// `make` is a name as given to --make ("zl", "tt", "hls", "amps", "kinco", "fake"), empty when it
+// is not known: then only what the standards define is named.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace motorctl {
+
+// "0x" and at least `digits` hexadecimal digits.
+std::string Hex(std::uint64_t value, int digits);
+
+// SDO abort codes. Find: nullptr when CiA 301 has no such code. Text: "unknown abort code" then.
+const char* FindAbortCode(std::uint32_t code);
+std::string AbortCodeText(std::uint32_t code);
+
+// Error codes of object 0x603F and of emergency messages. Find: nullptr when the code is not in the
+// tables. Text: then the group that the code belongs to, "unknown error code" without one. Is:
+// false for those.
+const char* FindErrorCode(std::uint16_t code);
+std::string ErrorCodeText(std::uint16_t code);
+bool IsErrorCode(std::uint16_t code);
+
+// Error register (object 0x1001, byte 2 of an emergency message): the names of the bits set.
+std::string ErrorRegisterText(std::uint8_t bits);
+
+// State of the drive that a statusword shows, nullptr when it is none of the eight of CiA 402.
+const char* FindState(std::uint16_t statusword);
+// State, then the bits set besides: "Operation enabled; voltage enabled, remote".
+std::string StatuswordText(std::uint16_t statusword, std::string_view make = {});
+// Command, then the bits set besides: "Enable operation; halt".
+std::string ControlwordText(std::uint16_t controlword);
+std::string ModeText(std::int8_t mode, std::string_view make = {});
+
+std::string NmtStateText(std::uint8_t state);
+std::string NmtCommandText(std::uint8_t command);
+
+// "Statusword", "RPDO1 communication: COB-ID"; empty for an object that is not known.
+std::string ObjectName(std::uint16_t index, std::uint8_t sub, std::string_view make = {});
+
+// What an object holds.
+struct Value {
+  std::int64_t number = 0;  // with the sign that the object has
+  std::string text;         // the number, and what it means
+};
+
+// How numbers of an object are to be read.
+enum class Format {
+  kUnsigned,
+  kHex,
+  kSigned,
+  kVelocity,
+  kMilliseconds,
+  kErrorCode,
+  kErrorRegister,
+  kControlword,
+  kStatusword,
+  kMode,
+  kMappedObject,
+};
+
+// `raw` has `bytes` bytes, 1 to 4.
+Value FormatValue(Format format, std::uint32_t raw, unsigned bytes, std::string_view make = {});
+Value ObjectValue(std::uint16_t index, std::uint8_t sub, std::uint32_t raw, unsigned bytes,
+                  std::string_view make = {});
+
+}  // namespace motorctl
