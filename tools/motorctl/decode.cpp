@@ -90,7 +90,7 @@ Meaning DecodeSync(const LoggedFrame& frame) {
 // 28 bits of milliseconds after midnight, then the days since 1 January 1984.
 Meaning DecodeTime(const LoggedFrame& frame) {
   if (frame.length != 6) return Odd(frame, "time stamp of wrong length");
-  const std::uint32_t milliseconds = Number(&frame.data[0], 4) & 0x0FFFFFFF;
+  const std::uint32_t milliseconds = Number(frame.data.data(), 4) & 0x0FFFFFFF;
   const std::uint32_t days = Number(&frame.data[4], 2);
   return {"time",
           "time stamp: day " + std::to_string(days) + " after 1984-01-01, " +
@@ -321,7 +321,8 @@ Meaning DecodeData(const LoggedFrame& frame, std::string_view make) {
   if (frame.id == 0x000) return DecodeNmt(frame);
   if (frame.id == 0x080 && frame.length <= 1) return DecodeSync(frame);
   if (frame.id == 0x100) return DecodeTime(frame);
-  if (base == 0x000 && make == "tt" && frame.length == 2 && Number(&frame.data[0], 2) == 0x1010) {
+  if (base == 0x000 && make == "tt" && frame.length == 2 &&
+      Number(frame.data.data(), 2) == 0x1010) {
     return {"activation", "activation of " + NodeText(node), {{"node", node}}};
   }
   if (base == 0x080) {

@@ -41,9 +41,10 @@ Listener::Listener(const std::string& interface, canid_t only_id)
       ::setsockopt(socket_, SOL_CAN_RAW, CAN_RAW_ERR_FILTER, &errors, sizeof(errors)) != 0 ||
       ::setsockopt(socket_, SOL_SOCKET, SO_TIMESTAMP, &enabled, sizeof(enabled)) != 0 ||
       ::bind(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
-    const CommandFailed failure = Failure(interface);
+    const int error = errno;
     ::close(socket_);
-    throw failure;
+    errno = error;
+    throw Failure(interface);
   }
 }
 
