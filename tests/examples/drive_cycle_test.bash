@@ -7,61 +7,16 @@ if [[ ${1-} != --own-network ]]; then
   exec unshare --net "$BASH" "$0" --own-network "$@"
 fi
 shift
-readonly test_case=$1 drive_cycle=$2 simulator=$3
-scratch=$(mktemp -d)
-readonly scratch
-
-finish() {
-  local -a running
-  mapfile -t running < <(jobs -p)
-  ((${#running[@]} == 0)) || kill -KILL "${running[@]}"
-  wait 2>/dev/null
-  rm -rf "$scratch"
-}
-trap finish EXIT
-
-fail() {
-  echo "FAILED: $*" >&2
-  local file
-  for file in out err sim; do
-    [[ -s $scratch/$file ]] && sed "s/^/  $file: /" "$scratch/$file" >&2
-  done
-  [[ -s $scratch/bus ]] && tail -n 20 "$scratch/bus" | sed 's/^/  bus: /' >&2
-  exit 1
-}
-
-# --- The bench ------------------------------------------------------------------------------------
-
-make_bus() {
-  ip link add dev can0 type vxcan peer name can1 || fail "no vxcan pair"
-  ip link set can0 up
-  ip link set can1 up
-  candump -L can1 >"$scratch/bus" 2>/dev/null &
-  sleep 0.1
-}
+readonly test_case=$1 example=$2 simulator=$3
+# shellcheck source=tests/examples/bench.bash
+source "${BASH_SOURCE[0]%/*}/bench.bash"
 
 make=zl
 node=1
 target_velocity=FF6000  # its object, as in a frame
 
 plug_drive() {  # arguments of the simulator
-  "$simulator" --interface can1 --make "$make" --node "$node" "$@" 2>"$scratch/sim" &
-  simulator_pid=$!
-  wait_for ready sim
-}
-
-start() {  # arguments of the drive cycle
-  "$drive_cycle" "$@" >"$scratch/out" 2>"$scratch/err" &
-  host=$!
-}
-
-wait_for() {  # pattern, file
-  local try
-  for ((try = 0; try < 300; ++try)); do
-    grep -q -e "$1" "$scratch/$2" 2>/dev/null && return
-    sleep 0.1
-  done
-  fail "no \"$1\" in $2"
+  plug_drives --make "$make" --node "$node" "$@"
 }
 
 start_turning() {  # arguments of the drive cycle
@@ -72,21 +27,6 @@ start_turning() {  # arguments of the drive cycle
 }
 
 # --- What is expected -----------------------------------------------------------------------------
-
-expect_status() {
-  wait "$host"
-  local status=$?
-  sleep 0.2  # the last frames reach the log of the bus
-  ((status == $1)) || fail "exit status $status instead of $1"
-}
-
-expect() {  # file, pattern
-  grep -q -e "$2" "$scratch/$1" || fail "no \"$2\" in $1"
-}
-
-expect_none() {
-  ! grep -q -e "$2" "$scratch/$1" || fail "unexpected \"$2\" in $1"
-}
 
 expect_one_line() {
   (($(wc -l <"$scratch/err") == 1)) || fail "not one line on standard error"
@@ -213,7 +153,7 @@ TurnsTheWheelOfAmps() {
 }
 
 ReportsWrongUsage() {
-  "$drive_cycle" --help >"$scratch/out" || fail "--help failed"
+  "$example" --help >"$scratch/out" || fail "--help failed"
   expect out '--interface'
   expect_usage_error --no-such-option
   expect_usage_error --make unknown
@@ -294,7 +234,7 @@ StopsWhenNobodyReadsItsOutput() {
   make_bus
   plug_drive
   (
-    "$drive_cycle" --seconds 4 2>"$scratch/err"
+    "$example" --seconds 4 2>"$scratch/err"
     echo $? >"$scratch/status"
   ) | head -n 1 >"$scratch/out"
   sleep 0.2

@@ -8,70 +8,8 @@ if [[ ${1-} != --own-network ]]; then
 fi
 shift
 readonly test_case=$1 example=$2 simulator=$3 config=$4
-scratch=$(mktemp -d)
-readonly scratch
-
-finish() {
-  local -a running
-  mapfile -t running < <(jobs -p)
-  ((${#running[@]} == 0)) || kill -KILL "${running[@]}"
-  wait 2>/dev/null
-  rm -rf "$scratch"
-}
-trap finish EXIT
-
-fail() {
-  echo "FAILED: $*" >&2
-  local file
-  for file in out err sim; do
-    [[ -s $scratch/$file ]] && sed "s/^/  $file: /" "$scratch/$file" >&2
-  done
-  [[ -s $scratch/bus ]] && tail -n 20 "$scratch/bus" | sed 's/^/  bus: /' >&2
-  exit 1
-}
-
-make_bus() {
-  ip link add dev can0 type vxcan peer name can1 || fail "no vxcan pair"
-  ip link set can0 up
-  ip link set can1 up
-  candump -L can1 >"$scratch/bus" 2>/dev/null &
-  sleep 0.1
-}
-
-plug_drives() {  # arguments of the simulator
-  "$simulator" --interface can1 --make kinco "$@" 2>"$scratch/sim" &
-  simulator_pid=$!
-  wait_for ready sim
-}
-
-start() {  # arguments of the example
-  "$example" "$@" >"$scratch/out" 2>"$scratch/err" &
-  host=$!
-}
-
-wait_for() {  # pattern, file
-  local try
-  for ((try = 0; try < 300; ++try)); do
-    grep -q -e "$1" "$scratch/$2" 2>/dev/null && return
-    sleep 0.1
-  done
-  fail "no \"$1\" in $2"
-}
-
-expect_status() {
-  wait "$host"
-  local status=$?
-  sleep 0.2  # the last frames reach the log of the bus
-  ((status == $1)) || fail "exit status $status instead of $1"
-}
-
-expect() {  # file, pattern
-  grep -q -e "$2" "$scratch/$1" || fail "no \"$2\" in $1"
-}
-
-expect_none() {
-  ! grep -q -e "$2" "$scratch/$1" || fail "unexpected \"$2\" in $1"
-}
+# shellcheck source=tests/examples/bench.bash
+source "${BASH_SOURCE[0]%/*}/bench.bash"
 
 expect_zero_speed_sent() {
   local last
@@ -83,7 +21,7 @@ expect_zero_speed_sent() {
 
 ShowsAnEmergencyStopAndTheRecovery() {
   make_bus
-  plug_drives --node 1 --node 2
+  plug_drives --make kinco --node 1 --node 2
   start --config "$config" --seconds 12
   wait_for 'node 2  Ready  *\(59\|60\|61\) rpm  heartbeat=0x0005 status_6041=0x0037' out
   kill -USR1 "$simulator_pid"
@@ -109,7 +47,7 @@ ShowsAnEmergencyStopAndTheRecovery() {
 
 StopsOnInterrupt() {
   make_bus
-  plug_drives --node 1 --node 2
+  plug_drives --make kinco --node 1 --node 2
   start --seconds 60
   wait_for ' 60 rpm' out
   kill -INT "$host"
@@ -121,7 +59,7 @@ StopsOnInterrupt() {
 
 NamesTheErrorOfADrive() {
   make_bus
-  plug_drives --node 1 --node 2 --fault error-after-ms=5000/0x2310
+  plug_drives --make kinco --node 1 --node 2 --fault error-after-ms=5000/0x2310
   start --config "$config" --seconds 60
   expect_status 1
   expect out 'node 1  Fault .* error_603F=0x2310 .*error: Continuous over current (event 8976)'
@@ -131,7 +69,7 @@ NamesTheErrorOfADrive() {
 
 ReportsANodeThatIsMissing() {
   make_bus
-  plug_drives --node 1
+  plug_drives --make kinco --node 1
   start
   expect_status 1
   expect err 'node 2 does not take zero target velocity'

@@ -51,7 +51,9 @@ class FailureWatch {
     static const std::regex silence(
         "SDO response timeout, can_id: 0x([0-9A-F]+), index: 0x([0-9A-F]+), sub: 0x([0-9A-F]+)");
     for (std::sregex_iterator line(text.begin(), text.end(), silence), end; line != end; ++line) {
-      const auto number = [&line](int group) { return std::stoul((*line)[group], nullptr, 16); };
+      const auto number = [&line](std::size_t group) {
+        return std::stoul((*line)[group], nullptr, 16);
+      };
       if (number(1) == response_id_) {
         failures.push_back({static_cast<std::uint16_t>(number(2)),
                             static_cast<std::uint8_t>(number(3)), std::nullopt});
