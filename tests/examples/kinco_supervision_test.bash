@@ -62,7 +62,7 @@ NamesTheErrorOfADrive() {
   plug_drives --make kinco --node 1 --node 2 --fault error-after-ms=5000/0x2310
   start --config "$config" --seconds 60
   expect_status 1
-  expect out 'node 1  Fault .* error_603F=0x2310 .*error: Continuous over current (event 8976)'
+  expect out 'node [12]  Fault .* error_603F=0x2310 .*error: Continuous over current (event 8976)'
   expect err 'has a fault'
   expect_zero_speed_sent
 }
