@@ -4,7 +4,7 @@
 set -euo pipefail
 motorctl=$(realpath "$1")
 data=$(realpath "$2")
-directory=$(mktemp -d)
+directory=$(mktemp -d -p /dev/shm)  # named pipes can be made there in every guest of with-can
 trap 'rm -rf "$directory"' EXIT
 cd "$directory"
 failures=0
