@@ -1,0 +1,89 @@
+// The makes of drive: all in which they differ for a host. A further make is one more entry of the
+// table in makes.cpp.
+#pragma once
+
+#include <driver_common.h>
+#include <vehicle.h>
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace motor_driver {
+
+constexpr std::size_t kMaxMotors = 2;  // of one node
+using MotorRpm = std::array<int, kMaxMotors>;
+
+struct Object {
+  std::uint16_t index;
+  std::uint8_t sub_index;
+};
+
+// Where a PDO carries a value; `bits` 0: nowhere.
+struct Field {
+  std::uint32_t base_id = 0;  // 0x180 for TPDO1, 0x480 for TPDO4; the node-ID is added
+  unsigned offset = 0;        // bytes
+  unsigned bits = 0;          // of each motor; the motors follow each other
+};
+
+struct Make {
+  const char* name = "";   // as in Vehicle::make
+  const char* title = "";  // as it is written in documents
+  std::size_t motors = 1;  // of one node
+  bool simulated = false;  // no bus: reports what it was commanded
+
+  std::unique_ptr<DriverCommon> (*create)(const Vehicle& vehicle) = nullptr;
+
+  // Hears nothing before ActiveNode, which enables nothing and must run before heartbeats are
+  // registered: it looks for the boot-up message itself.
+  bool must_be_woken = false;
+  // ResetNode sends the NMT reset, so that a boot-up message follows.
+  bool resets = true;
+  // Init starts the node, and comes before ActiveNode; otherwise StartNode comes last.
+  bool starts_by_init = false;
+  // Has the supervision loop, GetDriverStatus and the texts of KincoDriver.
+  bool supervises = false;
+  // The set-up writes no event timer: it is written afterwards.
+  bool needs_event_timer = false;
+  // Vehicle::counts_per_revolution counts; otherwise the class knows the number.
+  bool counts_are_configured = false;
+
+  // What the class takes for a speed, in rpm of the motor.
+  double max_motor_rpm = 2147483647.0;
+  // Commands every motor of a node.
+  void (*command)(DriverCommon& drive, std::uint8_t node, const MotorRpm& rpm) = nullptr;
+
+  // Objects that store target velocities, written with `target_command`, and those that hold
+  // positions and actual velocities, one of each motor.
+  std::uint8_t target_command = 0x23;
+  std::vector<Object> targets;
+  std::vector<Object> positions;
+  std::vector<Object> velocities;
+  // Units of `velocities` per rpm; kinco: per rpm and count per revolution.
+  double velocity_units_per_rpm = 1.0;
+
+  // Others that a node of this make must have.
+  std::vector<Object> expected;
+
+  Field position;
+  int direction = 1;  // -1: positions count against the commanded speed
+  Field statusword;
+  Field error_code;
+};
+
+// In the order in which documents name them.
+MOTOR_DRIVER_WHEELS_EXPORT const std::vector<Make>& Makes();
+
+// nullptr when there is none of this name.
+MOTOR_DRIVER_WHEELS_EXPORT const Make* FindMake(const std::string& name);
+
+// "zl, tt, hls, amps, kinco or fake"
+MOTOR_DRIVER_WHEELS_EXPORT std::string MakeNames();
+
+// Whether the name is that of an interface that Linux takes and a shell leaves alone.
+MOTOR_DRIVER_WHEELS_EXPORT bool IsInterfaceName(const std::string& name);
+
+}  // namespace motor_driver
