@@ -6,3 +6,5 @@ execute_process(COMMAND dpkg-architecture -f -t${debian_multiarch} -qDEB_HOST_AR
   COMMAND_ERROR_IS_FATAL ANY)
 set(CMAKE_INSTALL_PREFIX /usr)
 set(CMAKE_INSTALL_LIBDIR lib/${debian_multiarch})
+# The loader looks there anyway.
+set(CMAKE_SKIP_INSTALL_RPATH ON)

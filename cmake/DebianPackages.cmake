@@ -38,12 +38,14 @@ set(debian_version ${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE})
 
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME ${runtime_package})
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
-set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "servo drives of wheeled robots over CAN, shared library
+set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "servo drives of wheeled robots over CAN, shared libraries
 Drives the servo drives of a wheeled robot over a CAN bus with CANopen
 (CiA 301, CiA 402), through raw SocketCAN: bring-up, wheel speeds, heartbeat
 supervision and recovery for drives of several makes.
 
-This package contains the shared library.")
+This package contains the shared libraries: the classes of the drives, and the
+layer above them that brings up, commands, watches and stops the wheels of a
+vehicle.")
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA
   ${generated_directory}/shlibs ${generated_directory}/symbols ${debian_directory}/triggers)
 
@@ -54,7 +56,7 @@ set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION "servo drives of wheeled robots over CA
 Drives the servo drives of a wheeled robot over a CAN bus with CANopen
 (CiA 301, CiA 402), through raw SocketCAN.
 
-This package contains headers, the CMake package and the pkg-config file.")
+This package contains headers, the CMake package and the pkg-config files.")
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME motor-driver-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
@@ -67,9 +69,11 @@ Simulated servo drives on a CAN interface, a launcher that gives any command a
 kernel with SocketCAN, and an example configuration with the texts of error
 codes, for working with libmotor_driver with and without hardware.")
 
-# The library's own package, which dpkg does not know while the packages are being made.
+# The libraries' own package, which dpkg does not know while the packages are being made. One package
+# for both: they have the same version and change together.
+set(package_of_libraries "${soversion} ${runtime_package} (>= ${PROJECT_VERSION})")
 file(WRITE ${generated_directory}/shlibs
-  "libmotor_driver ${soversion} ${runtime_package} (>= ${PROJECT_VERSION})\n")
+  "libmotor_driver ${package_of_libraries}\nlibmotor_driver_wheels ${package_of_libraries}\n")
 configure_file(${debian_directory}/symbols.in ${generated_directory}/symbols @ONLY)
 configure_file(${debian_directory}/shlibdeps.in ${generated_directory}/shlibdeps @ONLY
   FILE_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE)

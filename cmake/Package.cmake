@@ -1,16 +1,16 @@
-# Installation: library, headers, CMake package, pkg-config file, programs. The components are the
+# Installation: libraries, headers, CMake package, pkg-config files, programs. The components are the
 # packages that distributions make of them: runtime, development, tools.
 include(CMakePackageConfigHelpers)
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/motor_driver)
 
-install(TARGETS motor_driver EXPORT motor_driver
+install(TARGETS motor_driver motor_driver_wheels EXPORT motor_driver
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development
   FILE_SET HEADERS DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/motor_driver COMPONENT development)
 install(EXPORT motor_driver NAMESPACE motor_driver:: DESTINATION ${package_dir}
   FILE motor_driver-targets.cmake COMPONENT development)
 
-# No dependency is looked for: everything else is linked privately into the shared library.
+# No dependency is looked for: everything else is linked privately into the shared libraries.
 configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/motor_driver-config.cmake.in
   ${PROJECT_BINARY_DIR}/motor_driver-config.cmake INSTALL_DESTINATION ${package_dir})
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/motor_driver-config-version.cmake
@@ -23,10 +23,16 @@ install(FILES
 # Relative to the file itself, so that a prefix may be moved or staged.
 file(RELATIVE_PATH pc_prefix /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
 string(REGEX REPLACE "/$" "" pc_prefix "${pc_prefix}")
-configure_file(${CMAKE_CURRENT_LIST_DIR}/motor_driver.pc.in ${PROJECT_BINARY_DIR}/motor_driver.pc
-  @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/motor_driver.pc
-  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
+function(install_pkg_config_file library description requires)
+  configure_file(${CMAKE_CURRENT_FUNCTION_LIST_DIR}/library.pc.in
+    ${PROJECT_BINARY_DIR}/${library}.pc @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/${library}.pc
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
+endfunction()
+install_pkg_config_file(motor_driver ${PROJECT_DESCRIPTION} "")
+install_pkg_config_file(motor_driver_wheels
+  "Wheels of a vehicle over CANopen: brought up, commanded, watched, stopped"
+  "motor_driver = ${PROJECT_VERSION}")
 
 # Texts of the codes of a drive, to be loaded by the host.
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/kinco.yaml

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+/// Marks what the shared library exports.
 #if defined(__GNUC__)
 #define MOTOR_DRIVER_WHEELS_EXPORT __attribute__((visibility("default")))
 #else

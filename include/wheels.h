@@ -52,7 +52,7 @@ struct WheelReport {
 
 /// The vehicle, as it is now.
 struct Report {
-  State state = State::kOff;
+  State state = State::kOff;   ///< when the report was made
   Fault fault = Fault::kNone;  ///< the first one, until Clear() or the next BringUp()
   int node = 0;                ///< that caused the fault; 0: none
   std::string reason;          ///< one sentence: what is wrong and what to do

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Compares the symbols that the library exports with the list of its package: hosts that were built
+# Compares the symbols that a library exports with its list in the package: hosts that were built
 # before need every one of them.
-# Usage: exported_symbols_test.sh LIBRARY
+# Usage: exported_symbols_test.sh LIBRARY, named without its version
 set -euo pipefail
 export LC_ALL=C
 
@@ -9,7 +9,10 @@ root=$(cd "$(dirname "$0")/../.." && pwd)
 list=packaging/debian/symbols.in
 version=$(sed -n 's/^project(motor_driver VERSION \([0-9.]*\).*/\1/p' "$root/CMakeLists.txt")
 
-listed=$(sed -n 's/^ \(.*\)@Base .*/\1/p' "$root/$list" | sort)
+library=$(basename "$1")
+listed=$(awk -v soname="$library.@soversion@" '/^[^ *]/ { here = $1 == soname } here && sub(/^ /, "") && sub(/@.*/, "")' \
+  "$root/$list" | sort)
+[[ -n $listed ]] || { echo "FAILED: $list lists nothing of $library"; exit 1; }
 # Instantiations of standard templates slip through where nothing is inlined.
 exported=$(nm --dynamic --defined-only --format=posix "$1" | cut -d ' ' -f 1 |
   grep -vE '^_ZNK?(St|9__gnu_cxx)|^_ZSt' | sort)
@@ -30,4 +33,4 @@ if ((${#added[@]} > 0)); then
   printf " %s@Base $version\n" "${added[@]}"
 fi
 ((${#removed[@]} + ${#added[@]} == 0))
-echo "$(wc -l <<< "$exported") symbols, as listed"
+echo "$(wc -l <<< "$exported") symbols of $library, as listed"

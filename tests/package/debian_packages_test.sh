@@ -50,7 +50,7 @@ check_installed_prefix "$root/usr" "$cxx" "$scratch"
 mkdir -p "$scratch/host/debian" "$root/DEBIAN"
 touch "$scratch/host/debian/control"
 dpkg-deb --control "$directory/$runtime"_*.deb "$root/DEBIAN"
-dependencies=$(cd "$scratch/host" && dpkg-shlibdeps -S"$root" -O ../pkg-config-consumer 2> /dev/null)
+dependencies=$(cd "$scratch/host" && dpkg-shlibdeps -S"$root" -O ../pkg-config-motor_driver_consumer 2> /dev/null)
 [[ $dependencies == *"$runtime (>= "* ]] || fail "dependencies of a host: $dependencies"
 
 LD_LIBRARY_PATH=$(dirname "$(find "$root" -name libmotor_driver.so)")
