@@ -10,6 +10,7 @@
 #include "filter_scope.h"
 #include "little_endian.h"
 #include "log/logger.h"
+#include "sdo_observer.h"
 
 namespace {
 
@@ -57,6 +58,23 @@ bool IsAccepted(std::uint8_t request, std::uint8_t response) {
     default:
       return false;
   }
+}
+
+// A template because the outcome's own type is private to the class.
+template <typename Outcome>
+motor_driver::SdoTransfer::Outcome ToObserve(Outcome outcome) {
+  using Observed = motor_driver::SdoTransfer::Outcome;
+  switch (outcome) {
+    case Outcome::kNotSent:
+      return Observed::kNotSent;
+    case Outcome::kTimedOut:
+      return Observed::kSilent;
+    case Outcome::kRefused:
+      return Observed::kRefused;
+    case Outcome::kAccepted:
+      break;
+  }
+  return Observed::kAccepted;
 }
 
 }  // namespace
@@ -329,15 +347,23 @@ DriverCommon::SdoOutcome DriverCommon::TransferSdo(std::uint32_t can_id, std::ui
                                                    std::uint32_t data,
                                                    std::uint32_t* response_data) {
   *response_data = 0;
-  const std::uint32_t response_id = can_id - kSdoResponseOffset;
-  const OnlyHearing the_response(*this, response_id);
-  ClearReadQueue();
-  if (!SdoWrite(can_id, command, index, sub_index, data)) {
-    return SdoOutcome::kNotSent;
+  const auto transfer = [&] {
+    const std::uint32_t response_id = can_id - kSdoResponseOffset;
+    const OnlyHearing the_response(*this, response_id);
+    ClearReadQueue();
+    if (!SdoWrite(can_id, command, index, sub_index, data)) {
+      return SdoOutcome::kNotSent;
+    }
+    std::uint8_t response = 0;
+    if (!WaitSdoResponse(response_id, index, sub_index, &response, response_data)) {
+      return SdoOutcome::kTimedOut;
+    }
+    return IsAccepted(command, response) ? SdoOutcome::kAccepted : SdoOutcome::kRefused;
+  };
+  const SdoOutcome outcome = transfer();
+  if (motor_driver::SdoObserver* const observer = motor_driver::CurrentSdoObserver()) {
+    observer->Finished(
+        {can_id, command, index, sub_index, data, ToObserve(outcome), *response_data});
   }
-  std::uint8_t response = 0;
-  if (!WaitSdoResponse(response_id, index, sub_index, &response, response_data)) {
-    return SdoOutcome::kTimedOut;
-  }
-  return IsAccepted(command, response) ? SdoOutcome::kAccepted : SdoOutcome::kRefused;
+  return outcome;
 }

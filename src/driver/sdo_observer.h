@@ -1,5 +1,5 @@
-// Tells what became of every confirmed SDO transfer of a thread: drive classes only count the writes
-// that fail. For the libraries of this repository; not installed.
+// Tells what became of every confirmed SDO transfer of a thread: drive classes only count the
+// writes that fail. For the libraries of this repository; not installed.
 #pragma once
 
 #include <driver_can.h>
@@ -32,5 +32,8 @@ class SdoObserver {
 
 // Sets the observer of the calling thread, nullptr for none, and returns the one before.
 MOTOR_DRIVER_EXPORT SdoObserver* SetSdoObserver(SdoObserver* observer);
+
+// What was set last on the calling thread. Of the transfer alone, not exported.
+SdoObserver* CurrentSdoObserver();
 
 }  // namespace motor_driver

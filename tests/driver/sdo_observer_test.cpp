@@ -1,0 +1,178 @@
+// What an observer is told of the confirmed transfers of its thread.
+#include "driver/sdo_observer.h"
+
+#include <driver_common.h>
+#include <gtest/gtest.h>
+#include <kinco_driver.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "bus_environment.h"
+#include "far_end.h"
+#include "observed_driver.h"
+#include "output_capture.h"
+
+namespace {
+
+using motor_driver::SdoObserver;
+using motor_driver::SdoTransfer;
+using motor_driver::SetSdoObserver;
+
+constexpr std::uint8_t kUpload = 0x40;
+constexpr std::uint8_t kDownload2 = 0x2B;
+
+std::string Words(const SdoTransfer& transfer) {
+  static constexpr const char* kOutcomes[] = {"not sent", "silent", "refused", "accepted"};
+  char text[100];
+  std::snprintf(text, sizeof(text), "%03X %02X %04X:%02X %08X: %s, %08X", transfer.can_id,
+                transfer.command, transfer.index, transfer.sub_index, transfer.value,
+                kOutcomes[static_cast<int>(transfer.outcome)], transfer.answer);
+  return text;
+}
+
+// Observes the thread that made it, for as long as it lives.
+class Observer : public SdoObserver {
+ public:
+  Observer() : before_(SetSdoObserver(this)) {}
+  ~Observer() { SetSdoObserver(before_); }
+  Observer(const Observer&) = delete;
+  Observer& operator=(const Observer&) = delete;
+
+  void Finished(const SdoTransfer& transfer) override { heard.push_back(Words(transfer)); }
+
+  std::vector<std::string> heard;
+
+ private:
+  SdoObserver* before_;
+};
+
+using Heard = std::vector<std::string>;
+
+class SdoObserverTest : public bus::BusTest {};
+
+TEST_F(SdoObserverTest, HearsOfAnAcceptedWrite) {
+  const Heard expected = {"601 2B 6040:00 0000000F: accepted, 00000000"};
+  EXPECT_EQ(UpToThreeTimes(expected,
+                           [] {
+                             bus::FarEnd far_end;
+                             ObservedDriver driver("can0");
+                             const Observer observer;
+                             far_end.Expect("601#2B4060000F000000").Reply("581#6040600000000000");
+                             driver.SdoWriteWithFeedback(0x601, kDownload2, 0x6040, 0, 0x000F);
+                             return observer.heard;
+                           }),
+            expected);
+}
+
+TEST_F(SdoObserverTest, HearsTheValueOfAnAcceptedRead) {
+  const Heard expected = {"602 40 6064:01 00000000: accepted, 89ABCDEF"};
+  EXPECT_EQ(UpToThreeTimes(expected,
+                           [] {
+                             bus::FarEnd far_end;
+                             ObservedDriver driver("can0");
+                             const Observer observer;
+                             std::uint32_t value = 0;
+                             far_end.Expect("602#4064600100000000").Reply("582#43646001EFCDAB89");
+                             driver.SdoWriteWithFeedbackData(0x602, kUpload, 0x6064, 1, 0, &value);
+                             return observer.heard;
+                           }),
+            expected);
+}
+
+TEST_F(SdoObserverTest, HearsTheAbortCodeOfARefusal) {
+  const Heard expected = {"601 2B 6040:00 0000000F: refused, 06090030"};
+  EXPECT_EQ(UpToThreeTimes(expected,
+                           [] {
+                             bus::FarEnd far_end;
+                             ObservedDriver driver("can0");
+                             const Observer observer;
+                             far_end.Expect("601#2B4060000F000000").Reply("581#8040600030000906");
+                             driver.SdoWriteWithFeedback(0x601, kDownload2, 0x6040, 0, 0x000F);
+                             return observer.heard;
+                           }),
+            expected);
+}
+
+TEST_F(SdoObserverTest, HearsOfSilence) {
+  bus::FarEnd far_end;
+  ObservedDriver driver("can0");
+  const Observer observer;
+  far_end.Expect("601#2B4060000F000000");
+  EXPECT_FALSE(driver.SdoWriteWithFeedback(0x601, kDownload2, 0x6040, 0, 0x000F));
+  EXPECT_EQ(observer.heard, Heard{"601 2B 6040:00 0000000F: silent, 00000000"});
+}
+
+TEST_F(SdoObserverTest, HearsOfWhatWasNotSent) {
+  ObservedDriver driver("nocan");
+  const Observer observer;
+  EXPECT_FALSE(driver.SdoWriteWithFeedback(0x67F, kDownload2, 0x1017, 0, 500));
+  EXPECT_EQ(observer.heard, Heard{"67F 2B 1017:00 000001F4: not sent, 00000000"});
+}
+
+TEST_F(SdoObserverTest, HearsOfUnconfirmedWritesNothing) {
+  bus::FarEnd far_end;
+  ObservedDriver driver("can0");
+  const Observer observer;
+  EXPECT_TRUE(driver.SdoWrite(0x601, kDownload2, 0x6040, 0, 0x000F));
+  EXPECT_EQ(observer.heard, Heard{});
+}
+
+// The drive classes go through the same transfers: which write of a set-up failed.
+TEST_F(SdoObserverTest, HearsEveryTransferOfASetUpInOrder) {
+  const Heard expected = {
+      "601 2F 6060:00 000000FD: accepted, 00000000",
+      "601 2B 6040:00 00000006: refused, 08000022",
+      "601 2B 6040:00 00000007: accepted, 00000000",
+      "601 2B 6040:00 0000000F: accepted, 00000000",
+  };
+  EXPECT_EQ(UpToThreeTimes(expected,
+                           [] {
+                             bus::FarEnd far_end;
+                             far_end.AnswerSdo(1).Abort(1, 0x08000022);
+                             KincoDriver driver("can0", 10000);
+                             const support::OutputCapture capture;
+                             const Observer observer;
+                             driver.SetSpeedMode(1);
+                             return observer.heard;
+                           }),
+            expected);
+}
+
+TEST_F(SdoObserverTest, HearsOfNoOtherThread) {
+  ObservedDriver driver("nocan");
+  const Observer observer;
+  Heard heard_there;
+  std::thread other([&] {
+    const Observer there;
+    EXPECT_FALSE(driver.SdoWriteWithFeedback(0x602, kDownload2, 0x6040, 0, 6));
+    heard_there = there.heard;
+  });
+  other.join();
+  std::thread unobserved([&] { driver.SdoWriteWithFeedback(0x603, kDownload2, 0x6040, 0, 6); });
+  unobserved.join();
+  EXPECT_EQ(observer.heard, Heard{});
+  EXPECT_EQ(heard_there, Heard{"602 2B 6040:00 00000006: not sent, 00000000"});
+}
+
+TEST_F(SdoObserverTest, AnswersTheObserverBefore) {
+  ObservedDriver driver("nocan");
+  Observer first;
+  {
+    Observer second;
+    EXPECT_EQ(SetSdoObserver(nullptr), &second);
+    driver.SdoWriteWithFeedback(0x601, kDownload2, 0x6040, 0, 6);
+    EXPECT_EQ(SetSdoObserver(&second), nullptr);
+    EXPECT_EQ(second.heard, Heard{});
+    driver.SdoWriteWithFeedback(0x601, kDownload2, 0x6040, 0, 7);
+    EXPECT_EQ(second.heard.size(), 1U);
+  }
+  EXPECT_EQ(first.heard, Heard{});
+  driver.SdoWriteWithFeedback(0x601, kDownload2, 0x6040, 0, 0xF);
+  EXPECT_EQ(first.heard, Heard{"601 2B 6040:00 0000000F: not sent, 00000000"});
+}
+
+}  // namespace
