@@ -20,6 +20,7 @@
 #include <utility>
 
 #include "blocked_signals.h"
+#include "log/console.h"
 #include "log/logger.h"
 
 namespace {
@@ -108,7 +109,7 @@ bool DriverCan::InitCanSocket() {
   CORVEL_LOG_INFO("Initializing CAN socket for device: {}", device_name_);
   const int new_socket = ::socket(PF_CAN, SOCK_RAW | SOCK_CLOEXEC, CAN_RAW);
   if (new_socket < 0) {
-    std::perror("socket can create error!\n");
+    corvel::PrintReason("socket can create error!\n");
     can_error_ = kSocketNotCreated;
     CORVEL_LOG_ERROR("Failed to create CAN socket for device: {}", device_name_);
     return false;

@@ -2,11 +2,11 @@
 
 #include <array>
 #include <atomic>
-#include <cstdio>
 
 #include "canopen.h"
 #include "filter_scope.h"
 #include "little_endian.h"
+#include "log/console.h"
 #include "log/logger.h"
 #include "motion.h"
 #include "sdo_sequence.h"
@@ -205,7 +205,8 @@ std::uint16_t HlsDriver::WriteParam(std::uint8_t node, std::uint16_t address, st
   if (SdoWriteWithFeedback(kParameterChannel, command, index, 0, value)) {
     return 0;
   }
-  std::printf("write param: node=%d addr=0x%x value=0x%x\n", node, index, value);
+  corvel::Print(stdout,
+                fmt::format("write param: node={} addr=0x{:x} value=0x{:x}\n", node, index, value));
   return 1;
 }
 
@@ -214,7 +215,8 @@ std::uint16_t HlsDriver::ReadParam(std::uint8_t node, std::uint16_t address, std
   if (SdoWriteWithFeedbackData(kParameterChannel, cia301::kUpload, index, 0, 0, value)) {
     return 0;
   }
-  std::printf("read param: node=%d addr=0x%x value=0x%x\n", node, index, *value);
+  corvel::Print(stdout,
+                fmt::format("read param: node={} addr=0x{:x} value=0x{:x}\n", node, index, *value));
   return 1;
 }
 

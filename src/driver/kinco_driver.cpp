@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
-#include <cstdio>
 #include <filesystem>
 #include <ios>
 #include <limits>
@@ -15,6 +14,7 @@
 #include "blocked_signals.h"
 #include "canopen.h"
 #include "little_endian.h"
+#include "log/console.h"
 #include "log/logger.h"
 #include "motion.h"
 #include "sdo_sequence.h"
@@ -176,7 +176,7 @@ bool KincoDriver::ActiveNode(std::uint8_t node) {
   const std::uint32_t server = cia301::kSdoRequest + node;
   if (!SdoWriteWithFeedback(server, cia301::kDownload2, cia402::kControlword, 0,
                             cia402::kEnableOperation)) {
-    std::puts("write error 0x6040, 0x00, 0x000F");
+    corvel::PrintLine("write error 0x6040, 0x00, 0x000F");
     return false;
   }
   std::uint32_t response = 0;
@@ -580,12 +580,12 @@ bool KincoDriver::ClearDriverError(std::uint8_t node) {
   const std::uint32_t server = cia301::kSdoRequest + node;
   if (!SdoWriteWithFeedback(server, cia301::kDownload2, cia402::kControlword, 0,
                             kFaultResetAndEnable)) {
-    std::puts("write error 0x6040, 0x00, 0x0086");
+    corvel::PrintLine("write error 0x6040, 0x00, 0x0086");
     return false;
   }
   if (!SdoWriteWithFeedback(server, cia301::kDownload2, cia402::kControlword, 0,
                             cia402::kEnableOperation)) {
-    std::puts("write error 0x6040, 0x00, 0x000F");
+    corvel::PrintLine("write error 0x6040, 0x00, 0x000F");
     return false;
   }
   return true;
@@ -604,7 +604,7 @@ bool KincoDriver::ResetEmergencyStatus(std::uint8_t node) {
   for (const SdoStep& step : kLeaveEmergency) {
     if (!SdoWrite(cia301::kSdoRequest + node, step.command, step.index, step.sub_index,
                   step.value)) {
-      std::puts(step.failure_text);
+      corvel::PrintLine(step.failure_text);
       return false;
     }
   }

@@ -2,6 +2,8 @@
 
 #include <cstdio>
 
+#include "log/console.h"
+
 std::uint16_t RunSdoSequence(DriverCommon& drive, std::uint8_t node, const SdoStep* steps,
                              std::size_t count, FailureText print) {
   std::uint16_t failures = 0;
@@ -10,9 +12,9 @@ std::uint16_t RunSdoSequence(DriverCommon& drive, std::uint8_t node, const SdoSt
                                     step->sub_index, step->value)) {
       ++failures;
       if (print == FailureText::kLine) {
-        std::puts(step->failure_text);
+        corvel::PrintLine(step->failure_text);
       } else {
-        std::fputs(step->failure_text, stdout);
+        corvel::Print(stdout, step->failure_text);
       }
     }
   }

@@ -2,11 +2,11 @@
 
 #include <array>
 #include <atomic>
-#include <cstdio>
 
 #include "canopen.h"
 #include "filter_scope.h"
 #include "little_endian.h"
+#include "log/console.h"
 #include "log/logger.h"
 #include "motion.h"
 #include "sdo_sequence.h"
@@ -127,14 +127,14 @@ bool ZlDriver::ActiveNode(std::uint8_t node) {
     return true;
   }
   if (error_code == 0) {
-    std::puts("Motor has no error");
+    corvel::PrintLine("Motor has no error");
     return true;
   }
-  std::fprintf(stderr, "MotorError!! Code = 0x%08X\n", error_code);
-  std::puts("Clean motor error now");
+  corvel::Print(stderr, fmt::format("MotorError!! Code = 0x{:08X}\n", error_code));
+  corvel::PrintLine("Clean motor error now");
   if (!SdoWriteWithFeedback(cia301::kSdoRequest + node, cia301::kDownload2, cia402::kControlword, 0,
                             cia402::kFaultReset)) {
-    std::puts("write error  0x6040, 0x00, 0x80");
+    corvel::PrintLine("write error  0x6040, 0x00, 0x80");
   }
   return true;
 }

@@ -1,9 +1,12 @@
 #include "logger.h"
 
+#include <spdlog/details/log_msg_buffer.h>
 #include <spdlog/sinks/stdout_color_sinks.h>
 #include <spdlog/sinks/systemd_sink.h>
+#include <unistd.h>
 
 #include <cstdlib>
+#include <exception>
 #include <iostream>
 #include <map>
 #include <mutex>
@@ -11,8 +14,55 @@
 #include <utility>
 #include <vector>
 
+#include "relay.h"
+
 namespace corvel {
 namespace {
+
+// Hands its lines to the relay while there is one.
+class RelayedLogger : public spdlog::logger, public std::enable_shared_from_this<RelayedLogger> {
+ public:
+  using spdlog::logger::logger;
+
+ protected:
+  void sink_it_(const spdlog::details::log_msg& line) override {
+    const auto put_aside = [&] {
+      return PutAside([self = shared_from_this(), kept = spdlog::details::log_msg_buffer(line)] {
+        self->WriteLate(kept);
+      });
+    };
+    if (!IsRelayed() || !put_aside()) {
+      spdlog::logger::sink_it_(line);
+    }
+  }
+
+ private:
+  // On the relay's thread.
+  void WriteLate(const spdlog::details::log_msg& line) {
+    for (const spdlog::sink_ptr& sink : sinks_) {
+      if (!sink->should_log(line.level)) {
+        continue;
+      }
+      if (dynamic_cast<spdlog::sinks::ansicolor_stdout_sink_mt*>(sink.get()) != nullptr) {
+        WriteTo(STDOUT_FILENO,
+                fmt::to_string(line.payload) + "\n");  // what the pattern makes of it
+        continue;
+      }
+      try {
+        const MayEndHere here;
+        sink->log(line);
+      } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch)
+        // The logger would complain on standard error, which may be held as well.
+      }
+    }
+  }
+};
+
+void Announce(const std::string& line) {
+  if (!PutAside([line] { WriteTo(STDOUT_FILENO, line + "\n"); })) {
+    std::cout << line << std::endl;
+  }
+}
 
 // Reads a variable that may only be "true" or "false"; anything else is reported once and replaced.
 bool ReadSwitch(const char* variable, bool fallback) {
@@ -23,9 +73,9 @@ bool ReadSwitch(const char* variable, bool fallback) {
   if (value != nullptr && std::string(value) == "false") {
     return false;
   }
-  std::cout << "environment variable " << variable
-            << (value == nullptr ? " is not set" : " is invalid") << ", and set "
-            << (fallback ? "true" : "false") << std::endl;
+  Announce(std::string("environment variable ") + variable +
+           (value == nullptr ? " is not set" : " is invalid") + ", and set " +
+           (fallback ? "true" : "false"));
   return fallback;
 }
 
@@ -37,13 +87,13 @@ spdlog::level::level_enum ReadLevel() {
   };
   const char* value = std::getenv("SPDLOG_LEVEL");
   if (value == nullptr) {
-    std::cout << "environment variable SPDLOG_LEVEL is not set, and set default level" << std::endl;
+    Announce("environment variable SPDLOG_LEVEL is not set, and set default level");
     return spdlog::level::info;
   }
   try {
     return levels.at(value);
   } catch (const std::out_of_range&) {
-    std::cout << "environment variable SPDLOG_LEVEL is invalid, and set default level" << std::endl;
+    Announce("environment variable SPDLOG_LEVEL is invalid, and set default level");
     return spdlog::level::info;
   }
 }
@@ -79,7 +129,7 @@ Logger::Logger(const std::string& name) {
       sinks.push_back(std::make_shared<spdlog::sinks::systemd_sink<std::mutex>>());
     }
     // Without any sink every line is dropped: deliberate, it is how a host silences the library.
-    logger = std::make_shared<spdlog::logger>(name, sinks.begin(), sinks.end());
+    logger = std::make_shared<RelayedLogger>(name, sinks.begin(), sinks.end());
     const spdlog::level::level_enum chosen = ReadLevel();
     level = static_cast<std::int32_t>(chosen);
     logger->set_level(chosen);
