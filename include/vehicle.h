@@ -28,17 +28,17 @@ struct Wheel {
 /// A vehicle. Speeds are those of the wheel. What is allowed is checked by the constructor of
 /// Wheels and by LoadVehicle().
 struct Vehicle {
-  std::string make;                ///< "zl", "tt", "hls", "amps", "kinco", "fake"
-  std::string interface = "can0";  ///< CAN interface, 1 to 15 characters; fake: opens none
-  std::vector<Wheel> wheels;       ///< 1 to 8
-  std::chrono::milliseconds period{10};               ///< of control and feedback, 2 to 255
+  std::string make;                      ///< "zl", "tt", "hls", "amps", "kinco", "fake"
+  std::string interface = "can0";        ///< CAN interface, 1 to 15 characters; fake: opens none
+  std::vector<Wheel> wheels;             ///< 1 to 8
+  std::chrono::milliseconds period{10};  ///< of control and feedback, 2 to 255
   std::chrono::milliseconds command_timeout{100};     ///< at least 2 periods
   std::chrono::milliseconds feedback_timeout{250};    ///< at least 2 periods
   std::chrono::milliseconds heartbeat_timeout{1000};  ///< 300 to 30000; the nodes send every third
-  std::chrono::milliseconds drive_watchdog{0};  ///< 0: the drives do not watch this host
-  double fault_deceleration = 600.0;            ///< rpm per second, after a fault
-  double max_rpm = 100.0;                       ///< above 0
-  double max_acceleration = 120.0;              ///< rpm per second, towards higher speed
+  std::chrono::milliseconds drive_watchdog{0};        ///< 0: the drives do not watch this host
+  double fault_deceleration = 600.0;                  ///< rpm per second, after a fault
+  double max_rpm = 100.0;                             ///< above 0
+  double max_acceleration = 120.0;                    ///< rpm per second, towards higher speed
   double max_deceleration = 240.0;  ///< rpm per second, towards zero; after a stale command, too
   unsigned long counts_per_revolution = 10000;  ///< of the motor; kinco: the others know theirs
   std::string texts;          ///< kinco: YAML file with the texts of error codes, may be empty

@@ -10,6 +10,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace motor_driver {
 
@@ -61,6 +62,8 @@ struct Report {
   std::chrono::microseconds latest_cycle{0};  ///< how late the control thread woke, worst so far
 };
 
+struct SetUpFailure;  // for programs that show every write that was not taken
+
 /// The wheels of one vehicle. A wheel turns only while a living host asks for it: a command counts
 /// for Vehicle::command_timeout, a fault of one node stops all, and only Clear() ends a fault.
 ///
@@ -109,8 +112,8 @@ class MOTOR_DRIVER_WHEELS_EXPORT Wheels {
   /// The state now. Any thread; never waits for the bus.
   Report GetReport() const;
 
-  /// Wheel number `wheel`, counted from 0 in the order of Vehicle::wheels; throws std::out_of_range.
-  /// Any thread; never waits for the bus, allocates nothing.
+  /// Wheel number `wheel`, counted from 0 in the order of Vehicle::wheels; throws
+  /// std::out_of_range. Any thread; never waits for the bus, allocates nothing.
   WheelReport GetWheel(std::size_t wheel) const;
 
   /// Ramps down and ends when every wheel was measured to stand still (less than 1 rpm of the motor
@@ -127,6 +130,7 @@ class MOTOR_DRIVER_WHEELS_EXPORT Wheels {
 
  private:
   class Impl;
+  friend std::vector<SetUpFailure> SetUpFailures(const Wheels& wheels);
   std::unique_ptr<Impl> impl_;
 };
 

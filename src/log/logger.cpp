@@ -138,9 +138,9 @@ Logger::Logger(const std::string& name) {
   }
 }
 
-void LogLine(spdlog::level::level_enum level, const spdlog::source_loc& location,
-             const std::string& message) {
-  Logger& record = Logger::Instance("spdlog");
+void Logger::Line(spdlog::level::level_enum level, const spdlog::source_loc& location,
+                  const std::string& message) {
+  Logger& record = Instance("spdlog");
   const std::shared_ptr<spdlog::logger> logger = record.logger;
   std::uint8_t number = record.sequence.load(std::memory_order_relaxed);
   if (record.level <= static_cast<std::int32_t>(level)) {

@@ -24,6 +24,10 @@ class CORVEL_EXPORT Logger {
   // The one record; `name` counts only in the call that creates it. Any thread may call.
   static Logger& Instance(const std::string& name);
 
+  // Writes one line: number, tag and message. `message` is data, braces in it are not interpreted.
+  static void Line(spdlog::level::level_enum level, const spdlog::source_loc& location,
+                   const std::string& message);
+
   Logger(const Logger&) = delete;
   Logger& operator=(const Logger&) = delete;
 
@@ -36,10 +40,6 @@ class CORVEL_EXPORT Logger {
  private:
   explicit Logger(const std::string& name);
 };
-
-// Writes one line: number, tag and message. `message` is data, braces in it are not interpreted.
-void LogLine(spdlog::level::level_enum level, const spdlog::source_loc& location,
-             const std::string& message);
 
 // `checked_text` is the literal `text` as FMT_STRING made it: the compiler holds it against the
 // arguments. It comes twice because a standard macro cannot take a list apart that may be empty.
@@ -59,7 +59,7 @@ std::string FormatMessage(const CheckedText& checked_text, const char* /*text*/,
 #define CORVEL_LOG_ERROR(...) CORVEL_LOG_AT(::spdlog::level::err, __VA_ARGS__)
 
 #define CORVEL_LOG_AT(level, ...)                                \
-  ::corvel::LogLine(                                             \
+  ::corvel::Logger::Line(                                        \
       level, ::spdlog::source_loc{__FILE__, __LINE__, __func__}, \
       ::corvel::FormatMessage(FMT_STRING(CORVEL_FIRST(__VA_ARGS__, 0)), __VA_ARGS__))
 #define CORVEL_FIRST(first, ...) first

@@ -25,6 +25,10 @@ std::unique_ptr<DriverCommon> CreateKinco(const Vehicle& vehicle) {
   return std::make_unique<KincoDriver>(vehicle.interface.c_str(), vehicle.counts_per_revolution);
 }
 
+void SuperviseKinco(DriverCommon& drive) {
+  static_cast<KincoDriver&>(drive).StartErrorParsingLoop();
+}
+
 void CommandOne(DriverCommon& drive, std::uint8_t node, const MotorRpm& rpm) {
   drive.SetSpeed(node, rpm[0]);
 }
@@ -110,7 +114,7 @@ Make Kinco() {
   make.create = CreateKinco;
   make.resets = false;
   make.starts_by_init = true;
-  make.supervises = true;
+  make.supervise = SuperviseKinco;
   make.counts_are_configured = true;
   make.command = CommandOne;
   make.targets = {{0x60FF, 0}};

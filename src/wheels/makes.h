@@ -44,8 +44,9 @@ struct Make {
   bool resets = true;
   // Init starts the node, and comes before ActiveNode; otherwise StartNode comes last.
   bool starts_by_init = false;
-  // Has the supervision loop, GetDriverStatus and the texts of KincoDriver.
-  bool supervises = false;
+  // Starts a loop that watches the drives and leads them out of an emergency stop; GetDriverStatus
+  // tells what it knows, and Vehicle::texts are its texts. Null: the make has none.
+  void (*supervise)(DriverCommon& drive) = nullptr;
   // The set-up writes no event timer: it is written afterwards.
   bool needs_event_timer = false;
   // Vehicle::counts_per_revolution counts; otherwise the class knows the number.

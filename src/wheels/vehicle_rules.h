@@ -1,0 +1,18 @@
+// What a vehicle must be like, for those who read one and those who drive one.
+#pragma once
+
+#include <vehicle.h>
+
+#include <optional>
+#include <string>
+
+namespace motor_driver {
+
+struct VehicleProblem {
+  std::string key;   // as in the file: "max_rpm", "wheels[1].node"
+  std::string text;  // what is wrong, what is allowed
+};
+
+std::optional<VehicleProblem> FindProblem(const Vehicle& vehicle);
+
+}  // namespace motor_driver
