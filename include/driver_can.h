@@ -63,7 +63,8 @@ class MOTOR_DRIVER_EXPORT DriverCan {
   /// Opens, configures and binds a new socket and puts it in place of the old one, which is closed.
   /// A fresh socket receives every frame. An interface that is down is no failure: error 3 follows
   /// from the receive thread. False leaves the old socket as it was, with error 1 (no socket: no
-  /// SocketCAN in the kernel, no descriptor left) or 2 (interface unknown, bind failed).
+  /// SocketCAN in the kernel, no descriptor left, or the limit of descriptors lowered below the old
+  /// socket) or 2 (interface unknown, bind failed).
   /// Starts no thread and clears no error: hosts call CanRecover() instead. Waits at most for
   /// writes of other threads, see CanWrite().
   bool InitCanSocket();
@@ -105,7 +106,7 @@ class MOTOR_DRIVER_EXPORT DriverCan {
   /// | Code | Meaning |
   /// |---|---|
   /// | 0 | none |
-  /// | 1 | no socket could be created |
+  /// | 1 | no socket could be created, or it was closed during a recovery |
   /// | 2 | interface not found, bind failed, or filters not restored in recovery |
   /// | 3 | read failed (interface down: errno 100, removed: errno 19) |
   /// | 4 | incomplete frame read |
@@ -149,8 +150,9 @@ class MOTOR_DRIVER_EXPORT DriverCan {
 
   /// Rebuilds a failed transport in place: stops the reader, drops queued frames, clears error and
   /// write error count, opens a new socket, restores the filters and starts a new receive thread.
-  /// The frame handler stays. False: GetCanError() tells why (1, or 2), nothing is received, and
-  /// it may be called again at any time. Calls from several threads run one after the other.
+  /// The frame handler stays. False: GetCanError() tells why (1, or 2; either also when
+  /// StopReading() of another thread came in between), nothing is received, and it may be called
+  /// again at any time. Calls from several threads run one after the other.
   ///
   /// True is not yet a working bus: an interface that is down can be opened, and error 3 comes back
   /// within milliseconds; a write of another thread that meets the moment without a socket latches
@@ -184,7 +186,7 @@ class MOTOR_DRIVER_EXPORT DriverCan {
     std::size_t count_ = 0;
   };
 
-  void StartReceiveThread();
+  bool StartReceiveThread();
   void EndReader(std::thread& reader);
 
   std::atomic<int> socket_{-1};       // -1 when closed; the receive thread reads it without a lock

@@ -70,7 +70,10 @@ ssize_t CancellableRead(int socket, can_frame& frame) {
 void CloseButHold(int socket) {
   const int unreadable = ::open("/", O_PATH | O_CLOEXEC);
   if (unreadable >= 0) {
-    ::dup3(unreadable, socket, O_CLOEXEC);
+    // Where this fails, as where there is no descriptor left, the socket stays open until its
+    // reader has ended: that one drops what it still reads, and is ended all the same. Closing the
+    // number under it would be the worse choice.
+    (void)::dup3(unreadable, socket, O_CLOEXEC);
     ::close(unreadable);
   }
 }
@@ -149,10 +152,15 @@ bool DriverCan::InitCanSocket() {
     socket_ = new_socket;
     return true;
   }
-  // Under the same number, which a reader may be about to read. Closes the old socket.
-  ::dup3(new_socket, socket_, O_CLOEXEC);
+  // Under the same number, which a reader may be about to read. Closes the old socket. Fails where
+  // the host has lowered its limit of descriptors below that number.
+  const bool replaced = ::dup3(new_socket, socket_, O_CLOEXEC) >= 0;
   ::close(new_socket);
-  return true;
+  if (!replaced) {
+    can_error_ = kSocketNotCreated;
+    CORVEL_LOG_ERROR("Failed to create CAN socket for device: {}", device_name_);
+  }
+  return replaced;
 }
 
 bool DriverCan::CanWrite(unsigned int can_id, const unsigned char* data, unsigned char len) {
@@ -339,12 +347,13 @@ void DriverCan::ClearReadQueue() {
 }
 
 void DriverCan::StopReading() {
-  running_ = false;
+  running_ = false;  // at once, so that the reader ends while this waits for a writer
   closing_ = true;
   int old_socket = -1;
   std::thread reader;
   {
     const std::lock_guard<std::mutex> lock(socket_mutex_);
+    running_ = false;  // once more: a recovery may have started a reader in between
     closing_ = false;
     old_socket = socket_.exchange(-1);
     if (old_socket >= 0) {
@@ -376,8 +385,11 @@ bool DriverCan::CanRecover() {
     can_error_ = kNotBound;
     return false;
   }
-  running_ = true;
-  StartReceiveThread();
+  if (!StartReceiveThread()) {
+    CORVEL_LOG_ERROR("CAN recovery stopped by another thread");
+    can_error_ = kSocketNotCreated;
+    return false;
+  }
   CORVEL_LOG_INFO("CAN recovery completed successfully");
   return true;
 }
@@ -392,11 +404,18 @@ void DriverCan::EndReader(std::thread& reader) {
   reader.join();
 }
 
-void DriverCan::StartReceiveThread() {
+// False without a socket: StopReading() of another thread came in between, and a reader would be
+// deaf for good.
+bool DriverCan::StartReceiveThread() {
   const BlockedSignals inherited_by_the_thread;
   const std::lock_guard<std::mutex> lock(socket_mutex_);
+  if (socket_ < 0) {
+    return false;
+  }
+  running_ = true;
   reader_ended_ = false;
   receive_thread_ = std::thread(&DriverCan::Callback, this);
+  return true;
 }
 
 void DriverCan::FrameQueue::Push(const CanFrame& frame) {
