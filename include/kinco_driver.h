@@ -181,5 +181,6 @@ class MOTOR_DRIVER_EXPORT KincoDriver : public DriverCommon {
   std::unique_ptr<DriverCan> loop_can_;
   std::atomic<bool> loop_running_{false};
   std::thread loop_thread_;
+  // As the last pass of the supervision left it. Nobody reads it: deliberate, for a debugger.
   std::atomic<bool> emergency_active_{false};
 };

@@ -151,6 +151,16 @@ std::int32_t ToDriveVelocity(int speed_rpm, unsigned long pulses_per_revolution)
   return static_cast<std::int32_t>(units);
 }
 
+// No thread to be had is a failed recovery like any other: it must not end a process whose wheels
+// may be turning.
+bool Recovered(DriverCan& can) {
+  try {
+    return can.CanRecover();
+  } catch (const std::system_error&) {
+    return false;
+  }
+}
+
 template <typename Map>
 bool AnyValue(const Map& map, bool (*holds)(std::uint16_t)) {
   return std::any_of(map.begin(), map.end(),
@@ -465,10 +475,12 @@ void KincoDriver::StartErrorParsingLoop() {
   const BlockedSignals inherited_by_the_thread;
   loop_thread_ = std::thread([this] {
     CORVEL_LOG_INFO("Error parsing loop started");
+    bool recovered = true;  // what got no thread reports no error, and hears nothing either
     while (loop_running_) {
-      if (loop_can_->GetCanError() != 0) {
+      if (!recovered || loop_can_->GetCanError() != 0) {
         CORVEL_LOG_WARN("Error parsing CAN socket error, attempting recovery");
-        if (!loop_can_->CanRecover()) {
+        recovered = Recovered(*loop_can_);
+        if (!recovered) {
           CORVEL_LOG_ERROR("Error parsing CAN socket recovery failed");
           PauseWhileRunning(kRecoveryPause);
           continue;
