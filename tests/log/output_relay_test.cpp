@@ -191,7 +191,7 @@ void SayEverything() {
   for (const char* variable : {"SPDLOG_STDOUT", "SPDLOG_SYSTEMD", "SPDLOG_LEVEL"}) {
     unsetenv(variable);
   }
-  for (const std::size_t length : {0, 1, 100, 4094, 4095, 4096, 4097, 20'000}) {
+  for (const unsigned length : {0U, 1U, 100U, 4094U, 4095U, 4096U, 4097U, 20'000U}) {
     Say(std::string(length, 'x'));
   }
   KincoDriver kinco("nocan", 10000);
