@@ -1,58 +1,18 @@
-// A drive of every make on both sides: the library's class on can0, the simulated drive on can1,
-// and a host's control loop between them. A new make needs one entry in Makes().
+// A drive of one make on both sides: the library's class on can0, the simulated drive on can1, and
+// a host's control loop between them.
 #pragma once
 
-#include <amps_driver.h>
+#include <driver_common.h>
 #include <gtest/gtest.h>
-#include <hls_driver.h>
-#include <kinco_driver.h>
-#include <tt_driver.h>
-#include <zl_driver.h>
 
 #include <chrono>
 #include <cmath>
-#include <functional>
+#include <cstdint>
 #include <memory>
-#include <ostream>
-#include <string>
-#include <vector>
 
+#include "makes.h"
 #include "observed_driver.h"
 #include "sim/simulated_drive.h"
-
-struct ZeroVelocity {
-  std::uint8_t command;
-  std::uint16_t index;
-  std::uint8_t sub_index;
-};
-
-struct Make {
-  std::string name;  // of the simulated drive, too
-  std::function<std::unique_ptr<DriverCommon>()> create;
-  std::vector<ZeroVelocity> target_velocities;
-  int motors;
-  double sign;  // of the motor's own rotation
-};
-
-inline void PrintTo(const Make& make, std::ostream* out) { *out << make.name; }
-
-inline std::vector<Make> Makes() {
-  return {
-      {"zl",
-       [] { return std::make_unique<ZlDriver>("can0"); },
-       {{0x23, 0x60FF, 1}, {0x23, 0x60FF, 2}},
-       2,
-       1},
-      {"tt", [] { return std::make_unique<TtDriver>("can0"); }, {{0x23, 0x60FF, 0}}, 1, 1},
-      {"hls", [] { return std::make_unique<HlsDriver>("can0"); }, {{0x23, 0x60FF, 0}}, 1, -1},
-      {"amps", [] { return std::make_unique<AMPSDriver>("can0"); }, {{0x2B, 0x2FF0, 9}}, 1, 1},
-      {"kinco",
-       [] { return std::make_unique<KincoDriver>("can0", 10000); },
-       {{0x23, 0x60FF, 0}},
-       1,
-       1},
-  };
-}
 
 class ClosedLoop {
  public:
@@ -60,7 +20,7 @@ class ClosedLoop {
   static constexpr std::uint16_t kPeriodMs = 10;
 
   // Without a simulated drive: PlugIn() gives one.
-  explicit ClosedLoop(const Make& make) : make_(make), driver_(make.create()) {}
+  explicit ClosedLoop(const tested::Make& make) : make_(make), driver_(make.create("can0")) {}
 
   // A drive with its power just switched on takes the place of the one before.
   void PlugIn(bool inactive = false) {
@@ -79,7 +39,7 @@ class ClosedLoop {
   // The whole set-up; how many of its confirmed operations failed.
   int BringUp() {
     int failures = driver_->ActiveNode(kNode) ? 0 : 1;
-    for (const ZeroVelocity& zero : make_.target_velocities) {
+    for (const tested::TargetVelocity& zero : make_.target_velocities) {
       failures +=
           driver_->SdoWriteWithFeedback(0x600 + kNode, zero.command, zero.index, zero.sub_index, 0)
               ? 0
@@ -155,7 +115,7 @@ class ClosedLoop {
   static double Tolerance(int target) { return target == 0 ? 0.01 : std::abs(target) * 0.01; }
 
  private:
-  const Make make_;
+  const tested::Make make_;
   std::unique_ptr<sim::SimulatedDrive> drive_;
   std::unique_ptr<DriverCommon> driver_;
 };

@@ -4,15 +4,20 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
+#include <vector>
+
 #include "bus_environment.h"
+#include "sim/make.h"
+#include "wheels/makes.h"
 
 namespace {
 
-class ClosedLoopTest : public bus::BusTest, public ::testing::WithParamInterface<Make> {};
+class ClosedLoopTest : public bus::BusTest, public ::testing::WithParamInterface<tested::Make> {};
 
 TEST_P(ClosedLoopTest, ReadsBackTheSpeedThatItCommands) {
   ClosedLoop loop(GetParam());
-  loop.PlugIn(GetParam().name == "tt");
+  loop.PlugIn(sim::FindMake(GetParam().name).has_activation);
   ASSERT_EQ(loop.BringUp(), 0);
   loop.ExpectTurnsAt(0);
   loop.ExpectTurnsAt(300);
@@ -21,9 +26,29 @@ TEST_P(ClosedLoopTest, ReadsBackTheSpeedThatItCommands) {
   EXPECT_EQ(loop.drive().Failure(), "");
 }
 
-INSTANTIATE_TEST_SUITE_P(Makes, ClosedLoopTest, ::testing::ValuesIn(Makes()),
-                         [](const ::testing::TestParamInfo<Make>& test) {
+INSTANTIATE_TEST_SUITE_P(Makes, ClosedLoopTest, ::testing::ValuesIn(tested::Makes()),
+                         [](const ::testing::TestParamInfo<tested::Make>& test) {
                            return test.param.name;
                          });
+
+// A make that one of the lists lacks would not be tested.
+TEST(MakesTest, AreTheSameForHostsSimulatorAndTests) {
+  std::vector<std::string> hosts;
+  for (const motor_driver::Make& make : motor_driver::Makes()) {
+    if (!make.simulated) {
+      hosts.emplace_back(make.name);
+    }
+  }
+  std::vector<std::string> simulated;
+  for (const sim::Make* make : sim::AllMakes()) {
+    simulated.emplace_back(make->name);
+  }
+  std::vector<std::string> tested;
+  for (const tested::Make& make : tested::Makes()) {
+    tested.push_back(make.name);
+  }
+  EXPECT_EQ(simulated, hosts);
+  EXPECT_EQ(tested, hosts);
+}
 
 }  // namespace

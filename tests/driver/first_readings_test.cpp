@@ -1,55 +1,79 @@
-// A binary of its own, with one case: the previous positions are zero only until the first reading
-// of a process.
-#include <amps_driver.h>
+// A binary of its own, with one case for each make: the previous positions are zero only until the
+// first reading of a process. One that moved another's would spoil that make's case.
 #include <gtest/gtest.h>
-#include <hls_driver.h>
-#include <tt_driver.h>
-#include <zl_driver.h>
+#include <linux/can.h>
+
+#include <cstdint>
+#include <memory>
 
 #include "bus_environment.h"
 #include "far_end.h"
-#include "one_motor_reading.h"
+#include "makes.h"
+#include "observed_driver.h"
 
 namespace {
 
-class FirstReadingsTest : public bus::BusTest {};
-
-TEST_F(FirstReadingsTest, StartFromZeroInEachClassAndNode) {
-  bus::FarEnd far_end;
-  {
-    ZlDriver zl("can0");
-    Queue(zl, far_end, {"181#0010000000100000"});
-    std::uint8_t node = 0;
-    double rpm[2] = {};
-    int counts[2] = {};
-    EXPECT_TRUE(zl.GetSpeed(node, rpm[0], counts[0], rpm[1], counts[1]));
+// As many revolutions from position 0, on every motor.
+std::string Report(const tested::Make& make, std::uint32_t id, std::uint32_t revolutions) {
+  const auto counts = revolutions * static_cast<std::uint32_t>(make.reports.counts_per_revolution);
+  can_frame frame = {};
+  frame.can_id = id;
+  frame.can_dlc = static_cast<std::uint8_t>(make.reports.offset + 4 * make.motors);
+  for (std::size_t at = make.reports.offset; at < frame.can_dlc; ++at) {
+    const std::size_t byte = (at - make.reports.offset) % 4;
+    frame.data[at] = static_cast<std::uint8_t>(counts >> 8 * byte);
   }
-  {
-    TtDriver tt("can0");
-    Queue(tt, far_end, {"183#00800000", "181#00800000", "182#00000100", "181#00800000"});
-    ExpectReading(Read(tt), 99, 0.5, 1111);
-    ExpectReading(Read(tt), 1, 6000.0, 32768);
-    ExpectReading(Read(tt), 2, 12000.0, 65536);
-    ExpectReading(Read(tt), 1, 0.0, 32768);
-  }
-  {
-    HlsDriver hls("can0");
-    Queue(hls, far_end, {"180#00000200", "181#00000400", "180#00000200"});
-    ExpectReading(Read(hls), 0, -6000.0, 131072);
-    ExpectReading(Read(hls), 1, -12000.0, 262144);
-    ExpectReading(Read(hls), 0, 0.0, 131072);
-  }
-  {
-    AMPSDriver amps("can0");
-    Queue(amps, far_end, {"181#0000000000100000", "182#0000000000200000", "181#0000000000100000"});
-    ExpectReading(Read(amps), 1, 6000.0, 4096);
-    ExpectReading(Read(amps), 2, 12000.0, 8192);
-    ExpectReading(Read(amps), 1, 0.0, 4096);
-  }
-  // None of them moved another's.
-  TtDriver tt("can0");
-  Queue(tt, far_end, {"182#00000100"});
-  ExpectReading(Read(tt), 2, 0.0, 65536);
+  return bus::FormatFrame(frame);
 }
+
+class FirstReadingsTest : public bus::BusTest, public ::testing::WithParamInterface<tested::Make> {
+ protected:
+  // Takes one frame.
+  bool Read() {
+    return GetParam().motors == 2
+               ? drive_->GetSpeed(node_, rpm_[0], counts_[0], rpm_[1], counts_[1])
+               : drive_->GetSpeed(node_, rpm_[0], counts_[0]);
+  }
+
+  // Reads a report that is so many revolutions from the one before.
+  void ExpectReading(std::uint32_t id, std::uint32_t revolutions, std::uint32_t since) {
+    SCOPED_TRACE(id);
+    Queue(*drive_, far_end_, {Report(GetParam(), id, revolutions)});
+    EXPECT_TRUE(Read());
+    if (GetParam().motors == 1) {
+      EXPECT_EQ(node_, id - 0x180);
+    }
+    for (std::size_t motor = 0; motor < GetParam().motors; ++motor) {
+      // A revolution in a period of 10 ms.
+      EXPECT_DOUBLE_EQ(rpm_[motor], GetParam().sign * 6000.0 * since);
+      EXPECT_EQ(counts_[motor], revolutions * GetParam().reports.counts_per_revolution);
+    }
+  }
+
+  bus::FarEnd far_end_;
+  std::unique_ptr<DriverCommon> drive_ = GetParam().create("can0");
+  std::uint8_t node_ = 99;
+  double rpm_[2] = {};
+  int counts_[2] = {};
+};
+
+TEST_P(FirstReadingsTest, StartFromZeroInEachNode) {
+  const tested::PositionReports& reports = GetParam().reports;
+  const std::uint32_t foreign = reports.last_id + 1;
+  Queue(*drive_, far_end_, {Report(GetParam(), foreign, 7)});
+  EXPECT_EQ(Read(), reports.true_for_others);
+  for (std::uint32_t id = reports.first_id; id <= reports.last_id; ++id) {
+    const std::uint32_t revolutions = 1 + id - reports.first_id;
+    ExpectReading(id, revolutions, revolutions);
+  }
+  for (std::uint32_t id = reports.first_id; id <= reports.last_id; ++id) {
+    ExpectReading(id, 5, 4 - (id - reports.first_id));
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Makes, FirstReadingsTest, ::testing::ValuesIn(tested::Makes()),
+                         [](const ::testing::TestParamInfo<tested::Make>& test) {
+                           return test.param.name;
+                         });
 
 }  // namespace

@@ -1,56 +1,19 @@
 // Every write of every make's set-up refused once: it is counted once, told in exactly its own
-// words, and everything after it is still sent. A new make needs its expected script and one entry
-// in Makes().
-#include <amps_driver.h>
+// words, and everything after it is still sent.
 #include <gtest/gtest.h>
-#include <hls_driver.h>
-#include <kinco_driver.h>
-#include <tt_driver.h>
-#include <zl_driver.h>
 
-#include <functional>
 #include <memory>
 #include <ostream>
 #include <string>
 #include <tuple>
 #include <vector>
 
-#include "amps_script.h"
 #include "bus_environment.h"
 #include "far_end.h"
-#include "hls_script.h"
-#include "kinco_script.h"
+#include "makes.h"
 #include "output_capture.h"
-#include "tt_script.h"
-#include "zl_script.h"
 
 namespace {
-
-struct Make {
-  std::string name;
-  std::function<std::unique_ptr<DriverCommon>()> create;
-  std::vector<SetUpStep> script;  // of node 1
-  std::function<std::uint16_t(DriverCommon&)> set_up;
-};
-
-// What a test report shows of the parameter.
-void PrintTo(const Make& make, std::ostream* out) { *out << make.name; }
-
-std::vector<Make> Makes() {
-  return {
-      {"ZlDriver", [] { return std::make_unique<ZlDriver>("can0"); }, zl_script::WholeSetUp(),
-       [](DriverCommon& drive) { return drive.EnableSpeedModeAndPdoMode(1, 10); }},
-      {"TtDriver", [] { return std::make_unique<TtDriver>("can0"); }, tt_script::WholeSetUp(),
-       [](DriverCommon& drive) { return drive.EnableSpeedModeAndPdoMode(1, 10); }},
-      {"HlsDriver", [] { return std::make_unique<HlsDriver>("can0"); }, hls_script::WholeSetUp(),
-       [](DriverCommon& drive) { return drive.EnableSpeedModeAndPdoMode(1, 10); }},
-      {"AMPSDriver", [] { return std::make_unique<AMPSDriver>("can0"); }, amps_script::WholeSetUp(),
-       [](DriverCommon& drive) { return drive.EnableSpeedModeAndPdoMode(1, 10); }},
-      {"KincoDriver", [] { return std::make_unique<KincoDriver>("can0", 10000); },
-       kinco_script::WholeSetUp(),
-       [](DriverCommon& drive) { return drive.EnableSpeedModeAndPdoMode(1, 10); }},
-  };
-}
 
 enum class Refusal { kAbort, kSilence };
 
@@ -59,7 +22,8 @@ void PrintTo(Refusal refusal, std::ostream* out) {
 }
 
 class SetUpRefusalsTest : public bus::BusTest,
-                          public ::testing::WithParamInterface<std::tuple<Make, Refusal>> {};
+                          public ::testing::WithParamInterface<std::tuple<tested::Make, Refusal>> {
+};
 
 // The line that a request "601#cciiiissdddddddd" without answer leaves in the log.
 std::string TimeoutLine(const std::string& request) {
@@ -79,16 +43,16 @@ bool operator==(const Outcome& a, const Outcome& b) {
 }
 
 // A set-up of node 1 that refuses one request, counted from 0.
-Outcome SetUpRefusing(const Make& make, std::size_t request, Refusal refusal) {
+Outcome SetUpRefusing(const tested::Make& make, std::size_t request, Refusal refusal) {
   bus::FarEnd far_end;
-  const std::unique_ptr<DriverCommon> drive = make.create();
+  const std::unique_ptr<DriverCommon> drive = make.create("can0");
   if (refusal == Refusal::kAbort) {
     far_end.AnswerSdo(1).Abort(request);
   } else {
     far_end.AnswerSdo(1).Silence(request);
   }
   support::OutputCapture capture;
-  const std::uint16_t failures = make.set_up(*drive);
+  const std::uint16_t failures = drive->EnableSpeedModeAndPdoMode(1, 10);
   capture.Stop();
   EXPECT_TRUE(far_end.WaitFrames(make.script.size()));
   return {failures, support::WithoutNumbers(capture.Out()), capture.Err(), far_end.Frames()};
@@ -120,7 +84,7 @@ TEST_P(SetUpRefusalsTest, AreCountedAndToldAndStopNothing) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Makes, SetUpRefusalsTest,
-                         ::testing::Combine(::testing::ValuesIn(Makes()),
+                         ::testing::Combine(::testing::ValuesIn(tested::Makes()),
                                             ::testing::Values(Refusal::kAbort, Refusal::kSilence)),
                          [](const ::testing::TestParamInfo<SetUpRefusalsTest::ParamType>& test) {
                            return std::get<0>(test.param).name +

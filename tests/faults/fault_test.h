@@ -33,8 +33,8 @@ class FaultTest : public bus::BusTest {
   std::size_t descriptors_ = 0;
 };
 
-inline Make MakeNamed(const std::string& name) {
-  for (const Make& make : Makes()) {
+inline tested::Make MakeNamed(const std::string& name) {
+  for (const tested::Make& make : tested::Makes()) {
     if (make.name == name) {
       return make;
     }

@@ -63,7 +63,7 @@ class Simulator {
   int said_ = -1;  // open as long as it lives, that it may say more
 };
 
-class KilledDriveTest : public FaultTest, public ::testing::WithParamInterface<Make> {};
+class KilledDriveTest : public FaultTest, public ::testing::WithParamInterface<tested::Make> {};
 
 TEST_P(KilledDriveTest, InMidBringUpCostsFailedWritesAndIsBroughtUpAgain) {
   ClosedLoop loop(GetParam());
@@ -97,8 +97,8 @@ TEST_P(KilledDriveTest, InMidBringUpCostsFailedWritesAndIsBroughtUpAgain) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Makes, KilledDriveTest, ::testing::ValuesIn(Makes()),
-                         [](const ::testing::TestParamInfo<Make>& test) {
+INSTANTIATE_TEST_SUITE_P(Makes, KilledDriveTest, ::testing::ValuesIn(tested::Makes()),
+                         [](const ::testing::TestParamInfo<tested::Make>& test) {
                            return test.param.name;
                          });
 

@@ -1,6 +1,6 @@
 #include "sim/amps_drive.h"
 
-#include "tests/sim/bring_up.h"
+#include "tests/driver/amps_script.h"
 #include "tests/sim/node_fixture.h"
 
 namespace sim {
@@ -12,7 +12,7 @@ class AmpsDriveTest : public NodeFixture {
 };
 
 TEST_F(AmpsDriveTest, IsEnabledByASingleControlwordAndTurnsByItsVelocityObject) {
-  WriteAll(AmpsBringUp());
+  WriteAll(FramesOf(amps_script::WholeSetUp()));
   EXPECT_EQ(node_.axis(1).Statusword(), 0x37);
   WriteAll({"601#2BF02F099CFFFFFF"});
   Advance(1000);
@@ -27,7 +27,7 @@ TEST_F(AmpsDriveTest, IsEnabledByASingleControlwordAndTurnsByItsVelocityObject) 
 }
 
 TEST_F(AmpsDriveTest, Tpdo1HasItsOwnLayoutAndComesOncePerInhibitTime) {
-  WriteAll(AmpsBringUp());
+  WriteAll(FramesOf(amps_script::WholeSetUp()));
   node_.Receive(FromText("000#0101"));
   EXPECT_EQ(Advance(9), Texts{});
   EXPECT_EQ(Advance(1), Texts{"181#3700000000000000"}) << "at rest too";
@@ -52,7 +52,7 @@ TEST_F(AmpsDriveTest, SendsNoTpdo1BeforeAPeriodIsSet) {
 }
 
 TEST_F(AmpsDriveTest, ShowsAnErrorInTpdo1) {
-  WriteAll(AmpsBringUp());
+  WriteAll(FramesOf(amps_script::WholeSetUp()));
   node_.Receive(FromText("000#0101"));
   node_.LatchError(0x2310);
   EXPECT_EQ(Advance(10), Texts{"181#1800102300000000"});

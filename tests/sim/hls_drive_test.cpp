@@ -1,6 +1,6 @@
 #include "sim/hls_drive.h"
 
-#include "tests/sim/bring_up.h"
+#include "tests/driver/hls_script.h"
 #include "tests/sim/node_fixture.h"
 
 namespace sim {
@@ -14,7 +14,7 @@ class HlsDriveTest : public NodeFixture {
 };
 
 TEST_F(HlsDriveTest, AcknowledgesTheWholeBringUpAndTurns) {
-  WriteAll(HlsBringUp());
+  WriteAll(FramesOf(hls_script::WholeSetUp()));
   EXPECT_EQ(After("601#4041600000000000"), Texts{"581#4B41600037000000"});
   node_.Receive(FromText("000#0101"));
   node_.Receive(FromText("201#18FCFFFF"));  // -1000 tenths
@@ -25,7 +25,7 @@ TEST_F(HlsDriveTest, AcknowledgesTheWholeBringUpAndTurns) {
 }
 
 TEST_F(HlsDriveTest, Tpdo1ComesOncePerPeriodHoweverFastThePositionChanges) {
-  WriteAll(HlsBringUp());
+  WriteAll(FramesOf(hls_script::WholeSetUp()));
   node_.Receive(FromText("000#0101"));
   // 60 rpm are 131072 counts a second.
   node_.Receive(FromText("201#58020000"));
@@ -40,7 +40,7 @@ TEST_F(HlsDriveTest, Tpdo1ComesOncePerPeriodHoweverFastThePositionChanges) {
 }
 
 TEST_F(HlsDriveTest, Tpdo4TellsErrorAndStatusEveryTwoSecondsAndOnChange) {
-  WriteAll(HlsBringUp());
+  WriteAll(FramesOf(hls_script::WholeSetUp()));
   WriteAll({"601#2F001802FF000000", "601#2F00180500000000"});  // no TPDO1
   node_.Receive(FromText("000#0101"));
   EXPECT_EQ(Advance(1000), Texts{"481#00003700"});

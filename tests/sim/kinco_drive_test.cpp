@@ -1,6 +1,6 @@
 #include "sim/kinco_drive.h"
 
-#include "tests/sim/bring_up.h"
+#include "tests/driver/kinco_script.h"
 #include "tests/sim/node_fixture.h"
 
 namespace sim {
@@ -15,7 +15,7 @@ class KincoDriveTest : public NodeFixture {
   }
   void TurnAt(const std::string& velocity) {
     node_.Receive(FromText("000#0101"));
-    WriteAll(KincoBringUp());
+    WriteAll(FramesOf(kinco_script::WholeSetUp()));
     node_.Receive(FromText("201#" + velocity));
     Advance(1000);
   }
@@ -109,12 +109,12 @@ TEST_F(KincoDriveTest, ASwitchKeepsItsPositionOverResetAndPowerCut) {
   node_.Receive(FromText("000#8101"));
   node_.PowerCut();
   node_.PowerOn();
-  WriteAll(KincoBringUp());
+  WriteAll(FramesOf(kinco_script::WholeSetUp()));
   EXPECT_EQ(node_.axis(1).Statusword(), 0x50);
   node_.PowerCut();
   node_.ReleaseEmergencyStop();
   node_.PowerOn();
-  WriteAll(KincoBringUp());
+  WriteAll(FramesOf(kinco_script::WholeSetUp()));
   EXPECT_EQ(node_.axis(1).Statusword(), 0x37) << "released before it was switched on";
 }
 

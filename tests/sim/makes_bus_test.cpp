@@ -2,7 +2,7 @@
 #include <cmath>
 #include <cstdint>
 
-#include "tests/sim/bring_up.h"
+#include "tests/driver/makes.h"
 #include "tests/sim/candump_text.h"
 #include "tests/sim/drive_on_bus.h"
 
@@ -39,7 +39,29 @@ class MakesOnBusTest : public DriveOnBus {
   }
 };
 
-TEST_F(MakesOnBusTest, TtWakesUpTurnsAndReports) {
+class EveryMakeOnBusTest : public MakesOnBusTest,
+                           public ::testing::WithParamInterface<tested::Make> {};
+
+TEST_P(EveryMakeOnBusTest, TakesItsSetUpTurnsAndReports) {
+  const tested::Make& make = GetParam();
+  bus::FarEnd host("can0");
+  SimulatedDrive drive(Of(make.name));
+  ASSERT_TRUE(host.WaitFrames(1));
+  WriteAll(host, FramesOf(make.script));
+  host.Send("000#0101");
+  host.Send(make.backwards);
+  EXPECT_TRUE(Eventually([&] { return drive.SpeedRpm() == -60.0; }));
+  // Half a second at one revolution in each.
+  EXPECT_NEAR(CountsIn50Periods(host, "181#", make.reports.offset),
+              -0.5 * make.reports.counts_per_revolution, 1);
+}
+
+INSTANTIATE_TEST_SUITE_P(Makes, EveryMakeOnBusTest, ::testing::ValuesIn(tested::Makes()),
+                         [](const ::testing::TestParamInfo<tested::Make>& test) {
+                           return test.param.name;
+                         });
+
+TEST_F(MakesOnBusTest, TtWakesUp) {
   bus::FarEnd host("can0");
   SimulatedDrive::Options options = Of("tt");
   options.inactive = true;
@@ -49,20 +71,16 @@ TEST_F(MakesOnBusTest, TtWakesUpTurnsAndReports) {
   host.Send("001#1010");
   ASSERT_TRUE(host.WaitFrames(2));
   EXPECT_EQ(host.Frames(), (Texts{"701#00", "081#0000000000000000"}));
-  WriteAll(host, TtBringUp());
-  host.Send("000#0101");
-  host.Send("201#C4FFFFFF");
-  EXPECT_TRUE(Eventually([&] { return drive.SpeedRpm() == -60.0; }));
-  EXPECT_NEAR(CountsIn50Periods(host, "181#", 0), -16384, 1);
+  WriteAll(host, FramesOf(tt_script::WholeSetUp()));
 }
 
-TEST_F(MakesOnBusTest, HlsTakesParametersOnChannelZeroTurnsAndReports) {
+TEST_F(MakesOnBusTest, HlsTakesParametersOnChannelZeroAndReportsOnAnotherIdentifier) {
   bus::FarEnd host("can0");
   SimulatedDrive::Options options = Of("hls");
   options.tpdo1_id = 0x180;
   SimulatedDrive drive(options);
   ASSERT_TRUE(host.WaitFrames(1));
-  WriteAll(host, HlsBringUp());
+  WriteAll(host, FramesOf(hls_script::WholeSetUp()));
   EXPECT_EQ(Exchange(host, "600#2300330078563412"), Texts{"580#6000330000000000"});
   host.Send("000#0101");
   host.Send("201#A8FDFFFF");
@@ -70,26 +88,14 @@ TEST_F(MakesOnBusTest, HlsTakesParametersOnChannelZeroTurnsAndReports) {
   EXPECT_NEAR(CountsIn50Periods(host, "180#", 0), -65536, 1);
 }
 
-TEST_F(MakesOnBusTest, AmpsTurnsBySdoAndReports) {
-  bus::FarEnd host("can0");
-  SimulatedDrive drive(Of("amps"));
-  ASSERT_TRUE(host.WaitFrames(1));
-  WriteAll(host, AmpsBringUp());
-  WriteAll(host, {"601#2BF02F09C4FFFFFF"});
-  host.Send("000#0101");
-  EXPECT_TRUE(Eventually([&] { return drive.SpeedRpm() == -60.0; }));
-  EXPECT_NEAR(CountsIn50Periods(host, "181#", 4), -2048, 1);
-}
-
-TEST_F(MakesOnBusTest, KincoTurnsReportsAndComesBackFromAnEmergencyStop) {
+TEST_F(MakesOnBusTest, KincoComesBackFromAnEmergencyStop) {
   bus::FarEnd host("can0");
   SimulatedDrive drive(Of("kinco"));
   ASSERT_TRUE(host.WaitFrames(1));
-  WriteAll(host, KincoBringUp());
+  WriteAll(host, FramesOf(kinco_script::WholeSetUp()));
   host.Send("000#0101");
   host.Send("201#0070FEFF");  // -102400 units are -37.5 rpm
   EXPECT_TRUE(Eventually([&] { return drive.SpeedRpm() == -37.5; }));
-  EXPECT_NEAR(CountsIn50Periods(host, "181#", 0), -3125, 1);
 
   const auto reports = [&host](const char* status) {
     for (const std::string& frame : host.Frames()) {

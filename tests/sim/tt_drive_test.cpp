@@ -1,6 +1,6 @@
 #include "sim/tt_drive.h"
 
-#include "tests/sim/bring_up.h"
+#include "tests/driver/tt_script.h"
 #include "tests/sim/node_fixture.h"
 
 namespace sim {
@@ -14,7 +14,7 @@ class TtDriveTest : public NodeFixture {
 TEST_F(TtDriveTest, AcknowledgesTheWholeBringUpAndTurns) {
   node_.PowerOn();
   EXPECT_EQ(After("601#4040600000000000"), Texts{"581#4B40600000000000"}) << "it is active";
-  WriteAll(TtBringUp());
+  WriteAll(FramesOf(tt_script::WholeSetUp()));
   EXPECT_EQ(node_.axis(1).Statusword(), 0x37);
   node_.Receive(FromText("000#0101"));
   node_.Receive(FromText("201#9CFFFFFF"));
@@ -26,7 +26,7 @@ TEST_F(TtDriveTest, AcknowledgesTheWholeBringUpAndTurns) {
 
 TEST_F(TtDriveTest, Tpdo1CarriesThePositionEveryPeriodAndNothingElseIsSent) {
   node_.PowerOn();
-  WriteAll(TtBringUp());
+  WriteAll(FramesOf(tt_script::WholeSetUp()));
   node_.Receive(FromText("000#0101"));
   // 60 rpm are 32768 counts a second.
   node_.Receive(FromText("201#3C000000"));
