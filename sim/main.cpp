@@ -107,6 +107,19 @@ std::string WaitForEnd(const Drives& drives, const sigset_t& signals) {
   }
 }
 
+// A line for each: name and description.
+std::string MakeList(const char* indent) {
+  std::string list;
+  const char* separator = "";
+  for (const sim::Make* make : sim::AllMakes()) {
+    std::string name(make->name);
+    name.resize(std::max<std::size_t>(name.size(), 6), ' ');
+    list.append(separator).append(indent).append(name).append(" ").append(make->description);
+    separator = "\n";
+  }
+  return list;
+}
+
 int Run(int argc, char** argv) {
   sim::SimulatedDrive::Options options;
   options.interface.clear();
@@ -115,16 +128,12 @@ int Run(int argc, char** argv) {
   std::vector<std::int32_t> positions;
   std::vector<std::string> faults;
 
-  std::string makes;
-  for (const sim::Make* make : sim::AllMakes()) {
-    const std::string name(make->name);
-    makes +=
-        "  " + name + std::string(7 - name.size(), ' ') + std::string(make->description) + "\n";
-  }
-
   CLI::App app("Simulates servo drives: CANopen nodes on a SocketCAN interface.", kProgram);
   app.set_version_flag("--version", std::string(kProgram) + " " + MOTOR_DRIVE_SIM_VERSION);
-  app.footer("Makes:\n" + makes + "\n" + sim::FaultHelp() +
+  app.add_flag_callback(
+      "--list-makes", [] { throw CLI::CallForVersion(MakeList(""), kEnded); },
+      "print the makes and end");
+  app.footer("Makes:\n" + MakeList("  ") + "\n\n" + sim::FaultHelp() +
              "\nRuns until SIGINT or SIGTERM. SIGUSR1 presses the emergency stop, SIGUSR2 releases "
              "it.\nExit status: 0 ended by signal, 1 failed, 2 wrong usage.");
   app.add_option("--interface", options.interface, "CAN interface, for instance can1")

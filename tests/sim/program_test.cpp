@@ -1,8 +1,11 @@
 // The program without a bus: wrong usage, help and version.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstddef>
 #include <string>
 
+#include "sim/make.h"
 #include "tests/sim/shell.h"
 
 namespace {
@@ -52,6 +55,17 @@ TEST_F(ProgramTest, ExplainsItself) {
         "tt", "hls", "amps", "kinco", "SIGUSR1", "Exit status"}) {
     EXPECT_NE(result.out.find(word), std::string::npos) << word;
   }
+}
+
+TEST_F(ProgramTest, ListsItsMakes) {
+  const auto result = Shell("$SIM --list-makes");
+  EXPECT_EQ(result.exit_status, 0);
+  EXPECT_EQ(result.err, "");
+  EXPECT_EQ(result.out.substr(0, result.out.find('\n')),
+            "zl     two motors in one node, 4096 counts per revolution, target velocity in rpm");
+  EXPECT_NE(result.out.find("\ntt     one motor, "), std::string::npos) << result.out;
+  EXPECT_EQ(std::count(result.out.begin(), result.out.end(), '\n'),
+            static_cast<std::ptrdiff_t>(sim::AllMakes().size()));
 }
 
 TEST_F(ProgramTest, TellsItsVersion) {
