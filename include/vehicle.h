@@ -28,10 +28,10 @@ struct Wheel {
 /// A vehicle. Speeds are those of the wheel. What is allowed is checked by the constructor of
 /// Wheels and by LoadVehicle().
 struct Vehicle {
-  std::string make;                      ///< "zl", "tt", "hls", "amps", "kinco", "fake"
-  std::string interface = "can0";        ///< CAN interface, 1 to 15 characters; fake: opens none
-  std::vector<Wheel> wheels;             ///< 1 to 8
-  std::chrono::milliseconds period{10};  ///< of control and feedback, 2 to 255
+  std::string make;                ///< "zl", "fake"; the message about an unknown one has them all
+  std::string interface = "can0";  ///< CAN interface, 1 to 15 characters; fake: opens none
+  std::vector<Wheel> wheels;       ///< 1 to 8
+  std::chrono::milliseconds period{10};               ///< of control and feedback, 2 to 255
   std::chrono::milliseconds command_timeout{100};     ///< at least 2 periods
   std::chrono::milliseconds feedback_timeout{250};    ///< at least 2 periods
   std::chrono::milliseconds heartbeat_timeout{1000};  ///< 300 to 30000; the nodes send every third
