@@ -44,17 +44,18 @@ dpkg_scratch=(dpkg --instdir="$root" --admindir="$scratch/dpkg" --force-not-root
 "${dpkg_scratch[@]}" --install "${packages[@]}" > "$scratch/install.log" 2>&1 ||
   { grep -v 'files list file' "$scratch/install.log" >&2; fail "dpkg --install"; }
 
+# The loader looks there without being told.
+LD_LIBRARY_PATH=$(dirname "$(find "$root" -name libmotor_driver.so)")
+export LD_LIBRARY_PATH
 check_installed_prefix "$root/usr" "$cxx" "$scratch"
 
 # A host packaged in turn depends on the runtime package.
 mkdir -p "$scratch/host/debian" "$root/DEBIAN"
 touch "$scratch/host/debian/control"
 dpkg-deb --control "$directory/$runtime"_*.deb "$root/DEBIAN"
-dependencies=$(cd "$scratch/host" && dpkg-shlibdeps -S"$root" -O ../pkg-config-motor_driver_consumer 2> /dev/null)
+dependencies=$(cd "$scratch/host" && dpkg-shlibdeps -S"$root" -O ../pkg-config-motor_driver_wheels_consumer 2> /dev/null)
 [[ $dependencies == *"$runtime (>= "* ]] || fail "dependencies of a host: $dependencies"
 
-LD_LIBRARY_PATH=$(dirname "$(find "$root" -name libmotor_driver.so)")
-export LD_LIBRARY_PATH
 for program in "$root"/usr/bin/*; do
   "$program" --help > "$scratch/help" || fail "$program --help"
   [[ -s $scratch/help ]] || fail "$program --help printed nothing"

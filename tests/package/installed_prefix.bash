@@ -11,13 +11,14 @@ fail() {
 # By library, what its host in consumer/ prints.
 declare -A expected_outputs=(
   [motor_driver]='counts per revolution 4096, CAN error set: yes'
-  [motor_driver_wheels]='can0, control every 10 ms'
+  [motor_driver_wheels]='ready: 1, commanded: 1, stopped: 1, without a file: 1'
 )
 
 # PROGRAM OUTPUT
 expect_output() {
   local program=$1 expected=$2 actual
-  actual=$(SPDLOG_STDOUT=false SPDLOG_SYSTEMD=false SPDLOG_LEVEL=info "$program" 2>/dev/null)
+  actual=$(SPDLOG_STDOUT=false SPDLOG_SYSTEMD=false SPDLOG_LEVEL=info "$program" 2>/dev/null) ||
+    fail "$program ended with $?"
   [[ $actual == "$expected" ]] || fail "$program printed: $actual"
 }
 
