@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "drives.h"
 #include "far_end.h"
 #include "idle.h"
 #include "measures.h"
@@ -20,10 +21,10 @@ namespace {
 constexpr int kCannotRun = 1;
 constexpr int kUsage = 2;
 
-constexpr Scale kQuick = {1, 0.2, 0.05, 0.02, 500, 20, 50, 2'048, 3};
+constexpr Scale kQuick = {1, 0.2, 0.05, 0.02, 500, 20, 50, 2'048, 3, 20, 2, 2};
 
-Scale FullScale(double seconds, int repetitions) {
-  return {repetitions, seconds, seconds / 5, 0.1, 20'000, 320, 500, 200'000, 50};
+Scale FullScale(double seconds, int repetitions, std::uint32_t lapses) {
+  return {repetitions, seconds, seconds / 5, 0.1, 20'000, 320, 500, 200'000, 50, 1'000, 8, lapses};
 }
 
 struct Options {
@@ -31,11 +32,14 @@ struct Options {
   std::string far_interface = "can1";
   double seconds = 5;
   int repetitions = 5;
+  std::uint32_t lapses = 200;
   std::set<std::string> only;
   bool quick = false;
   bool own_network = false;
   bool json = false;
   std::string idle_holder;
+  std::string drives_make;
+  std::uint32_t nodes = 1;
 };
 
 struct Measure {
@@ -53,6 +57,10 @@ constexpr Measure kMeasures[] = {
     {"idle", MeasureIdleCost},
     {"stop", MeasureStop},
     {"supervision", MeasureSupervision},
+    {"cycle", MeasureControlCycle},
+    {"calls", MeasureWheelsCalls},
+    {"lateness", MeasureLateness},
+    {"stale", MeasureStaleCommand},
 };
 
 std::vector<Row> RunMeasures(const Bench& bench, const std::set<std::string>& only) {
@@ -74,12 +82,16 @@ int Run(const Options& options) {
     return HoldIdle(library ? IdleHolder::kLibrary : IdleHolder::kBare, options.interface,
                     options.seconds);
   }
+  if (!options.drives_make.empty()) {
+    return HoldDrives(options.drives_make, options.nodes, options.far_interface);
+  }
   if (options.own_network) {
     EnterOwnNetwork(options.interface, options.far_interface);
   }
   FarEnd far_end(options.far_interface);
-  const Bench bench = {far_end, options.interface, options.far_interface,
-                       options.quick ? kQuick : FullScale(options.seconds, options.repetitions)};
+  const Bench bench = {
+      far_end, options.interface, options.far_interface,
+      options.quick ? kQuick : FullScale(options.seconds, options.repetitions, options.lapses)};
   std::vector<Row> rows = RunMeasures(bench, options.only);
   if (options.quick) {
     for (Row& row : rows) {
@@ -105,6 +117,9 @@ int ParseAndRun(int argc, char** argv) {
   app.add_option("--repetitions", options.repetitions, "of each CPU and latency measure")
       ->capture_default_str()
       ->check(CLI::Range(1, 1000));
+  app.add_option("--lapses", options.lapses, "how often a host stops to command")
+      ->capture_default_str()
+      ->check(CLI::Range(1, 10'000));
   std::set<std::string> names;
   for (const Measure& measure : kMeasures) {
     names.insert(measure.name);
@@ -117,7 +132,9 @@ int ParseAndRun(int argc, char** argv) {
   app.add_flag("--json", options.json, "JSON in place of the table");
   app.add_option("--idle-holder", options.idle_holder)
       ->check(CLI::IsMember({"library", "bare"}))
-      ->group("");  // not for people: how the program starts itself
+      ->group("");  // not for people, as the next two: how the program starts itself
+  app.add_option("--hold-drives", options.drives_make)->group("");
+  app.add_option("--nodes", options.nodes)->group("");
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {

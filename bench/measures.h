@@ -19,6 +19,9 @@ struct Scale {
   std::uint32_t latencies;
   std::uint32_t queued;
   int stops;
+  std::uint32_t cycles;  // of a control loop, in one repetition
+  std::uint32_t wheels;  // of a large vehicle
+  std::uint32_t lapses;  // of a host that commands
 };
 
 struct Bench {
@@ -36,5 +39,10 @@ std::vector<Row> MeasureSend(const Bench& bench);
 std::vector<Row> MeasureSdo(const Bench& bench);
 std::vector<Row> MeasureStop(const Bench& bench);
 std::vector<Row> MeasureIdleCost(const Bench& bench);
+// Wheels beside loops that do the same on a drive class and on a bare socket.
+std::vector<Row> MeasureControlCycle(const Bench& bench);
+std::vector<Row> MeasureWheelsCalls(const Bench& bench);
+std::vector<Row> MeasureLateness(const Bench& bench);
+std::vector<Row> MeasureStaleCommand(const Bench& bench);
 // The library alone: there is nothing to compare it with.
 std::vector<Row> MeasureSupervision(const Bench& bench);

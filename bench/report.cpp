@@ -69,6 +69,12 @@ double Figure::Quantile(double q) const {
   return sorted[below] + (sorted[above] - sorted[below]) * share;
 }
 
+Figure Figure::At(double q) const {
+  Figure figure;
+  figure.Add(Quantile(q));
+  return figure;
+}
+
 double Figure::SpreadPercent() const {
   const double median = Median();
   return median == 0 ? 0 : (Quantile(1) - Quantile(0)) / median * 100;

@@ -12,6 +12,8 @@ class Figure {
   bool empty() const { return values_.empty(); }
   double Median() const { return Quantile(0.5); }
   double Quantile(double q) const;
+  // That alone, as a figure of its own.
+  Figure At(double q) const;
   // Distance of the extremes, in hundredths of the median.
   double SpreadPercent() const;
 

@@ -181,12 +181,6 @@ Recovery ControlwordsAfterRelease(const Bench& bench, KincoDriver& drive) {
   return recovery;
 }
 
-Figure Single(double value) {
-  Figure figure;
-  figure.Add(value);
-  return figure;
-}
-
 }  // namespace
 
 std::vector<Row> MeasureSupervision(const Bench& bench) {
@@ -203,10 +197,10 @@ std::vector<Row> MeasureSupervision(const Bench& bench) {
   const Figure lag_of_32 = StatusLag(bench, *drive);
   drive->StopErrorParsingLoop();
   return {
-      {"status store behind the bus, 1 node, median", "ms", Single(lag_of_one.Median()), {}},
-      {"status store behind the bus, 1 node, 99 %", "ms", Single(lag_of_one.Quantile(0.99)), {}},
-      {"status store behind the bus, 32 nodes, median", "ms", Single(lag_of_32.Median()), {}},
-      {"status store behind the bus, 32 nodes, 99 %", "ms", Single(lag_of_32.Quantile(0.99)), {}},
+      {"status store behind the bus, 1 node, median", "ms", lag_of_one.At(0.5), {}},
+      {"status store behind the bus, 1 node, 99 %", "ms", lag_of_one.At(0.99), {}},
+      {"status store behind the bus, 32 nodes, median", "ms", lag_of_32.At(0.5), {}},
+      {"status store behind the bus, 32 nodes, 99 %", "ms", lag_of_32.At(0.99), {}},
       {"supervision at rest, CPU", "us/s", cpu_at_rest, {}},
       {"supervision of 32 nodes at 5 ms, CPU", "us/s", cpu_with_32, {}},
       {"emergency released to first controlword (wait 1000)", "ms", recovery.first_ms, {}},
