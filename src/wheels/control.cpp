@@ -244,16 +244,11 @@ bool Control::Standing() const {
   return true;
 }
 
-State Control::CurrentState() const {
-  const std::lock_guard<PriorityMutex> lock(shared_mutex_);
-  return shared_.report.state;
-}
-
 void Control::SetState(State state) {
   State before = state;
   Publish([&](Shared& shared) {
     before = shared.report.state;
-    shared.report.state = state;
+    shared.report.state = state_ = state;
     if (state != State::kReady && state != State::kRunning) {
       // What was wanted before is not wanted after.
       shared.has_command = false;

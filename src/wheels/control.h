@@ -94,7 +94,7 @@ class Control final : private Surroundings {
   void Settle();
   bool Standing() const;
 
-  State CurrentState() const;
+  State CurrentState() const { return state_; }
   void SetState(State state);
   // `next`: kOff where nothing was enabled.
   void EnterFault(const Trouble& trouble, State next = State::kFault);
@@ -110,6 +110,7 @@ class Control final : private Surroundings {
 
   mutable PriorityMutex shared_mutex_;
   Shared shared_;
+  std::atomic<State> state_{State::kOff};  // of the report: every cycle asks several times
 
   std::mutex call_mutex_;  // call_
   std::condition_variable call_changed_;
