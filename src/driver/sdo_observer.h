@@ -22,12 +22,11 @@ struct SdoTransfer {
 
 class SdoObserver {
  public:
+  virtual ~SdoObserver() = default;
+
   // On the thread that made the transfer, at its end, with the SDO mutex held: no other transfer
   // from here.
   virtual void Finished(const SdoTransfer& transfer) = 0;
-
- protected:
-  ~SdoObserver() = default;
 };
 
 // Sets the observer of the calling thread, nullptr for none, and returns the one before.

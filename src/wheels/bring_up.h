@@ -17,6 +17,8 @@ namespace motor_driver {
 // What goes on around a bring-up.
 class Surroundings {
  public:
+  virtual ~Surroundings() = default;
+
   // Before a step; false when there shall be no further one.
   virtual bool Begin(const std::string& step) = 0;
   virtual bool Cancelled() = 0;
@@ -24,16 +26,13 @@ class Surroundings {
   virtual void Wait(std::chrono::milliseconds time) = 0;
   // A transfer is over: zeros may be due.
   virtual void Transferred() = 0;
-
- protected:
-  ~Surroundings() = default;
 };
 
 class BringUp final : private SdoObserver {
  public:
   // `enabled` becomes true before anything is sent that can enable a drive.
   BringUp(Drives& drives, Surroundings& surroundings, bool& enabled);
-  ~BringUp();
+  ~BringUp() override;
   BringUp(const BringUp&) = delete;
   BringUp& operator=(const BringUp&) = delete;
 

@@ -32,7 +32,7 @@ class Control final : private Surroundings {
   // `vehicle` was checked and outlives the object.
   explicit Control(const Vehicle& vehicle);
   // Ends the thread, and with it the drive object.
-  ~Control();
+  ~Control() override;
 
   // As in Wheels; these three one at a time.
   bool BringUp(const Progress& progress, const IsCancelled& cancelled);
