@@ -13,13 +13,19 @@ Axis::Axis(const AxisTraits& traits, std::int32_t start_position)
 
 void Axis::Reset() {
   const bool pressed = emergency_pressed();
+  const bool blocked = blocked_;
   *this = Axis(traits_, start_position_);
   if (pressed) PressEmergencyStop();
+  blocked_ = blocked;
 }
 
 void Axis::Step() {
   const std::int64_t target = TargetSpeed();
-  motor_.Step(target, Ramp(target));
+  if (blocked_) {
+    motor_.Halt();
+  } else {
+    motor_.Step(target, Ramp(target));
+  }
   SettleAtRest();
 }
 

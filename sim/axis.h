@@ -25,9 +25,11 @@ class Axis {
  public:
   Axis(const AxisTraits& traits, std::int32_t start_position);
 
-  /// A pressed emergency stop stays pressed.
+  /// A pressed emergency stop stays pressed, a blocked motor blocked.
   void Reset();
   void Step();
+  /// Holds the motor still by force; the drive knows nothing of it.
+  void Block(bool blocked) { blocked_ = blocked; }
 
   void SetControlword(std::uint16_t controlword);
   void SetMode(std::int8_t mode) { mode_ = mode; }
@@ -66,6 +68,7 @@ class Axis {
   std::uint32_t acceleration_ = 0;
   std::uint32_t deceleration_ = 0;
   std::uint16_t error_code_ = 0;
+  bool blocked_ = false;
 };
 
 }  // namespace sim

@@ -30,6 +30,8 @@ constexpr Syntax kSyntax[] = {
     {"power-on-after-ms",  Fault::Kind::kPowerOnAfter,      Form::kNumber},
     {"error-after-ms",     Fault::Kind::kErrorAfter,        Form::kTimeAndError},
     {"no-heartbeat-after-ms", Fault::Kind::kNoHeartbeatAfter, Form::kNumber},
+    {"no-reports-after-ms", Fault::Kind::kNoReportsAfter,   Form::kNumber},
+    {"block-motor-after-ms", Fault::Kind::kBlockMotorAfter, Form::kNumber},
     {"emergency-stop-after-ms",    Fault::Kind::kEmergencyStopAfter,    Form::kNumber},
     {"emergency-release-after-ms", Fault::Kind::kEmergencyReleaseAfter, Form::kNumber},
 };
@@ -83,6 +85,8 @@ const char* FaultHelp() {
          "  power-on-after-ms=N                boot up again after N ms\n"
          "  error-after-ms=N/CODE              trip with this error code until a fault reset\n"
          "  no-heartbeat-after-ms=N            stop heartbeats, go on with everything else\n"
+         "  no-reports-after-ms=N              stop position reports, go on with everything else\n"
+         "  block-motor-after-ms=N             hold the motors still, whatever the drive does\n"
          "  emergency-stop-after-ms=N          press the emergency stop (as SIGUSR1 does)\n"
          "  emergency-release-after-ms=N       release it (as SIGUSR2 does)\n"
          "Example: --fault abort-write=3 --fault ignore-object=0x6060:0\n";

@@ -27,6 +27,8 @@ struct Fault {
     kPowerOnAfter,        // after `number` ms the node boots up again
     kErrorAfter,          // after `number` ms the drive trips with error_code, until a fault reset
     kNoHeartbeatAfter,    // after `number` ms heartbeats stop while all the rest works
+    kNoReportsAfter,      // after `number` ms TPDO1 stops while all the rest works
+    kBlockMotorAfter,     // after `number` ms no motor turns, whatever the drive does
     kEmergencyStopAfter,  // after `number` ms the emergency stop is pressed
     kEmergencyReleaseAfter,  // after `number` ms it is released
   };

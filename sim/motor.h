@@ -15,6 +15,9 @@ class Motor {
   /// Advances by kStep towards the target speed, which may change by `ramp_rpm_per_s`.
   void Step(std::int64_t target_urpm, std::uint32_t ramp_rpm_per_s);
 
+  /// Stands still at once, and during the step.
+  void Halt() { speed_urpm_ = 0; }
+
   std::int64_t speed_urpm() const { return speed_urpm_; }
   /// Wraps around at 32 bits, as an encoder counter does.
   std::int32_t position() const { return static_cast<std::int32_t>(position_); }

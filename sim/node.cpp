@@ -61,10 +61,16 @@ Node::Node(const Make& make, const Options& options, FrameSink send)
       options_(Checked(make, options)),
       send_(std::move(send)),
       axes_(MakeAxes(make, options)),
-      pdos_(dictionary_, options.node_id, make.pdo, [this](const Frame& frame) { send_(frame); }) {
+      pdos_(dictionary_, options.node_id, make.pdo,
+            [this](const Frame& frame) { SendPdo(frame); }) {
   AddCommonObjects(make);
   make.add_objects(dictionary_, axes_);
   if (options.tpdo1_id != 0) dictionary_.SetPowerOnValue(0x1800, 1, options.tpdo1_id);
+}
+
+void Node::SendPdo(const Frame& frame) {
+  const std::uint32_t reports_id = dictionary_.Get(0x1800, 1) & 0x7FF;
+  if (!reports_lost_ || frame.id != reports_id) send_(frame);
 }
 
 void Node::AddCommonObjects(const Make& make) {
@@ -264,6 +270,8 @@ void Node::Inject(const Fault& fault) {
     case Fault::Kind::kPowerOnAfter:
     case Fault::Kind::kErrorAfter:
     case Fault::Kind::kNoHeartbeatAfter:
+    case Fault::Kind::kNoReportsAfter:
+    case Fault::Kind::kBlockMotorAfter:
     case Fault::Kind::kEmergencyStopAfter:
     case Fault::Kind::kEmergencyReleaseAfter:
       if (fault.number == 0) {
@@ -292,6 +300,12 @@ void Node::Strike(const Fault& fault) {
     case Fault::Kind::kNoHeartbeatAfter:
       heartbeat_lost_ = true;
       break;
+    case Fault::Kind::kNoReportsAfter:
+      reports_lost_ = true;
+      break;
+    case Fault::Kind::kBlockMotorAfter:
+      for (Axis& axis : axes_) axis.Block(true);
+      break;
     case Fault::Kind::kEmergencyStopAfter:
       PressEmergencyStop();
       break;
@@ -307,6 +321,8 @@ void Node::ClearFaults() {
   sdo_faults_.Clear();
   timed_faults_.clear();
   heartbeat_lost_ = false;
+  reports_lost_ = false;
+  for (Axis& axis : axes_) axis.Block(false);
 }
 
 void Node::LatchError(std::uint16_t error_code, std::size_t axis) {

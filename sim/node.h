@@ -88,6 +88,7 @@ class Node {
   };
 
   void AddCommonObjects(const Make& make);
+  void SendPdo(const Frame& frame);
   void ReceiveNmt(const Frame& frame);
   void ReceiveActivation(const Frame& frame);
   void ReceiveParameterChannel(const Frame& frame);
@@ -114,6 +115,7 @@ class Node {
   PdoEngine pdos_;
   HeartbeatProducer heartbeat_;
   bool heartbeat_lost_ = false;
+  bool reports_lost_ = false;
   bool fault_reported_ = false;
   SdoFaults sdo_faults_;
   std::vector<TimedFault> timed_faults_;

@@ -39,6 +39,8 @@ TEST(ParseFaultTest, ReadsEveryForm) {
   EXPECT_EQ(ParseFault("power-on-after-ms=3000").kind, Fault::Kind::kPowerOnAfter);
   EXPECT_EQ(ParseFault("error-after-ms=5/0x2310").error_code, 0x2310);
   EXPECT_EQ(ParseFault("no-heartbeat-after-ms=0").kind, Fault::Kind::kNoHeartbeatAfter);
+  EXPECT_EQ(ParseFault("no-reports-after-ms=5").kind, Fault::Kind::kNoReportsAfter);
+  EXPECT_EQ(ParseFault("block-motor-after-ms=7").kind, Fault::Kind::kBlockMotorAfter);
   EXPECT_EQ(ParseFault("emergency-stop-after-ms=1").kind, Fault::Kind::kEmergencyStopAfter);
   EXPECT_EQ(ParseFault("emergency-release-after-ms=2").kind, Fault::Kind::kEmergencyReleaseAfter);
 }

@@ -271,6 +271,41 @@ TEST_F(NodeTest, LosesItsHeartbeatWhileTheRestWorks) {
   EXPECT_EQ(Advance(10), Texts{"701#7F"});
 }
 
+TEST_F(NodeTest, LosesItsPositionReportsWhileTheRestWorks) {
+  node_.PowerOn();
+  BringUp();
+  node_.Receive(FromText("000#0101"));
+  node_.Inject(ParseFault("no-reports-after-ms=15"));
+  EXPECT_EQ(Advance(2000), (Texts{"181#0000000000000000", "481#0000000037003700"}));
+  node_.ClearFaults();
+  EXPECT_EQ(Advance(10), Texts{"181#0000000000000000"});
+}
+
+TEST_F(NodeTest, ABlockedMotorStandsUntilItIsLetGo) {
+  node_.PowerOn();
+  BringUp();
+  node_.Receive(FromText("000#0101"));
+  node_.Receive(FromText("201#640000009CFFFFFF"));
+  Advance(100);
+  node_.Inject(ParseFault("block-motor-after-ms=0"));
+  Advance(1);
+  const std::int32_t position = node_.axis(1).Position();
+  Advance(100);
+  EXPECT_EQ(node_.axis(1).SpeedRpm(), 0);
+  EXPECT_EQ(node_.axis(2).SpeedRpm(), 0);
+  EXPECT_EQ(node_.axis(1).Position(), position);
+  EXPECT_EQ(node_.axis(1).Statusword() & 0x6F, 0x27) << "the drive knows nothing of it";
+  node_.Receive(FromText("000#8101"));
+  BringUp();
+  node_.Receive(FromText("000#0101"));
+  node_.Receive(FromText("201#640000009CFFFFFF"));
+  Advance(100);
+  EXPECT_EQ(node_.axis(1).SpeedRpm(), 0) << "a reset frees no wheel";
+  node_.ClearFaults();
+  Advance(100);
+  EXPECT_EQ(node_.axis(1).SpeedRpm(), 100);
+}
+
 TEST_F(NodeTest, AnAbortedOrIgnoredWriteIsNotPerformed) {
   node_.PowerOn();
   node_.Inject(ParseFault("abort-write=1/0x06090030"));
