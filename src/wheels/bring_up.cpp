@@ -31,6 +31,7 @@ BringUp::BringUp(Drives& drives, Surroundings& surroundings, bool& enabled)
       previous_observer_(SetSdoObserver(this)),
       enabled_(enabled),
       boot_ups_(drives.nodes().size()),
+      zeroed_boot_ups_(drives.nodes().size()),
       reset_(drives.nodes().size()) {}
 
 BringUp::~BringUp() { SetSdoObserver(previous_observer_); }
@@ -77,7 +78,13 @@ Trouble BringUp::Run(const std::vector<bool>& concerned) {
   }
   for (std::size_t node = 0; node < NodeCount() && !trouble; ++node) {
     if (concerned[node]) {
-      trouble = surroundings_.Begin(Name(node) + ": set-up") ? Activate(node) : Interrupted();
+      trouble = surroundings_.Begin(Name(node) + ": set-up") ? Trouble() : Interrupted();
+      if (!trouble && drives_.watch().Node(node).boot_ups != zeroed_boot_ups_[node]) {
+        trouble = ConfirmZero(node);  // it restarted meanwhile
+      }
+      if (!trouble) {
+        trouble = Activate(node);
+      }
       if (!trouble) {
         trouble = SetUp(node);
       }
@@ -109,11 +116,7 @@ Trouble BringUp::Reset(std::size_t node) {
     return {};
   }
   const Trouble bus = drives_.BusTrouble();
-  return bus ? bus
-             : Trouble{Fault::kBusFailed, Id(node),
-                       fmt::format("nothing can be sent on {}: is the interface up, and does "
-                                   "anything on the bus acknowledge?",
-                                   drives_.vehicle().interface)};
+  return bus ? bus : NothingSent();
 }
 
 // Drives keep what a crashed host commanded last, and would turn as soon as they are enabled.
@@ -134,6 +137,7 @@ Trouble BringUp::ConfirmZero(std::size_t node) {
       continue;
     }
     failures_.clear();
+    zeroed_boot_ups_[node] = drives_.watch().Node(node).boot_ups;
     const auto& targets = drives_.make().targets;
     if (std::all_of(targets.begin(), targets.end(), [&](const Object& target) {
           return Write(node, drives_.make().target_command, target, 0);
@@ -163,7 +167,7 @@ Trouble BringUp::Activate(std::size_t node) {
   if (const Trouble bus = drives_.BusTrouble()) {
     return bus;
   }
-  if (last_.outcome == Outcome::kRefused) {
+  if (last_.outcome == Outcome::kRefused || Answers(node)) {
     return Refused(node, "it cannot be cleared of its error");
   }
   return Silent(node);
@@ -282,7 +286,17 @@ Trouble BringUp::Refused(std::size_t node, const std::string& what) const {
           reason + "; is it of make " + drives_.make().name + ", and is its firmware known?"};
 }
 
+Trouble BringUp::NothingSent() const {
+  return {Fault::kBusFailed, 0,
+          fmt::format("nothing can be sent on {}: is the interface up, and does anything on the "
+                      "bus acknowledge?",
+                      drives_.vehicle().interface)};
+}
+
 Trouble BringUp::Silent(std::size_t node) const {
+  if (!drives_.Sent()) {
+    return NothingSent();
+  }
   return {Fault::kNodeSilent, Id(node),
           fmt::format("{} does not answer on {}: check its supply, node-ID and bit rate, and the "
                       "termination of the bus",

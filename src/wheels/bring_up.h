@@ -72,6 +72,8 @@ class BringUp final : private SdoObserver {
   bool Read(std::size_t node, const Object& object, std::uint32_t& value);
   bool Answers(std::size_t node);
   Trouble Refused(std::size_t node, const std::string& what) const;
+  Trouble NothingSent() const;
+  // Unless nothing went out to it.
   Trouble Silent(std::size_t node) const;
   Trouble Interrupted() const;
   std::uint32_t SdoId(std::size_t node) const;
@@ -86,7 +88,8 @@ class BringUp final : private SdoObserver {
   SdoTransfer last_;
   std::vector<SetUpFailure> failures_;
   bool& enabled_;
-  std::vector<std::uint32_t> boot_ups_;  // of each node before its reset
+  std::vector<std::uint32_t> boot_ups_;         // of each node before its reset
+  std::vector<std::uint32_t> zeroed_boot_ups_;  // of each node before its zero
   std::vector<bool> reset_;
 };
 

@@ -116,15 +116,7 @@ TEST_P(LostNodesTest, AStoredTargetTurnsNoWheelInTheBringUp) {
   SimulatedDrives drives(make);
   bus::FarEnd bus_record;
   for (const int node : TwoNodes()) {
-    for (const std::string& target : make.targets) {
-      const auto index = static_cast<std::uint16_t>(
-          std::stoul(target.substr(4, 2) + target.substr(2, 2), nullptr, 16));
-      const auto sub = static_cast<std::uint8_t>(std::stoul(target.substr(6, 2), nullptr, 16));
-      EXPECT_EQ(
-          drives[node].WriteObject(
-              index, sub, static_cast<std::uint32_t>(static_cast<int>(60 * make.units_per_rpm))),
-          sim::AbortCode::kNone);
-    }
+    drives.WriteTarget(node, 60);
   }
   const std::int32_t positions[] = {drives[1].Position(), drives[2].Position()};
   {

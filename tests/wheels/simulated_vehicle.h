@@ -68,6 +68,19 @@ class SimulatedDrives {
     }
   }
 
+  // A target velocity that is stored in the drive, as a host leaves it that crashed.
+  void WriteTarget(int node, double rpm) {
+    const auto units = static_cast<std::int32_t>(rpm * make_.units_per_rpm);
+    for (const std::string& target : make_.targets) {
+      const auto index = std::stoul(target.substr(4, 2) + target.substr(2, 2), nullptr, 16);
+      const auto sub = std::stoul(target.substr(6, 2), nullptr, 16);
+      EXPECT_EQ((*this)[node].WriteObject(static_cast<std::uint16_t>(index),
+                                          static_cast<std::uint8_t>(sub),
+                                          static_cast<std::uint32_t>(units)),
+                sim::AbortCode::kNone);
+    }
+  }
+
   double FastestRpm() {
     double fastest = 0;
     for (const auto& drive : drives_) {
