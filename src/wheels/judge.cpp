@@ -15,6 +15,14 @@ using std::chrono::nanoseconds;
 constexpr double kFollows = 0.5;  // of the target
 constexpr double kFollowsRpm = 5;
 constexpr auto kFollowTime = std::chrono::seconds(1);
+// A supervision hears the same frame a little later, and knows more: an emergency stop is no error.
+constexpr auto kSupervisionLag = std::chrono::milliseconds(100);
+
+bool IsDisabled(const HeardOfNode& heard, std::size_t motors) {
+  return heard.has_statusword &&
+         !std::all_of(heard.statuswords.begin(),
+                      heard.statuswords.begin() + static_cast<std::ptrdiff_t>(motors), IsEnabled);
+}
 
 }  // namespace
 
@@ -52,6 +60,8 @@ bool Judge::Listen(nanoseconds passed) {
       silence.reports = heard.reports;
       silence.without_report = nanoseconds(0);
     }
+    silence.disabled =
+        IsDisabled(heard, drives_.make().motors) ? silence.disabled + passed : nanoseconds(0);
     silence.left = heard.nmt_state != kNotHeard && heard.nmt_state != kOperational;
     silence.silent = silence.without_heartbeat > drives_.vehicle().heartbeat_timeout;
     silence.blind = silence.without_report > drives_.vehicle().feedback_timeout;
@@ -92,8 +102,9 @@ Trouble Judge::LookAtNode(std::size_t node) const {
   if (heard.ErrorCode() != 0) {
     return DriveErrorTrouble(drives_, node, heard.ErrorCode());
   }
+  const bool counts = drives_.make().supervise == nullptr || silence.disabled > kSupervisionLag;
   for (std::size_t motor = 0; motor < drives_.make().motors && heard.has_statusword; ++motor) {
-    if (!IsEnabled(heard.statuswords[motor])) {
+    if (counts && !IsEnabled(heard.statuswords[motor])) {
       return NotEnabledTrouble(drives_, node, heard.statuswords[motor]);
     }
   }

@@ -44,6 +44,7 @@ class Judge {
     std::uint32_t reports = 0;
     std::chrono::nanoseconds without_heartbeat{0};
     std::chrono::nanoseconds without_report{0};
+    std::chrono::nanoseconds disabled{0};  // for as long as its status PDO says so
   };
 
   Trouble LookAtNode(std::size_t node) const;
