@@ -16,113 +16,132 @@ constexpr double kMsPerMinute = 60'000;
 // No wheel motor is faster. A longer way is a counter that began anew unheard.
 constexpr double kImpossibleRpm = 30'000;
 
-// The host's clock and the drive's are not the same; a late report must not shift much.
+// Reports that come closer to each other than this part of a period came together.
+constexpr double kTogether = 0.15;
+// The drive's clock is not the host's; one late report must not shift the phase much.
 constexpr int kPhaseShare = 16;
+// How much older than wanted the gaps may be between which speed is measured, if only they are
+// complete.
+constexpr double kSlackLatest = 8;
+constexpr double kSlackBefore = 16;
 
 }  // namespace
 
 void Odometry::Add(std::uint32_t counts, Clock::time_point arrival) {
+  const auto way = static_cast<std::int32_t>(counts - last_counts_);
+  const auto since_last = arrival - last_arrival_;
+  last_counts_ = counts;
+  last_arrival_ = arrival;
   if (count_ == 0) {
     restarts_ = false;
-    last_counts_ = counts;
-    BeginGroup(1);
-    Push(0, 0, arrival);
     phase_ = arrival;
-    return;
+    return Begin(1, 0, arrival);
   }
-  const double late = Milliseconds(arrival - phase_) / Milliseconds(period_);
-  const double periods = std::max(0.0, std::round(late));
-  auto delta = static_cast<std::int32_t>(counts - last_counts_);
-  last_counts_ = counts;
 
-  const double longest = kImpossibleRpm / kMsPerMinute * counts_per_revolution_ *
-                         static_cast<double>(period_.count()) * (periods + 1);
-  if (restarts_ || std::abs(static_cast<double>(delta)) > longest + counts_per_revolution_) {
-    restarts_ = false;
-    delta = 0;
+  const bool close = Milliseconds(since_last) < kTogether * Milliseconds(period_);
+  if (close && way == 0 && std::abs(CountsPerPeriod(rpm_)) >= 1) {
+    return;  // the same report twice
   }
+  const bool together = close && !Back(0).complete();
+  const double late = Milliseconds(arrival - phase_) / Milliseconds(period_);
+  const double periods = together ? 0 : std::max(0.0, std::round(late));
+  const bool restarted = restarts_ || IsImpossible(way, periods);
+  restarts_ = false;
+  const std::int64_t position = Back(0).position + (restarted ? 0 : way);
 
   if (periods > 0) {
     phase_ += std::chrono::duration_cast<Clock::duration>(Milliseconds(period_) * periods);
-    BeginGroup(periods);
+    Begin(periods, position, arrival);
   } else {
-    const bool should_have_moved = std::abs(rpm_) / kMsPerMinute * counts_per_revolution_ *
-                                       static_cast<double>(period_.count()) >=
-                                   1;
-    if (delta == 0) {
-      // The same report twice; or, of a wheel that stands, one of a burst, which adds nothing.
-      if (!should_have_moved && LostInGroup() > 0) {
-        ++group_reports_;
-      }
-      return;
+    if (way == 0 && Back(0).complete()) {
+      return;  // nothing new of a wheel that stands
     }
-    ++group_reports_;
+    Gap& gap = Latest();
+    gap.position = position;
+    gap.arrival = arrival;
+    ++gap.reports;
+    ++gap.reports_end;
   }
-  // An early report shows that the ones before were late.
-  const auto error = arrival - phase_;
-  phase_ += error < Clock::duration::zero() ? error : error / kPhaseShare;
-
-  Push(group_begin_ + group_periods_, Latest().position + delta, arrival);
-  ShareGroup();
+  if (periods > 0) {
+    phase_ += (arrival - phase_) / kPhaseShare;
+  }
   MeasureSpeed();
 }
 
-void Odometry::BeginGroup(double periods) {
-  lost_ += LostInGroup();
-  group_begin_ = count_ == 0 ? -periods : Latest().time;
-  group_periods_ = periods;
-  group_reports_ = 1;
-  group_samples_ = 0;
-}
-
-std::uint32_t Odometry::LostInGroup() const {
-  const double missing = group_periods_ - static_cast<double>(group_reports_);
-  return missing > 0 ? static_cast<std::uint32_t>(missing) : 0;
-}
-
-void Odometry::Push(double time, std::int64_t position, Clock::time_point arrival) {
-  samples_[next_] = {time, position, arrival};
+void Odometry::Begin(double periods, std::int64_t position, Clock::time_point arrival) {
+  Gap gap;
+  gap.periods = periods;
+  gap.reports = 1;
+  gap.end = periods;
+  gap.reports_end = 1;
+  gap.position = position;
+  gap.arrival = arrival;
+  if (count_ > 0) {
+    const Gap& before = Back(0);
+    lost_ += static_cast<std::uint32_t>(std::max(0.0, before.periods - before.reports));
+    gap.end += before.end;
+    gap.reports_end += before.reports_end;
+  }
+  gaps_[next_] = gap;
   next_ = (next_ + 1) % kKept;
   count_ = std::min(count_ + 1, kKept);
-  ++group_samples_;
 }
 
-// Reports that arrive together were sent one period after the other.
-void Odometry::ShareGroup() {
-  const std::size_t samples = std::min(group_samples_, count_);
-  for (std::size_t age = 1; age < samples; ++age) {
-    samples_[(next_ + kKept - 1 - age) % kKept].time =
-        group_begin_ + group_periods_ * static_cast<double>(group_reports_ - age) /
-                           static_cast<double>(group_reports_);
-  }
+bool Odometry::IsImpossible(std::int32_t way, double periods) const {
+  return std::abs(static_cast<double>(way)) >
+         CountsPerPeriod(kImpossibleRpm) * (periods + 1) + counts_per_revolution_;
 }
 
+// Between gaps that are complete, unless too many reports are lost for that: where the last report
+// of a gap may be missing, its position is of a time that nobody knows.
 void Odometry::MeasureSpeed() {
-  const double window = std::max(1.0, kSpeedWindowMs / static_cast<double>(period_.count()));
-  std::size_t age = 1;
-  while (age + 1 < count_ && Latest().time - Back(age).time < window) {
-    ++age;
-  }
-  rpm_ = Rpm(Back(age), Latest());
+  const double window = std::max(1.0, PeriodsOf(kSpeedWindowMs));
+  const std::size_t to = Find(Settled(), 0, std::max(window, kSlackLatest));
+  const std::size_t from = Find(to, window, window + kSlackBefore);
+  rpm_ = Rpm(Back(from), Back(to));
 }
 
-double Odometry::Rpm(const Sample& from, const Sample& to) const {
-  const double ms = (to.time - from.time) * static_cast<double>(period_.count());
-  if (ms <= 0) {
-    return 0;
+// The youngest gap that ended `after_periods` or longer before the one of `age`, preferably one of
+// the complete ones not much older than `within_periods`; the oldest of all if there is none.
+std::size_t Odometry::Find(std::size_t age, double after_periods, double within_periods) const {
+  const double end = Back(age).end;
+  std::size_t found = age;
+  while (found + 1 < count_ && end - Back(found).end < after_periods) {
+    ++found;
   }
-  return static_cast<double>(to.position - from.position) / counts_per_revolution_ / ms *
-         kMsPerMinute;
+  for (std::size_t other = found; other < count_ && end - Back(other).end <= within_periods;
+       ++other) {
+    if (Back(other).complete()) {
+      return other;
+    }
+  }
+  return found;
 }
+
+double Odometry::Rpm(const Gap& from, const Gap& to) const {
+  const double periods = to.end - from.end;
+  return periods > 0
+             ? static_cast<double>(to.position - from.position) / periods / CountsPerPeriod(1)
+             : 0;
+}
+
+double Odometry::CountsPerPeriod(double rpm) const {
+  return rpm / kMsPerMinute * counts_per_revolution_ * static_cast<double>(period_.count());
+}
+
+double Odometry::PeriodsOf(double ms) const { return ms / static_cast<double>(period_.count()); }
 
 bool Odometry::StandsSince(Clock::time_point since) const {
-  const double window = std::max(1.0, kStandingWindowMs / static_cast<double>(period_.count()));
-  // A burst after a pause tells of earlier: what counts has arrived in as long a time.
-  const auto arrivals = Milliseconds(kStandingWindowMs) - 2 * Milliseconds(period_);
-  for (std::size_t age = 1; age < count_ && Back(age).arrival > since; ++age) {
-    if (Latest().time - Back(age).time >= window - 0.5 &&
-        Latest().arrival - Back(age).arrival >= arrivals) {
-      return std::abs(Rpm(Back(age), Latest())) < kStandingRpm;
+  const double window = std::max(1.0, PeriodsOf(kStandingWindowMs));
+  const std::size_t latest = Settled();
+  const Gap& to = Back(latest);
+  for (std::size_t age = latest + 1; age < count_ && Back(age).arrival > since; ++age) {
+    const Gap& from = Back(age);
+    const double periods = to.end - from.end;
+    if (periods >= window - 0.5) {
+      // After a pause it may be that nothing was lost, and all of it is late from now on.
+      const bool enough = (to.reports_end - from.reports_end) * 2 >= periods;
+      return enough && std::abs(Rpm(from, to)) < kStandingRpm;
     }
   }
   return false;
