@@ -1,12 +1,16 @@
 #include "vehicle.h"
 
 #include <fmt/format.h>
+#include <yaml-cpp/depthguard.h>
+#include <yaml-cpp/eventhandler.h>
 #include <yaml-cpp/yaml.h>
 
+#include <cerrno>
 #include <charconv>
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <sstream>
 #include <string>
 #include <type_traits>
 
@@ -19,33 +23,73 @@ constexpr std::size_t kLongestFile = 64 << 10;
 
 std::string OneLine(std::string text) {
   for (char& c : text) {
-    if (c == '\n' || c == '\r') {
+    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) {
       c = ' ';
     }
   }
   return text;
 }
 
+// Of what a file holds, no more than fits a line.
+std::string Shortened(const std::string& key) {
+  const std::string quoted = Quoted(key);
+  return quoted.substr(1, quoted.size() - 2);
+}
+
+[[noreturn]] void RefuseFile(const std::string& path, const std::string& what) {
+  throw VehicleError(OneLine(path + ": " + what));
+}
+
+[[noreturn]] void RefusePlace(const std::string& path, const YAML::Mark& mark,
+                              const std::string& key, const std::string& what) {
+  throw VehicleError(
+      OneLine(fmt::format("{}:{}:{}: {}: {}", path, mark.line + 1, mark.column + 1, key, what)));
+}
+
 std::string ReadFile(const std::string& path) {
   std::error_code no_such_file;
   if (std::filesystem::is_directory(path, no_such_file)) {
-    throw VehicleError(path + ": is a directory");
+    RefuseFile(path, "is a directory, not the file of a vehicle");
   }
   std::ifstream file(path, std::ios::binary);
   if (!file) {
-    throw VehicleError(path + ": cannot be opened");
+    RefuseFile(path, "cannot be opened: " + std::generic_category().message(errno));
   }
   std::string text(kLongestFile + 1, '\0');
   file.read(text.data(), static_cast<std::streamsize>(text.size()));
   text.resize(static_cast<std::size_t>(file.gcount()));
   if (file.bad()) {
-    throw VehicleError(path + ": cannot be read");
+    RefuseFile(path, "cannot be read: " + std::generic_category().message(errno));
   }
   if (text.size() > kLongestFile) {
-    throw VehicleError(
-        fmt::format("{}: too long for a vehicle, at most {} bytes", path, kLongestFile));
+    RefuseFile(path, fmt::format("too long for a vehicle, at most {} bytes", kLongestFile));
   }
   return text;
+}
+
+// Makes nothing of a document.
+class PassOver final : public YAML::EventHandler {
+ public:
+  void OnDocumentStart(const YAML::Mark&) override {}
+  void OnDocumentEnd() override {}
+  void OnNull(const YAML::Mark&, YAML::anchor_t) override {}
+  void OnAlias(const YAML::Mark&, YAML::anchor_t) override {}
+  void OnScalar(const YAML::Mark&, const std::string&, YAML::anchor_t,
+                const std::string&) override {}
+  void OnSequenceStart(const YAML::Mark&, const std::string&, YAML::anchor_t,
+                       YAML::EmitterStyle::value) override {}
+  void OnSequenceEnd() override {}
+  void OnMapStart(const YAML::Mark&, const std::string&, YAML::anchor_t,
+                  YAML::EmitterStyle::value) override {}
+  void OnMapEnd() override {}
+};
+
+// Not by LoadAll(): where a text goes on with a comma after its document, it never ends.
+bool HoldsSeveral(const std::string& text) {
+  std::istringstream stream(text);
+  YAML::Parser parser(stream);
+  PassOver handler;
+  return parser.HandleNextDocument(handler) && parser;
 }
 
 // Takes the entries of one mapping, each at most once, and remembers where they stand.
@@ -63,7 +107,7 @@ class Mapping {
     for (const auto& entry : node) {
       const std::string key = entry.first.IsScalar() ? entry.first.Scalar() : "?";
       if (!entries_.emplace(key, Entry{entry.first.Mark(), entry.second}).second) {
-        Refuse(entry.first.Mark(), prefix_ + key, "stands twice");
+        Refuse(entry.first.Mark(), prefix_ + Shortened(key), "stands twice");
       }
       places_[prefix_ + key] = entry.first.Mark();
     }
@@ -72,7 +116,7 @@ class Mapping {
   // What is left was not asked for.
   void End(const std::string& known) const {
     for (const auto& [key, entry] : entries_) {
-      Refuse(entry.mark, prefix_ + key, "unknown key, there are " + known);
+      Refuse(entry.mark, prefix_ + Shortened(key), "unknown key, there are " + known);
     }
   }
 
@@ -82,7 +126,8 @@ class Mapping {
       return false;
     }
     value = entry->second.value;
-    mark_ = value.Mark().is_null() ? entry->second.mark : value.Mark();
+    // A value that is left out is where the next key stands.
+    mark_ = value.IsNull() ? entry->second.mark : value.Mark();
     entries_.erase(entry);
     return true;
   }
@@ -102,27 +147,36 @@ class Mapping {
     if (Take(key, value)) {
       const std::string text = value.IsScalar() ? value.Scalar() : "";
       if (text != "true" && text != "false") {
-        Refuse(mark_, prefix_ + key, "is neither true nor false");
+        Refuse(mark_, prefix_ + key,
+               value.IsScalar() ? Quoted(text) + " is neither true nor false"
+                                : std::string("is neither true nor false"));
       }
       out = text == "true";
     }
   }
 
-  // Whole numbers, and others as they are usually written; no "nan", no "0x10".
+  // Numbers as they are usually written; no "nan", no "0x10".
   template <typename Number>
   std::enable_if_t<std::is_arithmetic_v<Number>> Take(const char* key, Number& out) {
+    using Read = std::conditional_t<std::is_integral_v<Number>, long long, Number>;
     YAML::Node value;
     if (Take(key, value)) {
       const std::string text = value.IsScalar() ? value.Scalar() : "";
       const char* const end = text.data() + text.size();
-      Number number = 0;
+      Read number = 0;
       const auto [stop, error] = std::from_chars(text.data(), end, number);
       const bool word = text.find_first_of("ni") != std::string::npos;  // "nan", "inf"
-      if (error != std::errc() || stop != end || word) {
+      if (stop != end || word || error == std::errc::invalid_argument) {
         Refuse(mark_, prefix_ + key,
-               std::is_integral_v<Number> ? "is not a whole number that fits" : "is not a number");
+               (value.IsScalar() ? Quoted(text) + " is" : std::string("is")) +
+                   (std::is_integral_v<Number> ? " not a whole number, as 10 is"
+                                               : " not a number, as 1.5 is"));
       }
-      out = number;
+      out = static_cast<Number>(number);
+      if (error != std::errc() || static_cast<Read>(out) != number ||
+          (std::is_unsigned_v<Number> && number < 0)) {
+        Refuse(mark_, prefix_ + key, Quoted(text) + " is too large or too small");
+      }
     }
   }
 
@@ -134,8 +188,7 @@ class Mapping {
 
   [[noreturn]] void Refuse(const YAML::Mark& mark, const std::string& key,
                            const std::string& what) const {
-    throw VehicleError(
-        OneLine(fmt::format("{}:{}:{}: {}: {}", path_, mark.line + 1, mark.column + 1, key, what)));
+    RefusePlace(path_, mark, key, what);
   }
 
  private:
@@ -212,16 +265,19 @@ Vehicle LoadVehicle(const std::string& path) {
   const std::string text = ReadFile(path);
   Vehicle vehicle;
   try {
-    const std::vector<YAML::Node> documents = YAML::LoadAll(text);
-    if (documents.size() != 1) {
-      throw VehicleError(path + (documents.empty() ? ": is empty" : ": holds several documents") +
-                         ", a vehicle is one");
+    if (HoldsSeveral(text)) {
+      RefuseFile(path, "holds several documents, a vehicle is one");
+    }
+    const YAML::Node root = YAML::Load(text);
+    if (root.IsNull()) {
+      RefuseFile(path, "is empty, a vehicle has keys with values");
     }
     Mapping::Places places;
-    vehicle = ReadVehicle(path, documents.front(), places);
+    vehicle = ReadVehicle(path, root, places);
+  } catch (const YAML::DeepRecursion& error) {
+    RefusePlace(path, error.mark, "vehicle", "is nested too deep for one");
   } catch (const YAML::Exception& error) {
-    throw VehicleError(OneLine(
-        fmt::format("{}:{}:{}: {}", path, error.mark.line + 1, error.mark.column + 1, error.msg)));
+    RefusePlace(path, error.mark, "vehicle", "is not YAML: " + error.msg);
   }
   if (!vehicle.texts.empty() && std::filesystem::path(vehicle.texts).is_relative()) {
     vehicle.texts = (std::filesystem::path(path).parent_path() / vehicle.texts).string();

@@ -18,6 +18,10 @@ constexpr double kMostGearRatio = 1e4;
 constexpr unsigned long kFewestCounts = 4;  // below, a kinco drive's unit of velocity is nothing
 constexpr unsigned long kMostCounts = 1UL << 24U;
 
+constexpr std::size_t kLongestQuote = 60;
+
+bool IsControl(unsigned char c) { return c < 0x20 || c == 0x7F; }
+
 std::string Key(std::size_t wheel, const char* field) {
   return fmt::format("wheels[{}].{}", wheel, field);
 }
@@ -84,6 +88,10 @@ Problem CheckWheel(const Vehicle& vehicle, const Make& make, std::size_t number)
   if (wheel.name.empty()) {
     return VehicleProblem{Key(number, "name"), "is empty, every wheel has a name of its own"};
   }
+  if (std::any_of(wheel.name.begin(), wheel.name.end(), IsControl)) {
+    return VehicleProblem{Key(number, "name"),
+                          Quoted(wheel.name) + " has a character that cannot be printed"};
+  }
   Problem problem = CheckRange(Key(number, "node"), wheel.node, 1, 127);
   if (!problem) {
     problem = CheckRange(Key(number, "motor"), wheel.motor, 1, static_cast<long>(make.motors));
@@ -97,20 +105,19 @@ Problem CheckWheel(const Vehicle& vehicle, const Make& make, std::size_t number)
   const double fastest = vehicle.max_rpm * wheel.gear_ratio;
   if (fastest > make.max_motor_rpm) {
     return VehicleProblem{
-        "max_rpm", fmt::format("{} x gear_ratio {} of wheel \"{}\" is {} rpm of the motor, a {} "
+        "max_rpm", fmt::format("{} x gear_ratio {} of wheel {} is {} rpm of the motor, a {} "
                                "takes at most {}",
-                               vehicle.max_rpm, wheel.gear_ratio, wheel.name, fastest, make.name,
-                               make.max_motor_rpm)};
+                               vehicle.max_rpm, wheel.gear_ratio, Quoted(wheel.name), fastest,
+                               make.name, make.max_motor_rpm)};
   }
   for (std::size_t other = 0; other < number; ++other) {
     if (vehicle.wheels[other].name == wheel.name) {
-      return VehicleProblem{Key(number, "name"),
-                            fmt::format("\"{}\" names another wheel, too", wheel.name)};
+      return VehicleProblem{Key(number, "name"), Quoted(wheel.name) + " names another wheel, too"};
     }
     if (vehicle.wheels[other].node == wheel.node && vehicle.wheels[other].motor == wheel.motor) {
       return VehicleProblem{Key(number, "node"),
-                            fmt::format("motor {} of node {} turns wheel \"{}\" already",
-                                        wheel.motor, wheel.node, vehicle.wheels[other].name)};
+                            fmt::format("motor {} of node {} turns wheel {} already", wheel.motor,
+                                        wheel.node, Quoted(vehicle.wheels[other].name))};
     }
   }
   return std::nullopt;
@@ -118,16 +125,22 @@ Problem CheckWheel(const Vehicle& vehicle, const Make& make, std::size_t number)
 
 }  // namespace
 
+std::string Quoted(const std::string& text) {
+  std::string line = text.substr(0, kLongestQuote);
+  std::replace_if(line.begin(), line.end(), IsControl, '?');
+  return '"' + line + (line.size() < text.size() ? "...\"" : "\"");
+}
+
 std::optional<VehicleProblem> FindProblem(const Vehicle& vehicle) {
   const Make* make = FindMake(vehicle.make);
   if (make == nullptr) {
-    return VehicleProblem{"make", fmt::format("\"{}\" is not {}", vehicle.make, MakeNames())};
+    return VehicleProblem{"make", fmt::format("{} is not {}", Quoted(vehicle.make), MakeNames())};
   }
   if (!IsInterfaceName(vehicle.interface)) {
-    return VehicleProblem{
-        "interface", fmt::format("\"{}\" is not a name of 1 to 15 letters, digits, '.', '_' or "
-                                 "'-'",
-                                 vehicle.interface)};
+    return VehicleProblem{"interface",
+                          fmt::format("{} is not a name of 1 to 15 letters, digits, '.', '_' or "
+                                      "'-', which may not come first",
+                                      Quoted(vehicle.interface))};
   }
   if (vehicle.wheels.empty() || vehicle.wheels.size() > kMostWheels) {
     return VehicleProblem{"wheels", fmt::format("{} wheels, a vehicle has 1 to {}",

@@ -15,4 +15,7 @@ struct VehicleProblem {
 
 std::optional<VehicleProblem> FindProblem(const Vehicle& vehicle);
 
+// In quotes and fit for one line, whatever it holds: "can0".
+std::string Quoted(const std::string& text);
+
 }  // namespace motor_driver

@@ -1,0 +1,65 @@
+// The way of the wheels against the encoders of simulated drives, on a bus that loses, doubles and
+// delays.
+#include <cmath>
+#include <cstdint>
+#include <string>
+
+#include "fault_test.h"
+#include "two_wheels.h"
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using two_wheels::DriveMake;
+
+class OdometryBusTest : public FaultTest, public ::testing::WithParamInterface<DriveMake> {};
+
+TEST_P(OdometryBusTest, CountsEveryRevolutionWhateverTheBusDoesToReports) {
+  const DriveMake& make = GetParam();
+  two_wheels::Drives drives(make);
+  const motor_driver::Vehicle vehicle = two_wheels::VehicleOf(make);
+  motor_driver::Wheels wheels(vehicle);
+  ASSERT_TRUE(two_wheels::BroughtUp(wheels));
+  const std::int32_t begin[] = {drives.Position(0), drives.Position(1)};
+  EXPECT_EQ(wheels.GetWheel(0).revolutions, 0);
+
+  bus::TrafficControl("netem loss 5% duplicate 5% delay 3ms 2ms", "can1");
+  double way[2] = {};
+  for (const double rpm : {90.0, -60.0, 40.0}) {
+    {
+      const two_wheels::Host host(wheels, {rpm, -rpm});
+      for (const std::size_t wheel : {0U, 1U}) {
+        const double sign = wheel == 0 ? 1 : -1;
+        ASSERT_TRUE(Eventually([&] {
+          return std::abs(wheels.GetWheel(wheel).measured_rpm - sign * rpm) < 1;
+        })) << wheel
+            << ": " << wheels.GetWheel(wheel).measured_rpm << ", " << wheels.GetReport().reason;
+      }
+      // Steady: whole rpm of the motor, and so of the wheel but for its gear.
+      for (const auto end = bus::Clock::now() + milliseconds(700); bus::Clock::now() < end;) {
+        std::this_thread::sleep_for(milliseconds(7));
+      }
+      EXPECT_NEAR(wheels.GetWheel(0).measured_rpm, rpm, 0.05 * std::abs(rpm));
+      EXPECT_NEAR(wheels.GetWheel(1).measured_rpm, -rpm, 0.05 * std::abs(rpm));
+    }
+    EXPECT_TRUE(wheels.Stop()) << wheels.GetReport().reason;
+    for (const std::size_t wheel : {0U, 1U}) {
+      const auto counts =
+          static_cast<std::int32_t>(static_cast<std::uint32_t>(drives.Position(wheel)) -
+                                    static_cast<std::uint32_t>(begin[wheel]));
+      const double motor = make.direction * counts / make.counts_per_revolution;
+      way[wheel] = wheel == 0 ? motor : -motor / 2.5;
+      EXPECT_NEAR(wheels.GetWheel(wheel).revolutions, way[wheel], 1e-9) << wheel << ", " << rpm;
+    }
+  }
+  EndTrafficControl("can1");
+  EXPECT_GT(way[0], 0.2) << "the wheel turned";
+  EXPECT_LT(way[1], -0.2);
+  EXPECT_GT(wheels.GetWheel(0).lost_reports + wheels.GetWheel(1).lost_reports, 0U);
+}
+
+INSTANTIATE_TEST_SUITE_P(EveryMake, OdometryBusTest, ::testing::ValuesIn(two_wheels::DriveMakes()),
+                         [](const auto& tested) { return tested.param.name; });
+
+}  // namespace

@@ -1,0 +1,113 @@
+// A vehicle of two wheels with simulated drives at the far end, and a host that commands them.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <wheels.h>
+
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "observed_driver.h"  // Eventually
+#include "sim/simulated_drive.h"
+
+namespace two_wheels {
+
+using motor_driver::Vehicle;
+using motor_driver::Wheels;
+
+struct DriveMake {
+  std::string name;
+  double counts_per_revolution;
+  int direction;  // -1: the encoder counts against the commanded speed
+  int motors;     // of a node
+};
+
+inline void PrintTo(const DriveMake& make, std::ostream* out) { *out << make.name; }
+
+inline const std::vector<DriveMake>& DriveMakes() {
+  static const std::vector<DriveMake> makes = {{"zl", 4096, 1, 2},
+                                               {"tt", 32768, 1, 1},
+                                               {"hls", 131072, -1, 1},
+                                               {"amps", 4096, 1, 1},
+                                               {"kinco", 10000, 1, 1}};
+  return makes;
+}
+
+// Both motors of node 1 where it has two, otherwise those of nodes 1 and 2; the right one mirrored
+// and geared down.
+inline Vehicle VehicleOf(const DriveMake& make) {
+  Vehicle vehicle;
+  vehicle.make = make.name;
+  const bool both = make.motors == 2;
+  vehicle.wheels = {{"left", 1, 1, false, 1.0}, {"right", both ? 1 : 2, both ? 2 : 1, true, 2.5}};
+  vehicle.max_acceleration = 600;
+  vehicle.max_deceleration = 600;
+  return vehicle;
+}
+
+class Drives {
+ public:
+  explicit Drives(const DriveMake& make) {
+    for (const int node : {1, 2}) {
+      if (node <= 2 / make.motors) {
+        sim::SimulatedDrive::Options options;
+        options.make = make.name;
+        options.node_id = static_cast<std::uint8_t>(node);
+        // Both wrap around soon, wherever they turn.
+        options.start_positions = {0x7FFFFF00, -0x7FFFFF00};
+        drives_.push_back(std::make_unique<sim::SimulatedDrive>(options));
+      }
+    }
+  }
+
+  sim::SimulatedDrive& operator[](std::size_t drive) { return *drives_[drive]; }
+
+  // The encoder of a wheel's motor.
+  std::int32_t Position(std::size_t wheel) {
+    return drives_.size() == 1 ? drives_[0]->Position(wheel + 1) : drives_[wheel]->Position(1);
+  }
+  double SpeedRpm(std::size_t wheel) {
+    return drives_.size() == 1 ? drives_[0]->SpeedRpm(wheel + 1) : drives_[wheel]->SpeedRpm(1);
+  }
+
+ private:
+  std::vector<std::unique_ptr<sim::SimulatedDrive>> drives_;
+};
+
+// A machine that stalls for 100 ms has one answer too late.
+inline bool BroughtUp(Wheels& wheels) {
+  bool up = wheels.BringUp();
+  for (int again = 0; again < 2 && !up; ++again) {
+    up = wheels.Clear();
+  }
+  EXPECT_TRUE(up) << wheels.GetReport().reason;
+  return up;
+}
+
+// Commands the same every 10 ms, on a thread of its own.
+class Host {
+ public:
+  Host(Wheels& wheels, std::vector<double> rpm)
+      : thread_([this, &wheels, speeds = std::move(rpm)] {
+          while (!ending_) {
+            wheels.Command(speeds.data(), speeds.size());
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+          }
+        }) {}
+  ~Host() {
+    ending_ = true;
+    thread_.join();
+  }
+  Host(const Host&) = delete;
+  Host& operator=(const Host&) = delete;
+
+ private:
+  std::atomic<bool> ending_{false};
+  std::thread thread_;
+};
+
+}  // namespace two_wheels
