@@ -10,7 +10,6 @@
 namespace {
 
 using std::chrono::milliseconds;
-using std::chrono::seconds;
 using two_wheels::DriveMake;
 
 class OdometryBusTest : public FaultTest, public ::testing::WithParamInterface<DriveMake> {};
@@ -36,12 +35,18 @@ TEST_P(OdometryBusTest, CountsEveryRevolutionWhateverTheBusDoesToReports) {
         })) << wheel
             << ": " << wheels.GetWheel(wheel).measured_rpm << ", " << wheels.GetReport().reason;
       }
-      // Steady: whole rpm of the motor, and so of the wheel but for its gear.
-      for (const auto end = bus::Clock::now() + milliseconds(700); bus::Clock::now() < end;) {
-        std::this_thread::sleep_for(milliseconds(7));
+      // A machine that stalls sends reports in bursts, and the bus changes their order: a while in
+      // which it does not must come.
+      int in_a_row = 0;
+      for (const auto end = bus::Clock::now() + std::chrono::seconds(20);
+           in_a_row < 30 && bus::Clock::now() < end;) {
+        const bool right =
+            std::abs(wheels.GetWheel(0).measured_rpm - rpm) < 0.01 * std::abs(rpm) + 0.1 &&
+            std::abs(wheels.GetWheel(1).measured_rpm + rpm) < 0.01 * std::abs(rpm) + 0.1;
+        in_a_row = right ? in_a_row + 1 : 0;
+        std::this_thread::sleep_for(milliseconds(10));
       }
-      EXPECT_NEAR(wheels.GetWheel(0).measured_rpm, rpm, 0.05 * std::abs(rpm));
-      EXPECT_NEAR(wheels.GetWheel(1).measured_rpm, -rpm, 0.05 * std::abs(rpm));
+      EXPECT_EQ(in_a_row, 30) << "within 1 %, and the rounding of the second motor";
     }
     EXPECT_TRUE(wheels.Stop()) << wheels.GetReport().reason;
     for (const std::size_t wheel : {0U, 1U}) {
@@ -51,11 +56,10 @@ TEST_P(OdometryBusTest, CountsEveryRevolutionWhateverTheBusDoesToReports) {
       const double motor = make.direction * counts / make.counts_per_revolution;
       way[wheel] = wheel == 0 ? motor : -motor / 2.5;
       EXPECT_NEAR(wheels.GetWheel(wheel).revolutions, way[wheel], 1e-9) << wheel << ", " << rpm;
+      EXPECT_TRUE(rpm != 90 || (wheel == 0 ? way[0] > 0.2 : way[1] < -0.2)) << way[wheel];
     }
   }
   EndTrafficControl("can1");
-  EXPECT_GT(way[0], 0.2) << "the wheel turned";
-  EXPECT_LT(way[1], -0.2);
   EXPECT_GT(wheels.GetWheel(0).lost_reports + wheels.GetWheel(1).lost_reports, 0U);
 }
 
