@@ -103,7 +103,7 @@ Trouble BringUp::Wake(std::size_t node) {
   const bool woken = drives_.drive().ActiveNode(Id(node));
   drives_.drive().ClearCanFilterRules();
   drives_.SetWaking(false);
-  if (const Trouble bus = drives_.BusTrouble()) {
+  if (Trouble bus = drives_.BusTrouble()) {
     return bus;
   }
   return woken ? Trouble() : Silent(node);
@@ -115,7 +115,7 @@ Trouble BringUp::Reset(std::size_t node) {
   if (drives_.drive().ResetNode(Id(node))) {
     return {};
   }
-  const Trouble bus = drives_.BusTrouble();
+  Trouble bus = drives_.BusTrouble();
   return bus ? bus : NothingSent();
 }
 
@@ -127,7 +127,7 @@ Trouble BringUp::ConfirmZero(std::size_t node) {
     if (surroundings_.Cancelled()) {
       return Interrupted();
     }
-    if (const Trouble bus = drives_.BusTrouble()) {
+    if (Trouble bus = drives_.BusTrouble()) {
       return bus;
     }
     // A write that the drive answers just before it resets would prove nothing.
@@ -164,7 +164,7 @@ Trouble BringUp::Activate(std::size_t node) {
   if (make.must_be_woken || drives_.drive().ActiveNode(Id(node))) {
     return {};
   }
-  if (const Trouble bus = drives_.BusTrouble()) {
+  if (Trouble bus = drives_.BusTrouble()) {
     return bus;
   }
   if (last_.outcome == Outcome::kRefused || Answers(node)) {
@@ -192,13 +192,13 @@ Trouble BringUp::SetUp(std::size_t node) {
     }
   }
   if (failures != 0) {
-    const Trouble bus = drives_.BusTrouble();
+    Trouble bus = drives_.BusTrouble();
     if (bus || (!refused() && !Answers(node))) {
       return bus ? bus : Silent(node);
     }
     return Refused(node, fmt::format("{} writes of the set-up were not taken", failures));
   }
-  if (const Trouble trouble = SetTimes(node)) {
+  if (Trouble trouble = SetTimes(node)) {
     return trouble;
   }
   drives_.TakesCommands(node, true);

@@ -148,7 +148,7 @@ Trouble Control::BringUpAll() {
     return BringUpSimulated();
   }
   motor_driver::BringUp bring_up(drives_, *this, enabled_);
-  const Trouble trouble = bring_up.Run(std::vector<bool>(drives_.nodes().size(), true));
+  Trouble trouble = bring_up.Run(std::vector<bool>(drives_.nodes().size(), true));
   Publish([&](Shared& shared) { shared.failures = bring_up.failures(); });
   return trouble;
 }
@@ -182,7 +182,7 @@ Trouble Control::ClearFault() {
   }
   drives_.SendZerosMeanwhile();
   motor_driver::BringUp bring_up(drives_, *this, enabled_);
-  const Trouble trouble = bring_up.Run(NodesConcerned(bring_up));
+  Trouble trouble = bring_up.Run(NodesConcerned(bring_up));
   Publish([&](Shared& shared) { shared.failures = bring_up.failures(); });
   return trouble;
 }
@@ -190,11 +190,16 @@ Trouble Control::ClearFault() {
 std::vector<bool> Control::NodesConcerned(motor_driver::BringUp& bring_up) {
   std::vector<bool> concerned(drives_.nodes().size(), !was_ready_);
   for (std::size_t node = 0; node < concerned.size(); ++node) {
-    // Its supervision leads it out of an emergency stop, and nobody else.
-    const bool stopped =
-        drives_.make().supervise != nullptr &&
-        drives_.drive().GetDriverStatus(drives_.nodes()[node].id) == DriverStatus::EmergencyStop;
-    if (!concerned[node] && !stopped) {
+    concerned[node] = concerned[node] || !drives_.TakesCommands(node);
+    if (!concerned[node] && drives_.make().supervise != nullptr) {
+      // Its supervision leads it out of an emergency stop, and nobody else.
+      const DriverStatus status = drives_.drive().GetDriverStatus(drives_.nodes()[node].id);
+      if (status == DriverStatus::EmergencyStop) {
+        continue;
+      }
+      concerned[node] = status != DriverStatus::Ready;
+    }
+    if (!concerned[node]) {
       concerned[node] = judge_.Gone(node) || drives_.watch().Node(node).ErrorCode() != 0 ||
                         bring_up.LookAtDrive(node);
     }

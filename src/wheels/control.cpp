@@ -86,13 +86,7 @@ void Control::Run() {
   auto next = Clock::now();
   while (!ending_) {
     if (asked_.exchange(false)) {
-      Job job = Job::kNone;
-      {
-        const std::lock_guard<std::mutex> lock(call_mutex_);
-        job = call_.job;
-        stop_deadline_ = call_.deadline;
-      }
-      Serve(job);
+      Serve(TakeCall());
       if (CurrentState() == State::kOff) {
         break;
       }
@@ -113,6 +107,12 @@ void Control::Run() {
   drives_.Close();
 }
 
+Control::Job Control::TakeCall() {
+  const std::lock_guard<std::mutex> lock(call_mutex_);
+  stop_deadline_ = call_.deadline;
+  return call_.job;
+}
+
 void Control::Cycle(Clock::time_point now) {
   const auto passed = std::min<nanoseconds>(now - last_cycle_, 2 * vehicle_.period);
   last_cycle_ = now;
@@ -126,7 +126,7 @@ void Control::JudgeCycle(nanoseconds passed) {
   const bool gone = judge_.Listen(passed);
   if (CurrentState() == State::kFault) {
     abrupt_ = abrupt_ || gone;
-  } else if (const Trouble trouble = judge_.Look(target_rpm_, passed)) {
+  } else if (Trouble trouble = judge_.Look(target_rpm_, passed)) {
     EnterFault(trouble);
   }
   // Whatever happened to the bus, wheels may still turn at the last speed commanded.
@@ -163,7 +163,8 @@ void Control::Move(const Speeds& goals) {
   }
   for (std::size_t node = 0; node < motor_rpm_.size(); ++node) {
     for (std::size_t motor = 0; motor < kMaxMotors; ++motor) {
-      if (const auto& number = drives_.nodes()[node].wheels[motor]) {
+      const std::optional<std::size_t>& number = drives_.nodes()[node].wheels[motor];
+      if (number) {
         const Wheel& wheel = vehicle_.wheels[*number];
         // The classes take whole rpm.
         const double rpm = std::round(MotorRpmOf(wheel, speeds_[*number]));

@@ -81,6 +81,7 @@ class Control final : private Surroundings {
   void Finish(bool result);
 
   void Run();
+  Job TakeCall();
   void Serve(Job job);
   Trouble BringUpAll();
   Trouble BringUpSimulated();

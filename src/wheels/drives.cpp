@@ -62,7 +62,7 @@ Trouble Drives::Open() {
     const bool heartbeat = drive->HandleCanFrame(frame);
     return watch_.Take(frame, heartbeat);
   });
-  const Trouble trouble = BusTrouble();
+  Trouble trouble = BusTrouble();
   if (trouble || vehicle_.texts.empty() || make_.supervise == nullptr) {
     return trouble;
   }

@@ -56,6 +56,7 @@ class Drives {
 
   // From now on the node takes speeds: it was set up.
   void TakesCommands(std::size_t node, bool takes) { commanded_[node].takes_commands = takes; }
+  bool TakesCommands(std::size_t node) const { return commanded_[node].takes_commands; }
   bool AnyTakesCommands() const;
 
   // Speeds of every node that takes them, in rpm of the motors; zeros besides by SDO, not

@@ -18,6 +18,11 @@ constexpr auto kMotionlessTime = std::chrono::seconds(5);
 constexpr auto kPause = milliseconds(20);
 constexpr std::uint32_t kReportsWanted = 3;
 
+// Objects of 32 bits hold 16 bits of each motor.
+std::uint16_t Half(std::uint32_t value, std::size_t motor) {
+  return static_cast<std::uint16_t>(motor == 0 ? value : value >> 16);
+}
+
 }  // namespace
 
 Trouble BringUp::AwaitReady() {
@@ -89,12 +94,12 @@ Trouble BringUp::LookAtDrive(std::size_t node) {
 Trouble BringUp::StatusTrouble(std::size_t node, std::optional<std::uint32_t> statusword,
                                std::uint32_t error) const {
   for (std::size_t motor = 0; motor < drives_.make().motors; ++motor) {
-    const auto code = static_cast<std::uint16_t>(error >> 16 * motor);
+    const auto code = Half(error, motor);
     if (code != 0) {
       return DriveErrorTrouble(drives_, node, code);
     }
     if (statusword) {
-      const auto word = static_cast<std::uint16_t>(*statusword >> 16 * motor);
+      const auto word = Half(*statusword, motor);
       if (!IsEnabled(word)) {
         return NotEnabledTrouble(drives_, node, word);
       }
