@@ -19,7 +19,9 @@ class StopTest : public EveryMakeTest {};
 
 TEST_P(StopTest, EndsWhenEveryWheelWasMeasuredToStand) {
   SimulatedDrives drives(GetParam());
-  Wheels wheels(TwoWheels(GetParam()));
+  motor_driver::Vehicle vehicle = TwoWheels(GetParam());
+  vehicle.command_timeout = milliseconds(1000);  // a command that is stale stops, too
+  Wheels wheels(vehicle);
   ASSERT_TRUE(BroughtUp(wheels)) << wheels.GetReport().reason;
   {
     const Commanding host(wheels, 60);

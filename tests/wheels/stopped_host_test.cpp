@@ -142,6 +142,8 @@ TEST_P(StoppedHostTest, GoesOnAndEndsAtZero) {
   const auto& [make, phase] = GetParam();
   // Shorter than the time for which it is stopped: only what it could hear counts.
   Vehicle vehicle = TwoWheels(make);
+  vehicle.heartbeat_timeout = milliseconds(450);
+  vehicle.feedback_timeout = milliseconds(450);
   ASSERT_LT(vehicle.heartbeat_timeout, milliseconds(500));
   Host host(vehicle, phase);
   {
