@@ -18,7 +18,7 @@ namespace motor_driver {
 
 /// One wheel and the motor that turns it.
 struct Wheel {
-  std::string name;         ///< unique, not empty: "left"
+  std::string name;         ///< unique, not empty, can be printed: "left"
   int node = 1;             ///< node-ID, 1 to 127, with every make
   int motor = 1;            ///< 2: second motor of the node (zl)
   bool mirrored = false;    ///< forward of the vehicle is backward of this motor

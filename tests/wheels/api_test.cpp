@@ -48,10 +48,10 @@ TEST_F(ApiTest, AnObjectThatIsRefusedSendsNothing) {
   far_end.ExpectSilence();
   Vehicle wrong = VehicleOf(Zl());
   wrong.max_rpm = -1;
-  EXPECT_THROW(Wheels{wrong}, VehicleError);
+  EXPECT_THROW(Wheels refused(wrong), VehicleError);
   {
     const Wheels idle(VehicleOf(Zl()));
-    EXPECT_THROW(Wheels{VehicleOf(Zl())}, VehicleError);
+    EXPECT_THROW(Wheels refused(VehicleOf(Zl())), VehicleError);
     EXPECT_EQ(idle.GetReport().state, State::kOff);
   }
   const Wheels again(VehicleOf(Zl()));
@@ -64,7 +64,7 @@ TEST_F(ApiTest, ASecondObjectOnTheBusIsRefusedAndTheFirstGoesOn) {
   const two_wheels::Host host(wheels, {50, 50});
   ASSERT_TRUE(Eventually([&] { return std::abs(drives.SpeedRpm(0) - 50) < 0.1; }));
   for (int attempt = 0; attempt < 20; ++attempt) {
-    EXPECT_THROW(Wheels{VehicleOf(Zl())}, VehicleError);
+    EXPECT_THROW(Wheels refused(VehicleOf(Zl())), VehicleError);
   }
   EXPECT_EQ(wheels.GetReport().state, State::kRunning) << wheels.GetReport().reason;
   EXPECT_NEAR(drives.SpeedRpm(0), 50, 0.1);
