@@ -48,6 +48,7 @@ class Axis {
   bool emergency_pressed() const { return state_.emergency_pressed(); }
   std::uint16_t error_code() const { return error_code_; }
   std::int8_t mode() const { return mode_; }
+  std::int32_t counts_per_revolution() const { return traits_.counts_per_revolution; }
   std::int32_t Position() const { return motor_.position(); }
   std::int32_t VelocityUnits() const;
   double SpeedRpm() const { return static_cast<double>(motor_.speed_urpm()) / 1e6; }

@@ -20,6 +20,12 @@ void AddObjects(ObjectDictionary& dictionary, std::vector<Axis>& axes) {
   dictionary.Add(0x2010, kInputs, 2, Access::kReadOnly).Mappable().OnRead([&axis = axes[0]] {
     return axis.emergency_pressed() ? kEmergencyStopInput : 0U;
   });
+  // Position encoder resolution: increments per motor revolutions.
+  dictionary.Add(0x608F, 0, 1, Access::kConst, 2);
+  dictionary.Add(0x608F, 1, 4, Access::kReadOnly).OnRead([&axis = axes[0]] {
+    return static_cast<std::uint32_t>(axis.counts_per_revolution());
+  });
+  dictionary.Add(0x608F, 2, 4, Access::kConst, 1);
 }
 
 Make Describe() {

@@ -14,7 +14,11 @@ namespace motor_driver {
 namespace {
 
 constexpr std::uint32_t kTpdo1 = 0x180;
+constexpr std::uint32_t kRpdo1 = 0x200;
 constexpr std::uint32_t kTpdo4 = 0x480;
+constexpr int kEveryMotor = NamedObject::kEveryMotor;
+constexpr auto kSigned = NamedObject::Shown::kSigned;
+constexpr auto kHex = NamedObject::Shown::kHex;
 
 template <typename Drive>
 std::unique_ptr<DriverCommon> Create(const Vehicle& vehicle) {
@@ -43,15 +47,22 @@ Make Zl() {
   make.title = "ZL";
   make.motors = 2;
   make.create = Create<ZlDriver>;
+  make.counts_per_revolution = 4096;
   make.command = CommandTwo;
   make.targets = {{0x60FF, 1}, {0x60FF, 2}};
   make.positions = {{0x6064, 1}, {0x6064, 2}};
   make.velocities = {{0x606C, 1}, {0x606C, 2}};
   make.expected = {{0x6060, 0}, {0x6083, 1}, {0x6084, 1}, {0x200F, 0}, {0x2012, 1}, {0x2014, 1},
                    {0x2015, 1}, {0x2016, 1}, {0x1400, 1}, {0x1800, 5}, {0x1803, 5}};
+  make.target = {kRpdo1, 0, 32};
   make.position = {kTpdo1, 0, 32};
   make.error_code = {kTpdo4, 0, 16};
   make.statusword = {kTpdo4, 4, 16};
+  make.objects = {{0x2010, 0, "Save all parameters"},
+                  {0x2012, kEveryMotor, "Current limit"},
+                  {0x2014, kEveryMotor, "Current limit"},
+                  {0x2015, kEveryMotor, "Current limit"},
+                  {0x2016, kEveryMotor, "Current limit"}};
   return make;
 }
 
@@ -61,12 +72,15 @@ Make Tt() {
   make.title = "TT";
   make.create = Create<TtDriver>;
   make.must_be_woken = true;
+  make.counts_per_revolution = 32768;
   make.command = CommandOne;
   make.targets = {{0x60FF, 0}};
   make.positions = {{0x6063, 0}};
   make.velocities = {{0x606C, 0}};
   make.expected = {{0x6060, 0}, {0x1400, 1}, {0x1800, 5}, {0x1A00, 0}};
+  make.target = {kRpdo1, 0, 32};
   make.position = {kTpdo1, 0, 32};
+  make.wake_up = 0x1010;
   return make;
 }
 
@@ -76,6 +90,7 @@ Make Hls() {
   make.title = "HLS";
   make.create = Create<HlsDriver>;
   make.resets = false;
+  make.counts_per_revolution = 131072;
   make.command = CommandOne;
   make.max_motor_rpm = 200'000'000;  // tenths in 32 bits
   make.targets = {{0x60FF, 0}};
@@ -83,10 +98,18 @@ Make Hls() {
   make.velocities = {{0x606C, 0}};
   make.velocity_units_per_rpm = 10;
   make.expected = {{0x6060, 0}, {0x6083, 0}, {0x6084, 0}, {0x4603, 0}, {0x1800, 5}, {0x1803, 5}};
+  make.target = {kRpdo1, 0, 32};
   make.position = {kTpdo1, 0, 32};
   make.direction = -1;
   make.error_code = {kTpdo4, 0, 16};
   make.statusword = {kTpdo4, 2, 16};
+  make.serves_node_zero = true;
+  make.objects = {{0x4603, 0, "Clear fault"}};
+  make.axis_parameters = {{0x2002, 0, "current"},
+                          {0x242A, 0, "maximum current"},
+                          {0x2300, 0, "P gain"},
+                          {0x2301, 0, "I gain"},
+                          {0x2302, 0, "D gain"}};
   return make;
 }
 
@@ -96,6 +119,7 @@ Make Amps() {
   make.title = "AMPS";
   make.create = Create<AMPSDriver>;
   make.needs_event_timer = true;
+  make.counts_per_revolution = 4096;
   make.command = CommandOne;
   make.max_motor_rpm = 32767;  // the object holds 16 bits
   make.target_command = 0x2B;
@@ -104,6 +128,7 @@ Make Amps() {
   make.velocities = {{0x606C, 0}};
   make.expected = {{0x6060, 0}, {0x1800, 3}, {0x4700, 1}};
   make.position = {kTpdo1, 4, 32};
+  make.objects = {{0x2FF0, 9, "Velocity command", kSigned}};
   return make;
 }
 
@@ -122,9 +147,15 @@ Make Kinco() {
   make.velocities = {{0x606C, 0}};
   make.velocity_units_per_rpm = 512.0 / 1875.0;
   make.expected = {{0x6060, 0}, {0x2010, 0x0A}, {0x1400, 1}, {0x1800, 5}, {0x1803, 5}, {0x1A03, 0}};
+  make.target = {kRpdo1, 0, 32};
   make.position = {kTpdo1, 0, 32};
   make.error_code = {kTpdo4, 0, 16};
   make.statusword = {kTpdo4, 2, 16};
+  make.inputs = {kTpdo4, 4, 16};
+  make.emergency_stop_mask = 0x00DF;  // 0x50 or 0x70 in the low byte
+  make.emergency_stop = 0x0050;
+  make.modes = {{-3, "Immediate speed"}};
+  make.objects = {{0x2010, 0x0A, "Digital inputs", kHex}};
   return make;
 }
 

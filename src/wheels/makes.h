@@ -24,9 +24,25 @@ struct Object {
 
 // Where a PDO carries a value; `bits` 0: nowhere.
 struct Field {
-  std::uint32_t base_id = 0;  // 0x180 for TPDO1, 0x480 for TPDO4; the node-ID is added
+  std::uint32_t base_id = 0;  // 0x180 for TPDO1, 0x200 for RPDO1; the node-ID is added
   unsigned offset = 0;        // bytes
   unsigned bits = 0;          // of each motor; the motors follow each other
+};
+
+// An object of the maker's own, for programs that name objects.
+struct NamedObject {
+  enum class Shown { kUnsigned, kSigned, kHex };
+  static constexpr int kEveryMotor = -1;
+
+  std::uint16_t index = 0;
+  int sub_index = 0;  // or kEveryMotor
+  const char* name = "";
+  Shown shown = Shown::kUnsigned;
+};
+
+struct NamedMode {
+  std::int8_t mode = 0;
+  const char* name = "";
 };
 
 struct Make {
@@ -49,8 +65,9 @@ struct Make {
   void (*supervise)(DriverCommon& drive) = nullptr;
   // The set-up writes no event timer: it is written afterwards.
   bool needs_event_timer = false;
-  // Vehicle::counts_per_revolution counts; otherwise the class knows the number.
+  // Vehicle::counts_per_revolution counts; otherwise the class knows the number, which is this.
   bool counts_are_configured = false;
+  unsigned long counts_per_revolution = 0;  // of the motor
 
   // What the class takes for a speed, in rpm of the motor.
   double max_motor_rpm = 2147483647.0;
@@ -69,10 +86,26 @@ struct Make {
   // Others that a node of this make must have.
   std::vector<Object> expected;
 
+  Field target;
   Field position;
   int direction = 1;  // -1: positions count against the commanded speed
   Field statusword;
   Field error_code;
+  Field inputs;
+
+  // How a drive shows a pressed emergency stop in its statusword; mask 0: not at all.
+  std::uint16_t emergency_stop_mask = 0;
+  std::uint16_t emergency_stop = 0;
+
+  // The two bytes that wake it, sent with the node-ID as identifier; 0: none.
+  std::uint16_t wake_up = 0;
+  // Node-ID 0 is one of its own: SDO and PDOs are served there, too.
+  bool serves_node_zero = false;
+
+  std::vector<NamedMode> modes;
+  std::vector<NamedObject> objects;
+  // Those whose first digit is 2 and the axis, added.
+  std::vector<NamedObject> axis_parameters;
 };
 
 // In the order in which documents name them.

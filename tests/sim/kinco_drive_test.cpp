@@ -38,6 +38,11 @@ TEST_F(KincoDriveTest, AcknowledgesTheWholeBringUpWhileItRunsAndTurns) {
   EXPECT_NEAR(node_.axis(1).SpeedRpm(), -99.976, 0.001);
 }
 
+TEST_F(KincoDriveTest, TellsItsEncoderResolution) {
+  EXPECT_EQ(After("601#408F600100000000"), Texts{"581#438F600110270000"});
+  EXPECT_EQ(After("601#408F600200000000"), Texts{"581#438F600201000000"});
+}
+
 TEST_F(KincoDriveTest, Tpdo1CarriesThePositionOncePerPeriod) {
   TurnAt("00900100");  // 102400 units are 37.5 rpm: 6250 counts a second
   EXPECT_DOUBLE_EQ(node_.axis(1).SpeedRpm(), 37.5);
