@@ -44,6 +44,11 @@ check_installed_prefix() {
   done
 
   [[ -s $prefix/share/motor_driver/kinco.yaml ]] || fail "kinco.yaml is not installed"
+  local vehicle
+  for vehicle in "$here"/../../packaging/vehicles/*.yaml; do
+    cmp "$vehicle" "$prefix/share/motor_driver/vehicles/${vehicle##*/}" ||
+      fail "${vehicle##*/} is not installed"
+  done
 
   for header in $headers; do
     "$cxx" -std=c++17 "${warnings[@]}" -fsyntax-only -x c++ -I"$prefix/include/motor_driver" \
