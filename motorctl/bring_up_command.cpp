@@ -1,11 +1,12 @@
-// motorctl bring-up NODE...
+// motorctl bring-up [NODE...]
+#include <wheels.h>
+
 #include <CLI/CLI.hpp>
-#include <chrono>
 #include <memory>
 #include <nlohmann/json.hpp>
-#include <thread>
+#include <optional>
+#include <vector>
 
-#include "bring_up.h"
 #include "sdo_client.h"
 #include "signals.h"
 #include "words.h"
@@ -13,100 +14,115 @@
 namespace motorctl {
 namespace {
 
-using Clock = std::chrono::steady_clock;
 using Json = nlohmann::ordered_json;
+using motor_driver::SetUpFailure;
 
 struct Options {
   std::vector<int> nodes;
-  int period_ms = 10;
+  std::optional<int> period_ms;
 };
 
 constexpr std::uint16_t kStatusword = 0x6041;
 constexpr std::uint16_t kErrorCode = 0x603F;
-constexpr auto kHeartbeatTime = std::chrono::milliseconds(3000);
+constexpr std::uint8_t kOperational = 5;
 
-// A heartbeat shows that the node is in operation, and that somebody can watch it.
-bool AwaitOperation(const Drive& drive, EndSignals& signals) {
-  const auto deadline = Clock::now() + kHeartbeatTime;
-  while (drive.nmt_state() != kOperational && Clock::now() < deadline && !signals.Arrived()) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
-  return drive.nmt_state() == kOperational;
-}
+// What became of one node.
+struct Outcome {
+  int node = 0;
+  std::string failure;  // empty: it is up
+  std::vector<SetUpFailure> failed_writes;
+  SdoAnswer statusword;
+  SdoAnswer error_code;
+};
 
-Json FailuresAsJson(const std::vector<FailedWrite>& failures) {
+Json FailuresAsJson(const std::vector<SetUpFailure>& failures) {
   Json list = Json::array();
-  for (const FailedWrite& failed : failures) {
+  for (const SetUpFailure& failed : failures) {
     list.push_back({{"index", failed.index},
                     {"sub", failed.sub_index},
                     {"object", ObjectName(failed.index, failed.sub_index)},
                     {"abort_code", failed.abort_code ? Json(*failed.abort_code) : Json(nullptr)},
-                    {"reason", Describe(failed)}});
+                    {"reason", Reason(failed)}});
   }
   return list;
 }
 
-bool BringUpOne(const Context& context, int node, int period_ms, EndSignals& signals) {
-  const Make& make = FindMake(context.make);
-  Drive drive(context, make, node, period_ms);
-  BringUpResult result = drive.BringUp([&signals] { return signals.Arrived(); });
-  const bool simulated = make.motors == 0;
-  if (result.done && !simulated && !AwaitOperation(drive, signals)) {
-    result.done = false;
-    result.failure = drive.Name() + " sends no heartbeat, or is not operational";
-  }
-  const SdoAnswer status =
-      simulated ? SdoAnswer() : ReadObject(drive.driver(), node, kStatusword, 0);
-  const SdoAnswer error = simulated ? SdoAnswer() : ReadObject(drive.driver(), node, kErrorCode, 0);
+void PrintJson(const Context& context, const Outcome& outcome) {
+  const bool up = outcome.failure.empty();
   // The second motor's half of these words, where there is one, tells the same while all is well.
-  const auto word = static_cast<std::uint16_t>(status.value);
-  const auto error_code = static_cast<std::uint16_t>(error.value);
+  const auto word = static_cast<std::uint16_t>(outcome.statusword.value);
+  const auto error_code = static_cast<std::uint16_t>(outcome.error_code.value);
+  const bool has_word = outcome.statusword.ok();
+  context.Line(Json{{"command", "bring-up"},
+                    {"node", outcome.node},
+                    {"make", context.make->name},
+                    {"ok", up},
+                    {"failure", up ? Json(nullptr) : Json(outcome.failure)},
+                    {"failed_writes", FailuresAsJson(outcome.failed_writes)},
+                    {"nmt_state", up && !context.make->simulated ? Json(NmtStateText(kOperational))
+                                                                 : Json(nullptr)},
+                    {"statusword", has_word ? Json(word) : Json(nullptr)},
+                    {"status", has_word ? Json(StatuswordText(word, context.make)) : Json(nullptr)},
+                    {"error_code", outcome.error_code.ok() ? Json(error_code) : Json(nullptr)},
+                    {"simulated", context.make->simulated}}
+                   .dump());
+}
 
-  if (context.json) {
+void PrintText(const Context& context, const Outcome& outcome, const Vehicle& vehicle) {
+  const std::string name = "node " + std::to_string(outcome.node);
+  for (const SetUpFailure& failed : outcome.failed_writes) context.Line(Describe(failed));
+  if (outcome.statusword.ok()) {
+    const auto word = static_cast<std::uint16_t>(outcome.statusword.value);
+    context.Line(name + ": statusword " + Hex(word, 4) + ", " + StatuswordText(word, context.make));
+  }
+  const auto error_code = static_cast<std::uint16_t>(outcome.error_code.value);
+  if (outcome.error_code.ok() && error_code != 0) {
+    context.Line(name + ": error code " + Hex(error_code, 4) + ", " + ErrorCodeText(error_code));
+  }
+  if (!outcome.failure.empty()) {
+    context.Line(name + ": " +
+                 context.Coloured(Colour::kRed, "not brought up: " + outcome.failure));
+  } else if (context.make->simulated) {
+    context.Line(name + ": simulated, there is no drive");
+  } else {
     context.Line(
-        Json{{"command", "bring-up"},
-             {"node", node},
-             {"make", make.name},
-             {"ok", result.done},
-             {"failure", result.done ? Json(nullptr) : Json(result.failure)},
-             {"failed_writes", FailuresAsJson(result.failed_writes)},
-             {"nmt_state", drive.nmt_state() == kNotHeard
-                               ? Json(nullptr)
-                               : Json(NmtStateText(static_cast<std::uint8_t>(drive.nmt_state())))},
-             {"statusword", status.ok() ? Json(word) : Json(nullptr)},
-             {"status", status.ok() ? Json(StatuswordText(word, make.name)) : Json(nullptr)},
-             {"error_code", error.ok() ? Json(error_code) : Json(nullptr)}}
-            .dump());
-    return result.done;
+        name + ": " +
+        context.Coloured(Colour::kGreen, "up, operational, holding zero speed; reports every " +
+                                             std::to_string(vehicle.period.count()) + " ms"));
   }
-  for (const FailedWrite& failed : result.failed_writes) {
-    context.Line(drive.Name() + ": failed: " + Describe(failed));
-  }
-  if (status.ok()) {
-    context.Line(drive.Name() + ": statusword " + Hex(word, 4) + ", " +
-                 StatuswordText(word, make.name));
-  }
-  if (error.ok() && error_code != 0) {
-    context.Line(drive.Name() + ": error code " + Hex(error_code, 4) + ", " +
-                 ErrorCodeText(error_code));
-  }
-  context.Line(drive.Name() + ": " +
-               (result.done
-                    ? context.Coloured(Colour::kGreen,
-                                       "up, operational, holding zero speed; reports every " +
-                                           std::to_string(period_ms) + " ms")
-                    : context.Coloured(Colour::kRed, "not brought up: " + result.failure)));
-  return result.done;
 }
 
 int Run(const Context& context, const Options& options) {
+  Vehicle vehicle = context.VehicleOf(options.nodes);
+  SetPeriod(vehicle, options.period_ms);
   EndSignals signals;
-  bool all = true;
-  for (const int node : options.nodes) {
-    if (signals.Arrived()) throw CommandFailed("interrupted");
-    all = BringUpOne(context, node, options.period_ms, signals) && all;
+  motor_driver::Wheels wheels(vehicle);
+  const bool up = wheels.BringUp([&context](const std::string& step) { context.Say(step); },
+                                 [&signals] { return signals.Arrived(); });
+  const std::string failure = up ? "" : wheels.GetReport().reason;
+  const std::vector<SetUpFailure> failures = motor_driver::SetUpFailures(wheels);
+  const std::unique_ptr<DriverCommon> drive =
+      context.make->simulated || wheels.GetReport().fault == motor_driver::Fault::kNoInterface
+          ? nullptr
+          : OpenBus(context);
+  for (const int node : context.Nodes(options.nodes)) {
+    Outcome outcome;
+    outcome.node = node;
+    outcome.failure = failure;
+    for (const SetUpFailure& failed : failures) {
+      if (failed.node == node) outcome.failed_writes.push_back(failed);
+    }
+    if (drive != nullptr) {
+      outcome.statusword = ReadObject(*drive, node, kStatusword, 0);
+      outcome.error_code = ReadObject(*drive, node, kErrorCode, 0);
+    }
+    if (context.json) {
+      PrintJson(context, outcome);
+    } else {
+      PrintText(context, outcome, vehicle);
+    }
   }
-  return all ? kSuccess : kFailure;
+  return up ? kSuccess : kFailure;
 }
 
 }  // namespace
@@ -115,12 +131,13 @@ void AddBringUp(CLI::App& app, Context& context) {
   const auto options = std::make_shared<Options>();
   CLI::App* const command = app.add_subcommand(
       "bring-up", "set nodes up and enable them, at zero speed, and name what fails");
-  command->add_option("NODE", options->nodes, "node-IDs")->required()->check(CLI::Range(1, 127));
+  AddNodes(*command, options->nodes, "node-IDs; those of the vehicle without");
   command->add_option("--period", options->period_ms, "milliseconds between speed reports (10)")
-      ->check(CLI::Range(1, 255))
+      ->check(CLI::Range(2, 255))
       ->type_name("MS");
   command->callback([&context, options] {
     context.RequireMake();
+    context.Nodes(options->nodes);
     context.run = [&context, options] { return Run(context, *options); };
   });
 }

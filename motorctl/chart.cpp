@@ -16,9 +16,9 @@ struct Range {
 Range SpeedRange(const Samples& samples, std::size_t first, std::size_t last) {
   Range range;
   for (const Sample& sample : samples) {
-    for (std::size_t motor = first; motor < last; ++motor) {
-      range.low = std::min({range.low, double(sample.target[motor]), sample.measured[motor]});
-      range.high = std::max({range.high, double(sample.target[motor]), sample.measured[motor]});
+    for (std::size_t wheel = first; wheel < last; ++wheel) {
+      range.low = std::min<double>({range.low, sample.target[wheel], sample.measured[wheel]});
+      range.high = std::max<double>({range.high, sample.target[wheel], sample.measured[wheel]});
     }
   }
   constexpr double kNarrowest = 10;
@@ -49,12 +49,12 @@ class Curve {
 
 }  // namespace
 
-std::vector<std::string> DrawChart(const Samples& samples, std::size_t motor, std::size_t width,
+std::vector<std::string> DrawChart(const Samples& samples, std::size_t wheel, std::size_t width,
                                    std::size_t height) {
   constexpr std::size_t kLabel = 9;  // "%7.1f |"
   const std::size_t columns = std::max<std::size_t>(width, kLabel + 10) - kLabel;
   std::vector<std::string> rows(height, std::string(columns, ' '));
-  const Range range = SpeedRange(samples, motor, motor + 1);
+  const Range range = SpeedRange(samples, wheel, wheel + 1);
   const auto row = [&](double rpm) {
     const double share = (range.high - rpm) / (range.high - range.low);
     return static_cast<std::size_t>(std::lround(share * static_cast<double>(height - 1)));
@@ -64,7 +64,7 @@ std::vector<std::string> DrawChart(const Samples& samples, std::size_t motor, st
     for (std::size_t i = 0; i < samples.size(); ++i) {
       const std::size_t column = samples.size() <= columns ? i : i * columns / samples.size();
       const Sample& sample = samples[i];
-      rows[row(mark == '-' ? sample.target[motor] : sample.measured[motor])][column] = mark;
+      rows[row(mark == '-' ? sample.target[wheel] : sample.measured[wheel])][column] = mark;
     }
   }
   for (std::size_t i = 0; i < height; ++i) {
@@ -75,21 +75,24 @@ std::vector<std::string> DrawChart(const Samples& samples, std::size_t motor, st
   return rows;
 }
 
-std::string Csv(const Samples& samples, std::size_t motors) {
+std::string Csv(const Samples& samples, std::size_t wheels) {
   std::string text = "second,target_rpm,measured_rpm";
-  if (motors > 1) text += ",target2_rpm,measured2_rpm";
+  for (std::size_t wheel = 2; wheel <= wheels; ++wheel) {
+    const std::string number = std::to_string(wheel);
+    text += ",target" + number + "_rpm,measured" + number + "_rpm";
+  }
   text += '\n';
   for (const Sample& sample : samples) {
     text += Text("%.3f", sample.second);
-    for (std::size_t motor = 0; motor < motors; ++motor) {
-      text += Text(",%d,%.2f", sample.target[motor], sample.measured[motor]);
+    for (std::size_t wheel = 0; wheel < wheels; ++wheel) {
+      text += Text(",%.6g,%.2f", sample.target[wheel], sample.measured[wheel]);
     }
     text += '\n';
   }
   return text;
 }
 
-std::string Svg(const Samples& samples, std::size_t motors, const std::string& title) {
+std::string Svg(const Samples& samples, std::size_t wheels, const std::string& title) {
   constexpr double kWidth = 800;
   constexpr double kHeight = 400;
   constexpr double kLeft = 60;
@@ -101,7 +104,7 @@ std::string Svg(const Samples& samples, std::size_t motors, const std::string& t
       "stroke=\"#888\" stroke-width=\"2\" stroke-dasharray=\"6 4\""};
   static const char* const measured_styles[] = {"stroke=\"#06c\" stroke-width=\"1.5\"",
                                                 "stroke=\"#c60\" stroke-width=\"1.5\""};
-  const Range range = SpeedRange(samples, 0, motors);
+  const Range range = SpeedRange(samples, 0, wheels);
   const double seconds = samples.empty() ? 1 : std::max(samples.back().second, 0.001);
   const auto x = [&](double second) {
     return kLeft + second / seconds * (kWidth - kLeft - kRight);
@@ -129,12 +132,12 @@ std::string Svg(const Samples& samples, std::size_t motors, const std::string& t
   svg += Text("<text x=\"%.1f\" y=\"%.1f\" text-anchor=\"middle\">seconds</text>\n", kWidth / 2,
               kHeight - 12);
   svg += Text("<text x=\"12\" y=\"%.1f\">rpm</text>\n", kTop - 8);
-  for (std::size_t motor = 0; motor < motors; ++motor) {
-    Curve target(target_styles[motor]);
-    Curve measured(measured_styles[motor]);
+  for (std::size_t wheel = 0; wheel < wheels; ++wheel) {
+    Curve target(target_styles[wheel % 2]);
+    Curve measured(measured_styles[wheel % 2]);
     for (const Sample& sample : samples) {
-      target.Add(x(sample.second), y(sample.target[motor]));
-      measured.Add(x(sample.second), y(sample.measured[motor]));
+      target.Add(x(sample.second), y(sample.target[wheel]));
+      measured.Add(x(sample.second), y(sample.measured[wheel]));
     }
     svg += target.Element() + measured.Element();
   }

@@ -1,17 +1,27 @@
 // What every command of motorctl shares: global options, its outputs, its exit statuses.
 #pragma once
 
-#include <cstdio>
+#include <vehicle.h>
+
+#include <cstddef>
 #include <functional>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "wheels/makes.h"
+
 namespace CLI {  // NOLINT(readability-identifier-naming): the name of the package
 class App;
-}
+class Option;
+class Validator;
+}  // namespace CLI
 
 namespace motorctl {
+
+using motor_driver::Make;
+using motor_driver::Vehicle;
 
 enum ExitStatus { kSuccess = 0, kFailure = 1, kUsage = 2 };
 
@@ -27,15 +37,23 @@ enum class Colour { kRed, kGreen, kYellow, kBold };
 // sub-command and, from the sub-command's callback, sets `run`. What is wrong with the arguments is
 // thrown as CLI::ValidationError before that (exit status 2).
 struct Context {
-  std::string interface = "can0";
-  std::string make;  // empty when not given
+  // Of --vehicle, with what the command line says besides in its place. Without --vehicle it has no
+  // wheels.
+  Vehicle vehicle;
+  const Make* make = nullptr;  // of the vehicle; nullptr when it was not told
   bool json = false;
   bool verbose = false;
-  unsigned long counts_per_revolution = 10000;  // of a Kinco drive
 
-  // Of a drive object that a command sets up: without --make there is nothing to set up. Throws
+  // Of a drive object that a command sets up: without a make there is nothing to set up. Throws
   // CLI::ValidationError.
   void RequireMake() const;
+
+  // The nodes that were named, those of the vehicle when there are none. Throws
+  // CLI::ValidationError when there are none either.
+  std::vector<int> Nodes(const std::vector<int>& named) const;
+
+  // The vehicle, or one with a wheel for each motor of the nodes that were named.
+  Vehicle VehicleOf(const std::vector<int>& named) const;
 
   // The command to run; its result is the exit status.
   std::function<int()> run;
@@ -50,6 +68,10 @@ struct Context {
   // One line of status on standard error: "motorctl: TEXT".
   void Say(const std::string& text) const;
 
+  // A person at the keyboard is asked, before anything was sent. kSuccess when `yes` was said
+  // already or is typed, kFailure when it is not, kUsage where nobody can be asked.
+  ExitStatus Ask(bool yes, const std::string& question) const;
+
   // Whether standard output may be redrawn in place: a terminal, and no --json.
   bool live() const;
 
@@ -60,19 +82,15 @@ struct Context {
   std::string Coloured(Colour colour, const std::string& text) const;
 };
 
-// While it exists, what anything but Context writes to standard output is kept in memory: the
-// library's log and the fixed texts of its set-ups must not mix with data. One at a time; made
-// before any thread.
-class LibraryOutput {
- public:
-  LibraryOutput();
-  ~LibraryOutput();
-  LibraryOutput(const LibraryOutput&) = delete;
-  LibraryOutput& operator=(const LibraryOutput&) = delete;
+// Between reports and commands, where it was given; what waits for several periods waits longer
+// then.
+void SetPeriod(Vehicle& vehicle, std::optional<int> period_ms);
 
-  // What the library wrote since the last call.
-  static std::string Take();
-};
+// Node-IDs, on the command line or of the vehicle.
+CLI::Option* AddNodes(CLI::App& command, std::vector<int>& nodes, const std::string& description);
+
+// Numbers above one limit and at most another; unlike the package's own range it refuses "nan".
+CLI::Validator Between(double above, double most);
 
 void AddDoctor(CLI::App& app, Context& context);
 void AddScan(CLI::App& app, Context& context);
@@ -83,5 +101,6 @@ void AddJog(CLI::App& app, Context& context);
 void AddMonitor(CLI::App& app, Context& context);
 void AddExplain(CLI::App& app, Context& context);
 void AddDecode(CLI::App& app, Context& context);
+void AddVehicle(CLI::App& app, Context& context);
 
 }  // namespace motorctl

@@ -6,9 +6,9 @@
 #include <istream>
 #include <nlohmann/json.hpp>
 #include <string>
-#include <string_view>
 
 #include "candump.h"
+#include "words.h"
 
 namespace motorctl {
 
@@ -21,14 +21,20 @@ struct Meaning {
 };
 
 // What a frame means on a bus of drives of this make; without a make, PDOs are not taken apart.
-Meaning DecodeFrame(const LoggedFrame& frame, std::string_view make);
+Meaning DecodeFrame(const LoggedFrame& frame, const Make* make);
 
 // Payloads of 8 bytes, wherever they come from.
-Meaning DecodeSdo(const std::uint8_t* data, bool response, std::string_view make);
+Meaning DecodeSdo(const std::uint8_t* data, bool response, const Make* make);
 Meaning DecodeEmergency(const std::uint8_t* data);
 
+// Little-endian.
+std::uint32_t LittleEndian(const std::uint8_t* data, unsigned bytes);
+
+// "37 02 00 00".
+std::string BytesText(const std::uint8_t* data, unsigned bytes);
+
 struct DecodeOptions {
-  std::string make;
+  const Make* make = nullptr;
   bool json = false;
 };
 

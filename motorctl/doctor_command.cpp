@@ -1,18 +1,16 @@
-// motorctl doctor [NODE]
+// motorctl doctor [NODE...]
 #include <linux/can/error.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <chrono>
-#include <cstdio>
 #include <map>
 #include <memory>
-#include <nlohmann/json.hpp>
 
+#include "doctor_report.h"
 #include "link.h"
 #include "listener.h"
-#include "make.h"
 #include "sdo_client.h"
 #include "signals.h"
 #include "words.h"
@@ -21,7 +19,6 @@ namespace motorctl {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-using Json = nlohmann::ordered_json;
 
 constexpr std::uint32_t kHeartbeat = 0x700;
 // The heartbeat that the makes' set-ups ask for comes every 2 s.
@@ -29,54 +26,9 @@ constexpr auto kListen = std::chrono::milliseconds(2500);
 constexpr int kShortestQueue = 10;
 constexpr std::uint32_t kServoProfile = 402;
 
-enum class Verdict { kOk, kWarning, kFailed };
-
-// Prints each step as it is taken, and counts what is wrong.
-class Report {
- public:
-  explicit Report(const Context& context) : context_(context) {}
-
-  void Ok(const char* check, const std::string& finding) { Add(check, Verdict::kOk, finding, ""); }
-  void Warn(const char* check, const std::string& finding, const std::string& remedy) {
-    Add(check, Verdict::kWarning, finding, remedy);
-  }
-  void Fail(const char* check, const std::string& finding, const std::string& remedy) {
-    Add(check, Verdict::kFailed, finding, remedy);
-  }
-  int failed() const { return failed_; }
-
- private:
-  void Add(const char* check, Verdict verdict, const std::string& finding,
-           const std::string& remedy) {
-    failed_ += verdict == Verdict::kFailed ? 1 : 0;
-    if (context_.json) {
-      const char* const result = verdict == Verdict::kOk        ? "ok"
-                                 : verdict == Verdict::kWarning ? "warning"
-                                                                : "failed";
-      context_.Line(Json{{"command", "doctor"},
-                         {"check", check},
-                         {"result", result},
-                         {"finding", finding},
-                         {"remedy", remedy.empty() ? Json(nullptr) : Json(remedy)}}
-                        .dump());
-      return;
-    }
-    char name[32];
-    std::snprintf(name, sizeof(name), "%-15s ", check);
-    const std::string mark = verdict == Verdict::kOk ? context_.Coloured(Colour::kGreen, "ok     ")
-                             : verdict == Verdict::kWarning
-                                 ? context_.Coloured(Colour::kYellow, "warning")
-                                 : context_.Coloured(Colour::kRed, "FAILED ");
-    context_.Line(mark + "  " + name + finding);
-    if (!remedy.empty()) context_.Line("                         -> " + remedy);
-  }
-
-  const Context& context_;
-  int failed_ = 0;
-};
-
 std::string UpCommand(const Context& context) {
-  return "as root: ip link set " + context.interface + " up type can bitrate 500000 restart-ms 100";
+  return "as root: ip link set " + context.vehicle.interface +
+         " up type can bitrate 500000 restart-ms 100";
 }
 
 bool HasSocketCan() {
@@ -91,15 +43,16 @@ std::string ErrorCounters(const Link& link) {
          std::to_string(*link.receive_errors);
 }
 
-void CheckHardware(const Context& context, const Link& link, Report& report) {
+void CheckHardware(const Context& context, const Link& link, DoctorReport& report) {
   if (!link.bitrate) {
     report.Fail("bit rate", "none is set", UpCommand(context));
   } else {
     report.Ok("bit rate", std::to_string(*link.bitrate) + " bit/s; all nodes must have the same");
   }
   if (link.restart_ms.value_or(0) == 0) {
-    report.Warn("restart-ms", "0: after bus-off the bus stays dead",
-                "as root: ip link set " + context.interface + " down; then " + UpCommand(context));
+    report.Warn(
+        "restart-ms", "0: after bus-off the bus stays dead",
+        "as root: ip link set " + context.vehicle.interface + " down; then " + UpCommand(context));
   } else {
     report.Ok("restart-ms", std::to_string(*link.restart_ms) + " ms after bus-off");
   }
@@ -111,7 +64,7 @@ void CheckHardware(const Context& context, const Link& link, Report& report) {
     report.Ok("bus state", state);
   } else if (link.bus_state == "BUS-OFF") {
     report.Fail("bus state", state,
-                std::string(wiring) + "; then as root: ip link set " + context.interface +
+                std::string(wiring) + "; then as root: ip link set " + context.vehicle.interface +
                     " type can restart");
   } else {
     report.Warn("bus state", state, wiring);
@@ -119,30 +72,30 @@ void CheckHardware(const Context& context, const Link& link, Report& report) {
 }
 
 // Whether there is a bus to listen to.
-bool CheckInterface(const Context& context, Report& report) {
+bool CheckInterface(const Context& context, DoctorReport& report) {
   if (!HasSocketCan()) {
     report.Fail("kernel", "no SocketCAN",
                 "as root: modprobe can-raw; without hardware: tools/with-can");
     return false;
   }
-  const std::optional<Link> link = FindLink(context.interface);
+  const std::optional<Link> link = FindLink(context.vehicle.interface);
   if (!link) {
-    report.Fail("interface", "there is no " + context.interface,
+    report.Fail("interface", "there is no " + context.vehicle.interface,
                 "\"ip link\" lists what there is; is the adapter plugged in, its driver loaded?");
     return false;
   }
   if (!link->is_can) {
-    report.Fail("interface", context.interface + " is no CAN interface",
+    report.Fail("interface", context.vehicle.interface + " is no CAN interface",
                 "name another with --interface; \"ip link\" lists what there is");
     return false;
   }
-  report.Ok("interface",
-            context.interface + " exists" + (link->kind.empty() ? "" : ", kind " + link->kind));
+  report.Ok("interface", context.vehicle.interface + " exists" +
+                             (link->kind.empty() ? "" : ", kind " + link->kind));
   if (!link->up) {
-    report.Fail("up", context.interface + " is down", UpCommand(context));
+    report.Fail("up", context.vehicle.interface + " is down", UpCommand(context));
     return false;
   }
-  report.Ok("up", context.interface + " is up");
+  report.Ok("up", context.vehicle.interface + " is up");
   if (link->kind == "can") {
     CheckHardware(context, *link, report);
   } else if (link->kind == "vcan") {
@@ -153,7 +106,7 @@ bool CheckInterface(const Context& context, Report& report) {
   }
   if (link->queue_length < kShortestQueue) {
     report.Warn("txqueuelen", std::to_string(link->queue_length) + ": commands may be refused",
-                "as root: ip link set " + context.interface + " txqueuelen 10");
+                "as root: ip link set " + context.vehicle.interface + " txqueuelen 10");
   } else {
     report.Ok("txqueuelen", std::to_string(link->queue_length));
   }
@@ -167,7 +120,7 @@ struct Heard {
 };
 
 Heard Listen(const Context& context, EndSignals& signals) {
-  Listener listener(context.interface);
+  Listener listener(context.vehicle.interface);
   Heard heard;
   HeardFrame frame;
   for (const auto end = Clock::now() + kListen; Clock::now() < end && !signals.Arrived();) {
@@ -181,7 +134,7 @@ Heard Listen(const Context& context, EndSignals& signals) {
   return heard;
 }
 
-void CheckTraffic(const Heard& heard, Report& report) {
+void CheckTraffic(const Heard& heard, DoctorReport& report) {
   if (heard.frames == 0) {
     report.Warn("traffic", "not one frame in 2.5 s",
                 "normal for drives that were never set up; otherwise: supply, wiring, bit rate");
@@ -205,13 +158,13 @@ void CheckTraffic(const Heard& heard, Report& report) {
   report.Ok("heartbeats", nodes);
 }
 
-void CheckObjects(const Make& make, DriverCommon& drive, int node, Report& report) {
-  std::vector<Object> objects = {{0x6040, 0}, {0x6041, 0}, {0x603F, 0}};
+void CheckObjects(const Make& make, DriverCommon& drive, int node, DoctorReport& report) {
+  std::vector<motor_driver::Object> objects = {{0x6040, 0}, {0x6041, 0}, {0x603F, 0}};
   for (const auto& more : {make.targets, make.positions, make.expected}) {
     objects.insert(objects.end(), more.begin(), more.end());
   }
   std::string missing;
-  for (const Object& object : objects) {
+  for (const motor_driver::Object& object : objects) {
     const SdoAnswer answer = ReadObject(drive, node, object.index, object.sub_index);
     if (answer.ok()) continue;
     missing += (missing.empty() ? "" : "; ") + NameObject(object.index, object.sub_index) + ": " +
@@ -225,7 +178,7 @@ void CheckObjects(const Make& make, DriverCommon& drive, int node, Report& repor
   }
 }
 
-void CheckState(const Context& context, DriverCommon& drive, int node, Report& report) {
+void CheckState(const Context& context, DriverCommon& drive, int node, DoctorReport& report) {
   const SdoAnswer heartbeat = ReadObject(drive, node, 0x1017, 0);
   if (heartbeat.ok() && heartbeat.value > 0) {
     report.Ok("heartbeat time", std::to_string(heartbeat.value) + " ms (0x1017)");
@@ -252,12 +205,12 @@ void CheckState(const Context& context, DriverCommon& drive, int node, Report& r
     }
   }
   report.Fail("error code", text,
-              "mend the cause; \"motorctl --make " +
-                  (context.make.empty() ? std::string("MAKE") : context.make) + " bring-up " +
+              std::string("mend the cause; \"motorctl --make ") +
+                  (context.make == nullptr ? "MAKE" : context.make->name) + " bring-up " +
                   std::to_string(node) + "\" clears the error");
 }
 
-void CheckNode(const Context& context, int node, Report& report) {
+void CheckNode(const Context& context, int node, DoctorReport& report) {
   const std::unique_ptr<DriverCommon> drive = OpenBus(context);
   const std::string name = "node " + std::to_string(node);
   const SdoAnswer type = ReadObject(*drive, node, 0x1000, 0);
@@ -269,8 +222,9 @@ void CheckNode(const Context& context, int node, Report& report) {
   if (type.kind == SdoAnswer::Kind::kNoAnswer) {
     std::string remedy =
         "its supply, node number and bit rate; \"motorctl scan\" shows who answers";
-    if (context.make == "tt") {
-      remedy += "; an inactive tt drive is silent until \"motorctl --make tt bring-up\"";
+    if (context.make != nullptr && context.make->must_be_woken) {
+      remedy += std::string("; an inactive ") + context.make->name +
+                " drive is silent until \"motorctl --make " + context.make->name + " bring-up\"";
     }
     report.Fail("sdo", name + " does not answer", remedy);
     return;
@@ -292,24 +246,23 @@ void CheckNode(const Context& context, int node, Report& report) {
     report.Warn("identity", "0x1018: " + Explanation(vendor.ok() ? product : vendor),
                 "the drive cannot be told from others of its kind");
   }
-  if (!context.make.empty() && FindMake(context.make).motors > 0) {
-    CheckObjects(FindMake(context.make), *drive, node, report);
+  if (context.make != nullptr && !context.make->simulated) {
+    CheckObjects(*context.make, *drive, node, report);
   }
   CheckState(context, *drive, node, report);
 }
 
-int Run(const Context& context, int node) {
+int Run(const Context& context, const std::vector<int>& nodes) {
   EndSignals signals;
-  Report report(context);
+  DoctorReport report(context);
   if (CheckInterface(context, report)) {
     CheckTraffic(Listen(context, signals), report);
     if (signals.Arrived()) throw CommandFailed("interrupted");
-    if (node != 0) CheckNode(context, node, report);
+    for (const int node : nodes) CheckNode(context, node, report);
   }
   if (report.failed() == 0) {
-    context.Say(node != 0 ? "nothing is wrong"
-                          : "nothing is wrong with the bus; name a node to "
-                            "have it examined");
+    context.Say(nodes.empty() ? "nothing is wrong with the bus; name a node to have it examined"
+                              : "nothing is wrong");
     return kSuccess;
   }
   context.Say(std::to_string(report.failed()) +
@@ -320,13 +273,14 @@ int Run(const Context& context, int node) {
 }  // namespace
 
 void AddDoctor(CLI::App& app, Context& context) {
-  const auto node = std::make_shared<int>(0);
+  const auto nodes = std::make_shared<std::vector<int>>();
   CLI::App* const command = app.add_subcommand(
-      "doctor", "check interface, bus and node step by step, and say how to mend what is wrong");
-  command->add_option("NODE", *node, "node-ID to examine; only the bus without it")
-      ->check(CLI::Range(1, 127));
-  command->callback(
-      [&context, node] { context.run = [&context, node] { return Run(context, *node); }; });
+      "doctor", "check interface, bus and nodes step by step, and say how to mend what is wrong");
+  AddNodes(*command, *nodes, "node-IDs to examine; those of the vehicle, or only the bus, without");
+  command->callback([&context, nodes] {
+    if (nodes->empty() && !context.vehicle.wheels.empty()) *nodes = context.Nodes({});
+    context.run = [&context, nodes] { return Run(context, *nodes); };
+  });
 }
 
 }  // namespace motorctl

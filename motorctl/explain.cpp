@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cstdint>
+#include <string_view>
 
 #include "words.h"
 
@@ -25,7 +26,7 @@ Meaning NumberMeaning(const char* kind, const char* title, std::uint64_t number,
           {{"value", number}, {"hex", hex}, {"meaning", meaning}}};
 }
 
-void AddNumber(std::uint64_t number, std::string_view make, std::vector<Meaning>& readings) {
+void AddNumber(std::uint64_t number, const Make* make, std::vector<Meaning>& readings) {
   if (number <= 0xFFFF) {
     const auto word = static_cast<std::uint16_t>(number);
     if (IsErrorCode(word)) {
@@ -44,7 +45,7 @@ void AddNumber(std::uint64_t number, std::string_view make, std::vector<Meaning>
 }
 
 // A payload alone does not tell what it is: what cannot be is left out.
-void AddPayload(const std::string& digits, std::string_view make, std::vector<Meaning>& readings) {
+void AddPayload(const std::string& digits, const Make* make, std::vector<Meaning>& readings) {
   const auto frame = ParseLogLine("000#" + digits);
   if (!frame) return;
   const std::uint8_t* const data = frame->data.data();
@@ -65,7 +66,7 @@ void AddPayload(const std::string& digits, std::string_view make, std::vector<Me
 
 }  // namespace
 
-std::optional<std::vector<Meaning>> Explain(const std::string& code, std::string_view make) {
+std::optional<std::vector<Meaning>> Explain(const std::string& code, const Make* make) {
   std::vector<Meaning> readings;
   if (const auto frame = ParseLogLine(code)) {
     readings.push_back(DecodeFrame(*frame, make));

@@ -3,7 +3,6 @@
 
 #include <optional>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "decode.h"
@@ -16,6 +15,6 @@ namespace motorctl {
 //   1032010000000000               payload of an emergency message or an SDO transfer
 //   581#8040600000000206           a frame, alone or in a line of candump
 // No value: the text is no code. Empty: nothing is known about it.
-std::optional<std::vector<Meaning>> Explain(const std::string& code, std::string_view make);
+std::optional<std::vector<Meaning>> Explain(const std::string& code, const Make* make);
 
 }  // namespace motorctl

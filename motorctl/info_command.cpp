@@ -1,11 +1,10 @@
-// motorctl info NODE
+// motorctl info [NODE...]
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <vector>
 
-#include "make.h"
 #include "sdo_client.h"
 #include "words.h"
 
@@ -14,23 +13,22 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-std::vector<Object> ObjectsToShow(const Context& context) {
-  std::vector<Object> objects = {{0x1000, 0}, {0x1018, 1}, {0x1018, 2}, {0x1018, 3}, {0x1018, 4},
-                                 {0x1001, 0}, {0x1017, 0}, {0x6041, 0}, {0x603F, 0}, {0x6061, 0}};
-  if (!context.make.empty()) {
-    const Make& make = FindMake(context.make);
-    for (const auto& more : {make.targets, make.positions}) {
+std::vector<motor_driver::Object> ObjectsToShow(const Context& context) {
+  std::vector<motor_driver::Object> objects = {{0x1000, 0}, {0x1018, 1}, {0x1018, 2}, {0x1018, 3},
+                                               {0x1018, 4}, {0x1001, 0}, {0x1017, 0}, {0x6041, 0},
+                                               {0x603F, 0}, {0x6061, 0}};
+  if (context.make != nullptr) {
+    for (const auto& more : {context.make->targets, context.make->positions}) {
       objects.insert(objects.end(), more.begin(), more.end());
     }
   }
   return objects;
 }
 
-int Run(const Context& context, int node) {
-  const std::unique_ptr<DriverCommon> drive = OpenBus(context);
+void Show(const Context& context, DriverCommon& drive, int node) {
   bool answers = false;
-  for (const Object& object : ObjectsToShow(context)) {
-    const SdoAnswer answer = ReadObject(*drive, node, object.index, object.sub_index);
+  for (const motor_driver::Object& object : ObjectsToShow(context)) {
+    const SdoAnswer answer = ReadObject(drive, node, object.index, object.sub_index);
     const bool heard =
         answer.kind != SdoAnswer::Kind::kNoAnswer && answer.kind != SdoAnswer::Kind::kNotSent;
     if (!heard && !answers) {
@@ -61,18 +59,29 @@ int Run(const Context& context, int node) {
                                        : context.Coloured(Colour::kYellow, Explanation(answer))));
     }
   }
+}
+
+int Run(const Context& context, const std::vector<int>& nodes) {
+  const std::unique_ptr<DriverCommon> drive = OpenBus(context);
+  for (const int node : nodes) {
+    if (nodes.size() > 1 && !context.json) {
+      context.Line(context.Coloured(Colour::kBold, "node " + std::to_string(node)));
+    }
+    Show(context, *drive, node);
+  }
   return kSuccess;
 }
 
 }  // namespace
 
 void AddInfo(CLI::App& app, Context& context) {
-  const auto node = std::make_shared<int>(0);
+  const auto nodes = std::make_shared<std::vector<int>>();
   CLI::App* const command = app.add_subcommand(
-      "info", "identity, state and error of a node; with --make also targets and positions");
-  command->add_option("NODE", *node, "node-ID")->required()->check(CLI::Range(1, 127));
-  command->callback(
-      [&context, node] { context.run = [&context, node] { return Run(context, *node); }; });
+      "info", "identity, state and error of nodes; with --make also targets and positions");
+  AddNodes(*command, *nodes, "node-IDs; those of the vehicle without");
+  command->callback([&context, nodes] {
+    context.run = [&context, all = context.Nodes(*nodes)] { return Run(context, all); };
+  });
 }
 
 }  // namespace motorctl

@@ -2,27 +2,73 @@
 #include <signal.h>
 
 #include <CLI/CLI.hpp>
-#include <algorithm>
-#include <cctype>
+#include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <optional>
 #include <string>
 
 #include "context.h"
+#include "terminal.h"
 
 namespace motorctl {
 namespace {
 
-// Linux takes more, but a name is also handed to the program ip.
-std::string CheckInterfaceName(const std::string& name) {
-  constexpr std::size_t kLongest = 15;
-  const bool plain = std::all_of(name.begin(), name.end(), [](unsigned char c) {
-    return std::isalnum(c) != 0 || c == '_' || c == '-' || c == '.';
-  });
-  if (name.empty() || name.size() > kLongest || !plain || name.front() == '-') {
-    return "1 to 15 letters, digits, '.', '_' or '-'";
+// As they stand on the command line; nothing where they do not.
+struct Named {
+  std::string vehicle;
+  std::optional<std::string> interface;
+  std::optional<std::string> make;
+  std::optional<unsigned long> counts_per_revolution;
+};
+
+std::string CheckInterface(const std::string& name) {
+  return motor_driver::IsInterfaceName(name) ? "" : "1 to 15 letters, digits, '.', '_' or '-'";
+}
+
+std::string CheckMake(const std::string& name) {
+  return motor_driver::FindMake(name) != nullptr ? ""
+                                                 : name + " is not " + motor_driver::MakeNames();
+}
+
+// The file first, then what the command line says.
+void TakeVehicle(const Named& named, Context& context) {
+  if (!named.vehicle.empty()) context.vehicle = motor_driver::LoadVehicle(named.vehicle);
+  if (named.interface) context.vehicle.interface = *named.interface;
+  if (named.make) context.vehicle.make = *named.make;
+  if (named.counts_per_revolution) {
+    context.vehicle.counts_per_revolution = *named.counts_per_revolution;
   }
-  return "";
+  context.make = motor_driver::FindMake(context.vehicle.make);
+}
+
+void AddGlobalOptions(CLI::App& app, Context& context, Named& named) {
+  app.set_version_flag("--version", std::string("motorctl ") + MOTORCTL_VERSION);
+  app.add_option(
+         "--vehicle", named.vehicle,
+         "file that describes the vehicle: make, interface, nodes, counts ($MOTORCTL_VEHICLE)")
+      ->envname("MOTORCTL_VEHICLE")
+      ->type_name("FILE");
+  app.add_option("--interface", named.interface, "CAN interface (can0)")
+      ->check(CheckInterface)
+      ->type_name("NAME");
+  app.add_option("--make", named.make, "make of the drives: " + motor_driver::MakeNames())
+      ->check(CheckMake)
+      ->type_name("MAKE");
+  app.add_option("--counts-per-revolution", named.counts_per_revolution,
+                 "encoder resolution, of makes that do not know theirs (10000)")
+      ->check(CLI::Range(4UL, 1UL << 24U))
+      ->type_name("COUNTS");
+  app.add_flag("--json", context.json, "one JSON object per line");
+  app.add_flag("--verbose", context.verbose, "what the library says, on standard error");
+  // For completion, and for whoever writes the names of the makes down.
+  app.add_flag_callback("--list-makes",
+                        [] {
+                          for (const Make& make : motor_driver::Makes())
+                            std::printf("%s\n", make.name);
+                          throw CLI::Success();
+                        })
+      ->group("");
 }
 
 // The library reads its environment at its first line.
@@ -34,25 +80,19 @@ void ConfigureLibraryLog() {
 
 int Run(int argc, char** argv) {
   Context context;
+  Named named;
   CLI::App app("Commissioning and diagnosis of servo drives on a CAN bus.", "motorctl");
-  app.set_version_flag("--version", std::string("motorctl ") + MOTORCTL_VERSION);
   app.footer(
       "Options may stand before or after the command. \"motorctl COMMAND --help\" tells more.\n"
       "Exit status: 0 success, 1 failure, 2 wrong usage.");
   app.require_subcommand(1);
   app.fallthrough();
-  app.add_option("--interface", context.interface, "CAN interface (can0)")
-      ->check(CheckInterfaceName)
-      ->type_name("NAME");
-  app.add_option("--make", context.make, "make of the drives: zl, tt, hls, amps, kinco or fake")
-      ->check(CLI::IsMember({"zl", "tt", "hls", "amps", "kinco", "fake"}))
-      ->type_name("MAKE");
-  app.add_option("--counts-per-revolution", context.counts_per_revolution,
-                 "encoder resolution of a kinco drive (10000)")
-      ->check(CLI::Range(1UL, 1UL << 21U))
-      ->type_name("COUNTS");
-  app.add_flag("--json", context.json, "one JSON object per line");
-  app.add_flag("--verbose", context.verbose, "what the library says, on standard error");
+  AddGlobalOptions(app, context, named);
+  // Before the callbacks of the commands, which look at it.
+  app.parse_complete_callback([&] {
+    if (app.got_subcommand("vehicle")) named.vehicle.clear();  // it names its own
+    TakeVehicle(named, context);
+  });
 
   AddDoctor(app, context);
   AddScan(app, context);
@@ -63,6 +103,7 @@ int Run(int argc, char** argv) {
   AddMonitor(app, context);
   AddExplain(app, context);
   AddDecode(app, context);
+  AddVehicle(app, context);
   for (CLI::App* command : app.get_subcommands({})) {
     command->fallthrough();
     for (CLI::App* nested : command->get_subcommands({})) nested->fallthrough();
@@ -75,6 +116,9 @@ int Run(int argc, char** argv) {
   } catch (const CLI::ParseError& error) {
     context.Say(std::string(error.what()) + "; see --help");
     return kUsage;
+  } catch (const motor_driver::VehicleError& error) {
+    context.Say(error.what());
+    return kFailure;
   }
 
   // A reader that has gone away shows as a failed write: a command may have wheels to stop.

@@ -2,7 +2,7 @@
 
 _motorctl_takes_value() {
   case $1 in
-    --interface | --make | --counts-per-revolution | --from | --to | --period | --rpm | --rpm2 | \
+    --vehicle | --interface | --make | --counts-per-revolution | --from | --to | --period | --rpm | --rpm2 | \
       --seconds | --ramp | --csv | --svg | --config) return 0 ;;
   esac
   return 1
@@ -18,21 +18,25 @@ _motorctl_interfaces() {
 
 _motorctl() {
   local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
-  local options='--interface --make --counts-per-revolution --json --verbose --help'
-  local words='' files=false command='' position=0 i
+  local options='--vehicle --interface --make --counts-per-revolution --json --verbose --help'
+  local words='' files=false command='' nested='' position=0 i
 
   for ((i = 1; i < COMP_CWORD; i++)); do
     if _motorctl_takes_value "${COMP_WORDS[i]}"; then
       ((i++))
     elif [[ ${COMP_WORDS[i]} != -* ]]; then
-      if [[ -z $command ]]; then command=${COMP_WORDS[i]}; else ((position++)); fi
+      if [[ -z $command ]]; then
+        command=${COMP_WORDS[i]}
+      else
+        ((position++)) || nested=${COMP_WORDS[i]}
+      fi
     fi
   done
 
   case $command in
     '')
       options+=' --version'
-      words='doctor scan info sdo bring-up jog monitor explain decode'
+      words='doctor scan info sdo bring-up jog monitor explain decode vehicle'
       ;;
     scan) options+=' --from --to' ;;
     bring-up) options+=' --period' ;;
@@ -44,16 +48,18 @@ _motorctl() {
       elif ((position == 4)); then
         words='u8 i8 u16 i16 u32 i32 hex'
       fi
+      [[ $nested != write ]] || options+=' --yes'
       ;;
     decode) files=true ;;
+    vehicle) if ((position == 0)); then words='check'; else files=true; fi ;;
   esac
 
   if _motorctl_takes_value "$previous"; then
     words='' files=false
     case $previous in
       --interface) words=$(_motorctl_interfaces) ;;
-      --make) words='zl tt hls amps kinco fake' ;;
-      --csv | --svg | --config) files=true ;;
+      --make) words=$("${COMP_WORDS[0]}" --list-makes 2>/dev/null) ;;
+      --vehicle | --csv | --svg | --config) files=true ;;
     esac
   elif [[ $current == -* ]]; then
     words=$options files=false

@@ -103,7 +103,7 @@ void Report(const Context& context, DriverCommon& drive, States& states, int nod
 int Run(const Context& context, const Options& options) {
   const std::unique_ptr<DriverCommon> drive = OpenBus(context);
   EndSignals signals;
-  States states(context.interface);
+  States states(context.vehicle.interface);
   int found = 0;
   for (int node = options.from; node <= options.to; ++node) {
     if (signals.Arrived()) {
@@ -116,7 +116,7 @@ int Run(const Context& context, const Options& options) {
     if (answer.kind == SdoAnswer::Kind::kNotSent) {
       ClearProgress(context);
       CheckBus(*drive, context);
-      throw CommandFailed("cannot send on " + context.interface +
+      throw CommandFailed("cannot send on " + context.vehicle.interface +
                           ": nothing acknowledges, or it is down; see motorctl doctor");
     }
     // A node that refuses is there, too.

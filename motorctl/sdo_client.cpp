@@ -87,13 +87,13 @@ std::string Explanation(const SdoAnswer& answer) {
 }
 
 std::unique_ptr<DriverCommon> OpenBus(const Context& context) {
-  auto drive = std::make_unique<FakeDriver>(context.interface.c_str());
+  auto drive = std::make_unique<FakeDriver>(context.vehicle.interface.c_str());
   CheckBus(*drive, context);
   return drive;
 }
 
 void CheckBus(const DriverCommon& drive, const Context& context) {
-  const std::string& name = context.interface;
+  const std::string& name = context.vehicle.interface;
   switch (drive.GetCanError()) {
     case 0:
       return;
@@ -108,6 +108,19 @@ void CheckBus(const DriverCommon& drive, const Context& context) {
       throw CommandFailed(name + " failed: is it up? ip link set " + name +
                           " up type can bitrate 500000 restart-ms 100");
   }
+}
+
+std::string Reason(const motor_driver::SetUpFailure& failed) {
+  SdoAnswer answer;
+  if (failed.abort_code) {
+    answer.kind = SdoAnswer::Kind::kAborted;
+    answer.value = *failed.abort_code;
+  }
+  return NameObject(failed.index, failed.sub_index) + ": " + Explanation(answer);
+}
+
+std::string Describe(const motor_driver::SetUpFailure& failed) {
+  return "node " + std::to_string(failed.node) + ": failed: " + Reason(failed);
 }
 
 std::string NameObject(std::uint16_t index, std::uint8_t sub_index) {

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "context.h"
+#include "wheels/set_up_failure.h"
 
 namespace motorctl {
 
@@ -34,6 +35,11 @@ std::string Explanation(const SdoAnswer& answer);
 // be used.
 std::unique_ptr<DriverCommon> OpenBus(const Context& context);
 void CheckBus(const DriverCommon& drive, const Context& context);
+
+// "node 1: failed: 0x6040 sub 0 (Controlword): no answer"
+std::string Describe(const motor_driver::SetUpFailure& failed);
+// "0x6040 sub 0 (Controlword): no answer"
+std::string Reason(const motor_driver::SetUpFailure& failed);
 
 // "0x60FF sub 1 (Target velocity)"
 std::string NameObject(std::uint16_t index, std::uint8_t sub_index);

@@ -35,7 +35,22 @@ struct Options {
   std::string sub;
   std::string type = "hex";
   std::string value;
+  bool yes = false;
 };
+
+// Objects that turn a wheel, or let it turn: target velocities, torque and position, controlword
+// and mode.
+bool Moves(std::uint16_t index) {
+  for (const int moving : {0x60FF, 0x2FF0, 0x6071, 0x607A, 0x6040, 0x6060}) {
+    if (index == moving) return true;
+  }
+  for (const motor_driver::Make& make : motor_driver::Makes()) {
+    for (const motor_driver::Object& target : make.targets) {
+      if (index == target.index) return true;
+    }
+  }
+  return false;
+}
 
 // Decimal, or hexadecimal with 0x. `what` names the argument.
 long long ParseNumber(const std::string& text, const char* what, long long lowest,
@@ -142,6 +157,15 @@ int Read(const Context& context, const Options& options) {
 
 int Write(const Context& context, const Options& options) {
   const Encoded encoded = Encode(options);
+  if (Moves(Index(options))) {
+    const ExitStatus answer = context.Ask(
+        options.yes, NameObject(Index(options), Sub(options)) + " can turn the wheels of node " +
+                         std::to_string(options.node) + ". Are they off the ground?");
+    if (answer != kSuccess) {
+      context.Say("nothing was written");
+      return answer;
+    }
+  }
   const std::unique_ptr<DriverCommon> drive = OpenBus(context);
   const SdoAnswer answer =
       WriteObject(*drive, options.node, Index(options), Sub(options), encoded.value, encoded.size);
@@ -192,6 +216,9 @@ void AddSdo(CLI::App& app, Context& context) {
   AddObjectOptions(*write, *write_options);
   AddType(*write, *write_options)->required();
   write->add_option("VALUE", write_options->value, "decimal, or hexadecimal with 0x")->required();
+  write->add_flag("--yes", write_options->yes,
+                  "do not ask before objects that turn wheels; needed where standard input is no "
+                  "terminal");
   write->callback([&context, options = write_options] {
     Index(*options);
     Sub(*options);

@@ -31,15 +31,22 @@ class EndSignals {
   // Whether one has arrived, now or earlier. Does not wait.
   bool Arrived() {
     const timespec no_wait = {0, 0};
-    while (::sigtimedwait(&signals_, nullptr, &no_wait) > 0) arrived_ = true;
+    for (int signal = 0; (signal = ::sigtimedwait(&signals_, nullptr, &no_wait)) > 0;) {
+      arrived_ = true;
+      suspend_ = suspend_ || signal == SIGTSTP;
+    }
     return arrived_;
   }
+
+  // Whether Ctrl-Z was among them, which is expected to suspend, and does not.
+  bool suspend() const { return suspend_; }
 
  private:
   sigset_t signals_ = {};
   sigset_t previous_ = {};
   sighandler_t previous_output_ = SIG_DFL;
   bool arrived_ = false;
+  bool suspend_ = false;
 };
 
 }  // namespace motorctl

@@ -1,11 +1,12 @@
-#include "context.h"
+#include "terminal.h"
 
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <cerrno>
+#include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <system_error>
 
@@ -21,12 +22,6 @@ off_t taken = 0;
 bool IsTerminal() { return ::isatty(data_descriptor) != 0; }
 
 }  // namespace
-
-void Context::RequireMake() const {
-  if (make.empty()) {
-    throw CLI::ValidationError("--make", "which make is it? zl, tt, hls, amps, kinco or fake");
-  }
-}
 
 void Context::Write(const std::string& text) const {
   std::size_t written = 0;
@@ -44,6 +39,18 @@ void Context::Line(const std::string& text) const { Write(text + '\n'); }
 
 void Context::Say(const std::string& text) const {
   std::fprintf(stderr, "motorctl: %s\n", text.c_str());
+}
+
+ExitStatus Context::Ask(bool yes, const std::string& question) const {
+  if (yes) return kSuccess;
+  if (::isatty(STDIN_FILENO) == 0) {
+    Say("refusing without --yes, for standard input is no terminal: " + question);
+    return kUsage;
+  }
+  std::fprintf(stderr, "motorctl: %s [y/N] ", question.c_str());
+  char answer[16] = {};
+  const ssize_t bytes = ::read(STDIN_FILENO, answer, sizeof(answer) - 1);
+  return bytes > 0 && (answer[0] == 'y' || answer[0] == 'Y') ? kSuccess : kFailure;
 }
 
 bool Context::live() const { return !json && IsTerminal(); }
@@ -107,5 +114,67 @@ std::string LibraryOutput::Take() {
   if (taken > kKept && ::ftruncate(library_text, 0) == 0) taken = 0;
   return text;
 }
+
+Writer::Writer(std::function<void(const std::string&)> write)
+    : write_(std::move(write)), thread_([this] { Run(); }) {}
+
+Writer::~Writer() {
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    ended_ = true;
+  }
+  changed_.notify_all();
+  thread_.join();
+}
+
+void Writer::Push(std::string text) {
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (failed_) return;
+    waiting_.push_back(std::move(text));
+  }
+  changed_.notify_all();
+}
+
+bool Writer::AwaitIdle(std::chrono::milliseconds longest) {
+  std::unique_lock<std::mutex> lock(mutex_);
+  return changed_.wait_for(lock, longest, [this] { return waiting_.empty(); });
+}
+
+bool Writer::Failed() {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  return failed_;
+}
+
+void Writer::Run() {
+  std::unique_lock<std::mutex> lock(mutex_);
+  for (;;) {
+    changed_.wait(lock, [this] { return ended_ || !waiting_.empty(); });
+    if (waiting_.empty()) return;
+    const std::string text = waiting_.front();
+    lock.unlock();
+    bool written = true;
+    try {
+      write_(text);
+    } catch (const CommandFailed&) {
+      written = false;
+    }
+    lock.lock();
+    waiting_.pop_front();
+    if (!written) {
+      failed_ = true;
+      waiting_.clear();
+    }
+    changed_.notify_all();
+  }
+}
+
+BackgroundOutput::BackgroundOutput(const Context& context)
+    : data_([&context](const std::string& text) { context.Write(text); }),
+      status_([&context, this](const std::string& text) {
+        // For the eye only: what was drawn should stand above it.
+        data_.AwaitIdle(std::chrono::milliseconds(100));
+        context.Say(text);
+      }) {}
 
 }  // namespace motorctl

@@ -1,14 +1,16 @@
 // Codes and numbers of CiA 301, CiA 402 and of the makes, in words. Nothing here needs a bus.
 //
-// `make` is a name as given to --make ("zl", "tt", "hls", "amps", "kinco", "fake"), empty when it
-// is not known: then only what the standards define is named.
+// `make`: nullptr when it is not known; then only what the standards define is named.
 #pragma once
 
 #include <cstdint>
 #include <string>
-#include <string_view>
+
+#include "wheels/makes.h"
 
 namespace motorctl {
+
+using motor_driver::Make;
 
 // "0x" and at least `digits` hexadecimal digits.
 std::string Hex(std::uint64_t value, int digits);
@@ -30,16 +32,16 @@ std::string ErrorRegisterText(std::uint8_t bits);
 // State of the drive that a statusword shows, nullptr when it is none of the eight of CiA 402.
 const char* FindState(std::uint16_t statusword);
 // State, then the bits set besides: "Operation enabled; voltage enabled, remote".
-std::string StatuswordText(std::uint16_t statusword, std::string_view make = {});
+std::string StatuswordText(std::uint16_t statusword, const Make* make = nullptr);
 // Command, then the bits set besides: "Enable operation; halt".
 std::string ControlwordText(std::uint16_t controlword);
-std::string ModeText(std::int8_t mode, std::string_view make = {});
+std::string ModeText(std::int8_t mode, const Make* make = nullptr);
 
 std::string NmtStateText(std::uint8_t state);
 std::string NmtCommandText(std::uint8_t command);
 
 // "Statusword", "RPDO1 communication: COB-ID"; empty for an object that is not known.
-std::string ObjectName(std::uint16_t index, std::uint8_t sub, std::string_view make = {});
+std::string ObjectName(std::uint16_t index, std::uint8_t sub, const Make* make = nullptr);
 
 // What an object holds.
 struct Value {
@@ -63,8 +65,8 @@ enum class Format {
 };
 
 // `raw` has `bytes` bytes, 1 to 4.
-Value FormatValue(Format format, std::uint32_t raw, unsigned bytes, std::string_view make = {});
+Value FormatValue(Format format, std::uint32_t raw, unsigned bytes, const Make* make = nullptr);
 Value ObjectValue(std::uint16_t index, std::uint8_t sub, std::uint32_t raw, unsigned bytes,
-                  std::string_view make = {});
+                  const Make* make = nullptr);
 
 }  // namespace motorctl

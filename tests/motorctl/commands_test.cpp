@@ -1,41 +1,29 @@
 // The commands of motorctl that turn nothing, against every simulated make.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
+#include <algorithm>
 #include <cmath>
-#include <filesystem>
 #include <fstream>
 #include <map>
 #include <string>
 
 #include "bus_environment.h"
 #include "motorctl_process.h"
-#include "sim/simulated_drive.h"
+#include "simulated.h"
 
 namespace {
 
-sim::SimulatedDrive::Options Options(const std::string& make, std::uint16_t heartbeat_ms = 0) {
-  sim::SimulatedDrive::Options options;
-  options.make = make;
-  options.heartbeat_ms = heartbeat_ms;
-  return options;
-}
-
-const std::map<std::string, std::uint32_t> kProducts = {
-    {"zl", 1}, {"tt", 2}, {"hls", 3}, {"amps", 4}, {"kinco", 5}};
-
-class EveryMakeTest : public bus::BusTest, public ::testing::WithParamInterface<const char*> {
+class EveryMakeTest : public bus::BusTest, public ::testing::WithParamInterface<tested::Make> {
  protected:
-  const std::string make_ = GetParam();
+  const std::string make_ = GetParam().name;
 };
 
-INSTANTIATE_TEST_SUITE_P(Makes, EveryMakeTest,
-                         ::testing::Values("zl", "tt", "hls", "amps", "kinco"), MakeName);
+INSTANTIATE_TEST_SUITE_P(Makes, EveryMakeTest, ::testing::ValuesIn(tested::Makes()), MakeName);
 
 TEST_P(EveryMakeTest, ScanNamesTheNodeThatAnswers) {
   sim::SimulatedDrive::Options options = Options(make_, 50);
   options.node_id = 3;
-  const sim::SimulatedDrive drive(options);
+  sim::SimulatedDrive drive(options);
   const Result json = Motorctl({"scan", "--json", "--from", "2", "--to", "4"});
   EXPECT_EQ(json.status, 0) << json.err;
   EXPECT_EQ(json.err, "motorctl: 1 node answers\n");
@@ -43,13 +31,13 @@ TEST_P(EveryMakeTest, ScanNamesTheNodeThatAnswers) {
   ASSERT_EQ(objects.size(), 1U);
   EXPECT_EQ(objects[0]["node"], 3);
   EXPECT_EQ(objects[0]["device_type"].get<unsigned>() & 0xFFFFU, 402U);
-  EXPECT_EQ(objects[0]["product_code"], kProducts.at(make_));
+  EXPECT_EQ(objects[0]["product_code"], drive.ReadObject(0x1018, 2));
   EXPECT_EQ(objects[0]["serial_number"], 3);
   EXPECT_EQ(objects[0]["nmt_state"], "pre-operational");
 }
 
 TEST_P(EveryMakeTest, InfoShowsIdentityAndState) {
-  const sim::SimulatedDrive drive(Options(make_));
+  sim::SimulatedDrive drive(Options(make_));
   const Result text = Motorctl({"info", "1", "--make", make_});
   EXPECT_EQ(text.status, 0) << text.err;
   EXPECT_TRUE(Contains(text.out, "0x6041:00  Statusword")) << text.out;
@@ -58,9 +46,11 @@ TEST_P(EveryMakeTest, InfoShowsIdentityAndState) {
     values[object["index"].get<int>() * 256 + object["sub"].get<int>()] = object["value"];
     EXPECT_FALSE(object["object"].get<std::string>().empty());
   }
-  EXPECT_EQ(values[0x101802], kProducts.at(make_));
+  EXPECT_EQ(values[0x101802], drive.ReadObject(0x1018, 2));
   EXPECT_EQ(values[0x603F00], 0);
-  EXPECT_EQ(values.count(make_ == "amps" ? 0x2FF009 : make_ == "zl" ? 0x60FF02 : 0x60FF00), 1U);
+  for (const tested::TargetVelocity& target : GetParam().target_velocities) {
+    EXPECT_EQ(values.count(target.index * 256 + target.sub_index), 1U);
+  }
 }
 
 TEST_P(EveryMakeTest, ReadsAndWritesObjects) {
@@ -105,15 +95,19 @@ TEST_P(EveryMakeTest, BringUpEnablesAtZeroSpeed) {
 TEST_P(EveryMakeTest, BringUpNamesTheWritesThatFail) {
   sim::SimulatedDrive drive(Options(make_));
   drive.Inject("abort-object=0x6060/0x06090030");
-  drive.Inject(make_ == "amps" ? "ignore-object=0x4700" : "ignore-object=0x1800:5");
+  // The first write of a TPDO's communication record: "601#2B0018" and the sub-index.
+  const auto step = std::find_if(
+      GetParam().script.begin(), GetParam().script.end(),
+      [](const SetUpStep& row) { return std::string(row.frame).substr(6, 4) == "0018"; });
+  ASSERT_NE(step, GetParam().script.end());
+  const std::string sub = std::string(step->frame).substr(11, 1);
+  drive.Inject("ignore-object=0x1800:" + sub);
   const Result result = Motorctl({"--make", make_, "bring-up", "1"});
   EXPECT_EQ(result.status, 1);
   EXPECT_TRUE(Contains(
       result.out, "failed: 0x6060 sub 0 (Modes of operation): refused with abort code 0x06090030"))
       << result.out;
-  EXPECT_TRUE(
-      Contains(result.out, make_ == "amps" ? "failed: 0x4700 sub 1" : "failed: 0x1800 sub 5"))
-      << result.out;
+  EXPECT_TRUE(Contains(result.out, "failed: 0x1800 sub " + sub)) << result.out;
   EXPECT_TRUE(Contains(result.out, "no answer"));
   EXPECT_TRUE(Contains(result.out, "not brought up")) << result.out;
 }
@@ -121,13 +115,7 @@ TEST_P(EveryMakeTest, BringUpNamesTheWritesThatFail) {
 TEST_P(EveryMakeTest, MonitorShowsStateErrorAndSpeed) {
   sim::SimulatedDrive drive(Options(make_));
   ASSERT_EQ(Motorctl({"bring-up", "1", "--make", make_, "--period", "20"}).status, 0);
-  drive.WriteObject(make_ == "amps" ? 0x2FF0 : 0x60FF,
-                    make_ == "amps" ? 9
-                    : make_ == "zl" ? 1
-                                    : 0,
-                    make_ == "kinco" ? 60 * 512 * 10000 / 1875
-                    : make_ == "hls" ? 600U
-                                     : 60U);
+  bus::Command("cansend can0 " + GetParam().backwards);
   const Result result = Motorctl({"monitor", "1", "--once", "--poll", "--make", make_, "--json"});
   EXPECT_EQ(result.status, 0) << result.err;
   const std::vector<Json> objects = result.Objects();
@@ -192,6 +180,31 @@ TEST_F(CommandsTest, ATerminalIsRedrawnAndAPipeIsNot) {
   EXPECT_TRUE(Contains(scan.Out(), "\r[#")) << scan.Out();
 }
 
+// Objects that move or enable, as a drive's manual lists them.
+TEST_F(CommandsTest, ObjectsThatTurnWheelsNeedAYes) {
+  sim::SimulatedDrive drive(Options("zl"));
+  for (const char* index : {"0x60FF", "0x2FF0", "0x6071", "0x607A", "0x6040", "0x6060"}) {
+    const Result refused = Motorctl({"sdo", "write", "1", index, "0", "u16", "0"});
+    EXPECT_EQ(refused.status, 2) << index;
+    EXPECT_TRUE(Contains(refused.err, "nothing was written")) << refused.err;
+  }
+  EXPECT_EQ(drive.Received().sdo, 0U);
+  EXPECT_EQ(Motorctl({"sdo", "write", "1", "0x6040", "0", "u16", "6", "--yes"}).status, 0);
+  EXPECT_EQ(drive.Received().sdo, 1U);
+
+  const Arguments write = {"sdo", "write", "1", "0x60FF", "1", "i32", "100"};
+  Process refused(write, Output::kTerminal);
+  EXPECT_TRUE(Eventually([&] { return Contains(refused.Out(), "[y/N]"); }));
+  refused.Type("n\n");
+  EXPECT_EQ(refused.Wait(), 1);
+  EXPECT_EQ(drive.ReadObject(0x60FF, 1), 0U);
+  Process written(write, Output::kTerminal);
+  EXPECT_TRUE(Eventually([&] { return Contains(written.Out(), "[y/N]"); }));
+  written.Type("y\n");
+  EXPECT_EQ(written.Wait(), 0);
+  EXPECT_EQ(drive.ReadObject(0x60FF, 1), 100U);
+}
+
 TEST_F(CommandsTest, SilenceIsAFailure) {
   const Result scan = Motorctl({"scan", "--to", "2"});
   EXPECT_EQ(scan.status, 1);
@@ -206,7 +219,13 @@ TEST_F(CommandsTest, SilenceIsAFailure) {
 }
 
 TEST_F(CommandsTest, AFakeDriveNeedsNoBus) {
-  EXPECT_EQ(Motorctl({"bring-up", "1", "--make", "fake", "--interface", "none0"}).status, 0);
+  const Arguments fake = {"bring-up", "1", "--make", "fake", "--interface", "none0"};
+  const Result result = Motorctl(fake);
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.out, "node 1: simulated, there is no drive\n");
+  Arguments json = fake;
+  json.emplace_back("--json");
+  EXPECT_EQ(Motorctl(json).Objects().at(0).at("nmt_state"), nullptr);
 }
 
 TEST_F(CommandsTest, WrongUsageEndsWithTwo) {
@@ -240,6 +259,10 @@ TEST_F(CommandsTest, WrongUsageEndsWithTwo) {
       {"bring-up", "1"},
       {"bring-up", "--make", "zl"},
       {"monitor", "--seconds", "-1"},
+      {"monitor", "--seconds", "nan"},
+      {"sdo", "write", "1", "0x60FF", "0", "i32", "100"},  // no --yes, no terminal
+      {"vehicle"},
+      {"vehicle", "check"},
       {"jog", "1", "--rpm", "10", "--seconds", "1", "--yes"},
       {"jog", "1", "--make", "zl", "--rpm", "10", "--seconds", "1"},  // no --yes, no terminal
       with({"nan"}),
@@ -256,7 +279,6 @@ TEST_F(CommandsTest, WrongUsageEndsWithTwo) {
       {"jog", "1", "--make", "zl", "--rpm", "10", "--yes", "--seconds", "inf"},
       {"jog", "1", "--make", "zl", "--rpm", "10", "--yes", "--seconds", "-1"},
       {"jog", "1", "--make", "zl", "--rpm", "10", "--yes", "--seconds", "1e300"},
-      {"jog", "2", "--make", "zl", "--rpm", "10", "--yes", "--seconds", "1"},
       {"jog", "1", "--make", "tt", "--rpm", "10", "--rpm2", "5", "--yes", "--seconds", "1"},
       {"jog", "1", "--make", "fake", "--rpm", "10", "--yes", "--seconds", "1"}};
   for (const Arguments& arguments : wrong) {
@@ -274,106 +296,6 @@ TEST_F(CommandsTest, HelpAndVersionEverywhere) {
     EXPECT_EQ(Motorctl({command, "--help"}).status, 0) << command;
     EXPECT_EQ(Motorctl({command, "--version"}).out, "motorctl " MOTORCTL_VERSION "\n") << command;
   }
-}
-
-class DoctorTest : public bus::BusTest {
- protected:
-  // A program ip that tells what real hardware would.
-  std::string IpThatPrints(const std::string& json) {
-    const std::string directory = ::testing::TempDir() + "/ip" + std::to_string(::getpid());
-    std::filesystem::create_directories(directory);
-    std::ofstream(directory + "/ip") << "#!/bin/sh\ncat <<'END'\n" << json << "\nEND\n";
-    ::chmod((directory + "/ip").c_str(), 0755);
-    return directory;
-  }
-  std::string Hardware(const std::string& data, int queue = 10) {
-    return R"([{"ifname":"can0","flags":["NOARP","UP","LOWER_UP"],"txqlen":)" +
-           std::to_string(queue) +
-           R"(,"link_type":"can","linkinfo":{"info_kind":"can","info_data":{)" + data + "}}}]";
-  }
-  // The one check of this name.
-  Json Check(const Result& result, const std::string& name) {
-    Json found;
-    for (const Json& object : result.Objects()) {
-      if (object["check"] == name) found = object;
-    }
-    EXPECT_FALSE(found.is_null()) << name << " in\n" << result.out;
-    return found.is_null() ? Json::object() : found;
-  }
-  void ExpectFault(const Result& result, const std::string& check, const std::string& verdict,
-                   const std::string& finding) {
-    const Json object = Check(result, check);
-    EXPECT_EQ(object.value("result", ""), verdict) << result.out;
-    EXPECT_TRUE(Contains(object.value("finding", ""), finding)) << result.out;
-    EXPECT_TRUE(object.contains("remedy") && object["remedy"].is_string()) << result.out;
-    EXPECT_EQ(result.status, verdict == "failed" ? 1 : result.status);
-  }
-};
-
-TEST_F(DoctorTest, NamesWhatIsWrongWithTheInterface) {
-  ExpectFault(Motorctl({"doctor", "--json", "--interface", "can7"}), "interface", "failed",
-              "no can7");
-  ExpectFault(Motorctl({"doctor", "--json", "--interface", "lo"}), "interface", "failed",
-              "no CAN interface");
-  bus::Command("ip link add vcan7 type vcan && ip link set vcan7 up");
-  ExpectFault(Motorctl({"doctor", "--json", "--interface", "vcan7"}), "virtual", "warning", "vcan");
-  bus::Command("ip link delete vcan7");
-  bus::SetDown("can0");
-  ExpectFault(Motorctl({"doctor", "--json"}), "up", "failed", "down");
-}
-
-TEST_F(DoctorTest, NamesWhatTheKernelTellsOfHardware) {
-  const std::string poor = IpThatPrints(Hardware(R"("state":"ERROR-PASSIVE",)"
-                                                 R"("berr_counter":{"tx":128,"rx":3},)"
-                                                 R"("restart_ms":0)",
-                                                 1));
-  const Result result = Motorctl({"doctor", "--json"}, poor);
-  ExpectFault(result, "bit rate", "failed", "none");
-  ExpectFault(result, "restart-ms", "warning", "0");
-  ExpectFault(result, "bus state", "warning", "ERROR-PASSIVE, error counters: transmit 128");
-  ExpectFault(result, "txqueuelen", "warning", "1");
-  const std::string off = IpThatPrints(
-      Hardware(R"("state":"BUS-OFF","restart_ms":100,"bittiming":{"bitrate":500000})"));
-  ExpectFault(Motorctl({"doctor", "--json"}, off), "bus state", "failed", "BUS-OFF");
-  const std::string good = IpThatPrints(
-      Hardware(R"("state":"ERROR-ACTIVE","restart_ms":100,"bittiming":{"bitrate":500000})"));
-  const Result fine = Motorctl({"doctor", "--json"}, good);
-  EXPECT_EQ(Check(fine, "bit rate")["result"], "ok");
-  EXPECT_EQ(Check(fine, "bus state")["result"], "ok");
-  const sim::SimulatedDrive drive(Options("zl", 10));
-  const Result load = Motorctl({"monitor", "--once", "--json"}, good);
-  ASSERT_FALSE(load.Objects().empty());
-  // 100 frames of 55 bits a second, which a busy machine may send in bursts.
-  EXPECT_NEAR(load.Objects()[0]["bus_load_percent"].get<double>(), 1.1, 0.7);
-}
-
-TEST_F(DoctorTest, NamesSilenceAndErrorFrames) {
-  const Result silent = Motorctl({"doctor", "--json", "9"});
-  ExpectFault(silent, "traffic", "warning", "not one frame");
-  ExpectFault(silent, "heartbeats", "warning", "none");
-  ExpectFault(silent, "sdo", "failed", "node 9 does not answer");
-  Process doctor({"doctor", "--json"});
-  EXPECT_TRUE(Eventually([&] { return Contains(doctor.Out(), "txqueuelen"); }));
-  for (int i = 0; i < 10; ++i) {
-    bus::Command("cansend can1 20000008#0000000000000000; sleep 0.05");
-  }
-  EXPECT_EQ(doctor.Wait(), 1);
-  EXPECT_TRUE(Contains(doctor.Out(), "\"error frames\"")) << doctor.Out();
-}
-
-TEST_F(DoctorTest, NamesWhatIsWrongWithANode) {
-  sim::SimulatedDrive drive(Options("zl"));
-  drive.WriteObject(0x1000, 0, 0x00000191);
-  drive.Inject("abort-object=0x1018");
-  drive.Inject("abort-object=0x2012/0x06020000");
-  drive.LatchError(0x2310);
-  const Result result = Motorctl({"doctor", "1", "--json", "--make", "zl"});
-  EXPECT_EQ(result.status, 1);
-  ExpectFault(result, "device type", "failed", "0x00000191");
-  ExpectFault(result, "identity", "warning", "0x08000000");
-  ExpectFault(result, "objects", "failed", "0x2012 sub 1");
-  ExpectFault(result, "heartbeat time", "warning", "0");
-  ExpectFault(result, "error code", "failed", "0x2310, Continuous over current");
 }
 
 }  // namespace

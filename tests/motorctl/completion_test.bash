@@ -6,6 +6,7 @@ set -euo pipefail
 # shellcheck disable=SC1090
 source "$1"
 motorctl=$(realpath "$2")
+PATH=$(dirname "$motorctl"):$PATH  # the completion asks the program that is completed
 failures=0
 
 # What is offered after these words, the last of which is being written; one line, sorted.
@@ -31,18 +32,21 @@ listed() {
   "$motorctl" "$@" --help | grep -oE '^ +(-[a-z], *)?--[a-z0-9-]+' | grep -oE -e '--[a-z0-9-]+'
 }
 
-commands='bring-up decode doctor explain info jog monitor scan sdo'
+commands='bring-up decode doctor explain info jog monitor scan sdo vehicle'
 expect "$commands" ''
 expect 'decode doctor' d
 expect 'jog' jo
 expect "$commands" --make zl ''
 expect "$commands" --json ''
-expect 'amps fake hls kinco tt zl' --make ''
+expect "$("$motorctl" --list-makes | LC_ALL=C sort | paste -sd ' ')" --make ''
 expect 'kinco' jog 1 --rpm -30 --make k
 expect '' jog 1 --rpm ''
 expect 'read write' sdo ''
 expect 'read write' --interface can0 sdo ''
 expect '' sdo read ''
+expect 'check' vehicle ''
+expect '--yes' sdo write 1 0x60FF 0 i32 5 --y
+expect '' sdo read 1 0x60FF 0 --y
 expect 'i16 i32 i8' sdo write 1 0x6040 0 i
 expect '' explain ''
 expect '--verbose --version' --ver
@@ -52,6 +56,8 @@ expect '--rpm --rpm2' jog --rp
 cd "$(dirname "$0")/data"
 expect 'zl.log zl.txt' decode zl
 expect 'zl.log zl.txt' jog 1 --csv zl
+expect 'zl.log zl.txt' jog --vehicle zl
+expect 'zl.log zl.txt' vehicle check zl
 
 # Nothing missing and nothing invented: the program's own help is the measure.
 global=$(listed)

@@ -11,13 +11,15 @@
 namespace motorctl {
 namespace {
 
-Meaning Decode(const std::string& line, std::string_view make = {}) {
+using motor_driver::FindMake;
+
+Meaning Decode(const std::string& line, const std::string& make = {}) {
   const auto frame = ParseLogLine(line);
   EXPECT_TRUE(frame.has_value()) << line;
-  return frame ? DecodeFrame(*frame, make) : Meaning();
+  return frame ? DecodeFrame(*frame, FindMake(make)) : Meaning();
 }
 
-std::string Text(const std::string& line, std::string_view make = {}) {
+std::string Text(const std::string& line, const std::string& make = {}) {
   return Decode(line, make).text;
 }
 
@@ -29,7 +31,7 @@ struct Result {
 Result DecodeText(const std::string& log, const std::string& make = {}, bool json = false) {
   Result result;
   std::istringstream stream(log);
-  result.malformed = DecodeLog(stream, {make, json},
+  result.malformed = DecodeLog(stream, {FindMake(make), json},
                                [&](const std::string& line) { result.lines.push_back(line); });
   return result;
 }
@@ -252,7 +254,7 @@ TEST_P(RecordedLogTest, GivesOneJsonObjectForEachLine) {
     ASSERT_TRUE(frame.has_value()) << result.lines[i];
     const auto text = object.at("text").get<std::string>();
     EXPECT_EQ(plain.lines[i].substr(plain.lines[i].size() - text.size()), text);
-    EXPECT_EQ(DecodeFrame(*frame, name).text, text);
+    EXPECT_EQ(DecodeFrame(*frame, FindMake(name)).text, text);
   }
 }
 
@@ -319,7 +321,9 @@ TEST(DecodeTest, SurvivesAnyChangeOfAByte) {
 // All functions and SDO commands, all lengths, all makes.
 TEST(DecodeTest, SaysSomethingAboutEveryFrame) {
   LoggedFrame frame;
-  for (const char* make : {"", "zl", "tt", "hls", "amps", "kinco", "fake"}) {
+  std::vector<const Make*> makes = {nullptr};
+  for (const Make& make : motor_driver::Makes()) makes.push_back(&make);
+  for (const Make* const make : makes) {
     for (frame.id = 0; frame.id <= 0x7FF; frame.id += 0x3F) {
       for (unsigned byte = 0; byte < 256; byte += 0x11) {
         frame.data[0] = static_cast<std::uint8_t>(byte);

@@ -17,6 +17,7 @@
 #include <thread>
 #include <vector>
 
+#include "makes.h"
 #include "processes.h"
 
 using Json = nlohmann::json;
@@ -24,13 +25,14 @@ using Arguments = std::vector<std::string>;
 
 constexpr auto kLongest = std::chrono::seconds(60);
 
-enum class Output { kFile, kTerminal };
+// kFullPipe: standard output is a pipe that nobody reads and that takes nothing any more.
+enum class Output { kFile, kTerminal, kFullPipe };
 
 class Process {
  public:
   // `path`: searched for programs before the usual places.
   explicit Process(const Arguments& arguments, Output output = Output::kFile,
-                   const std::string& path = "") {
+                   const std::string& path = "", const Arguments& variables = {}) {
     Arguments words = {MOTORCTL};
     words.insert(words.end(), arguments.begin(), arguments.end());
     std::vector<char*> argv;
@@ -39,20 +41,23 @@ class Process {
     std::string search =
         "PATH=" + (path.empty() ? "" : path + ":") + "/usr/sbin:/usr/bin:/sbin:/bin";
     std::string term = "TERM=xterm";
-    char* environment[] = {search.data(), term.data(), nullptr};
-    out_ = ::memfd_create("out", MFD_CLOEXEC);
+    Arguments all = variables;
+    std::vector<char*> environment = {search.data(), term.data()};
+    for (std::string& variable : all) environment.push_back(variable.data());
+    environment.push_back(nullptr);
+    out_ = output == Output::kFullPipe ? FullPipe() : ::memfd_create("out", MFD_CLOEXEC);
     err_ = ::memfd_create("err", MFD_CLOEXEC);
     const int nothing = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
     const winsize size = {24, 80, 0, 0};
     child_ =
         output == Output::kTerminal ? ::forkpty(&terminal_, nullptr, nullptr, &size) : ::fork();
     if (child_ == 0) {
-      if (output == Output::kFile) {
+      if (output != Output::kTerminal) {
         ::dup2(nothing, 0);
         ::dup2(out_, 1);
         ::dup2(err_, 2);
       }
-      ::execve(MOTORCTL, argv.data(), environment);
+      ::execve(MOTORCTL, argv.data(), environment.data());
       ::_exit(127);
     }
     ::close(nothing);
@@ -63,7 +68,7 @@ class Process {
       ::kill(child_, SIGKILL);
       ::waitpid(child_, nullptr, 0);
     }
-    for (const int descriptor : {out_, err_, terminal_}) {
+    for (const int descriptor : {out_, err_, terminal_, unread_}) {
       if (descriptor >= 0) ::close(descriptor);
     }
   }
@@ -72,6 +77,7 @@ class Process {
 
   // Everything so far; on a terminal both outputs together.
   std::string Out() {
+    if (unread_ >= 0) return "";
     if (terminal_ < 0) return support::ReadWhole(out_);
     pollfd readable = {terminal_, POLLIN, 0};
     char buffer[4096];
@@ -107,7 +113,19 @@ class Process {
   }
 
  private:
+  // Its end for writing; the other one is kept and not read.
+  int FullPipe() {
+    int ends[2] = {};
+    EXPECT_EQ(::pipe2(ends, O_CLOEXEC | O_NONBLOCK), 0);
+    unread_ = ends[0];
+    while (::write(ends[1], "x", 1) == 1) {
+    }
+    ::fcntl(ends[1], F_SETFL, 0);
+    return ends[1];
+  }
+
   pid_t child_ = -1;
+  int unread_ = -1;
   int out_ = -1;
   int err_ = -1;
   int terminal_ = -1;
@@ -132,8 +150,9 @@ struct Result {
   }
 };
 
-inline Result Motorctl(const Arguments& arguments, const std::string& path = "") {
-  Process process(arguments, Output::kFile, path);
+inline Result Motorctl(const Arguments& arguments, const std::string& path = "",
+                       const Arguments& variables = {}) {
+  Process process(arguments, Output::kFile, path, variables);
   Result result;
   result.status = process.Wait();
   result.out = process.Out();
@@ -156,6 +175,6 @@ inline bool Contains(const std::string& text, const std::string& part) {
   return text.find(part) != std::string::npos;
 }
 
-inline std::string MakeName(const ::testing::TestParamInfo<const char*>& info) {
-  return info.param;
+inline std::string MakeName(const ::testing::TestParamInfo<tested::Make>& info) {
+  return info.param.name;
 }

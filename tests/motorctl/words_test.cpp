@@ -12,6 +12,8 @@
 namespace motorctl {
 namespace {
 
+using motor_driver::FindMake;
+
 // As CiA 301 lists them.
 const std::set<std::uint32_t> kAbortCodes = {
     0x05030000, 0x05040000, 0x05040001, 0x05040002, 0x05040003, 0x05040004, 0x05040005, 0x06010000,
@@ -109,11 +111,11 @@ TEST(WordsTest, StatuswordsNameTheBitsBesidesTheState) {
             "15");
   EXPECT_EQ(StatuswordText(0x0001), "no state of CiA 402");
   EXPECT_EQ(StatuswordText(0x0050), "Switch on disabled; voltage enabled");
-  EXPECT_EQ(StatuswordText(0x0050, "kinco"),
+  EXPECT_EQ(StatuswordText(0x0050, FindMake("kinco")),
             "Switch on disabled (emergency stop); voltage enabled");
-  EXPECT_EQ(StatuswordText(0x0270, "kinco"),
+  EXPECT_EQ(StatuswordText(0x0270, FindMake("kinco")),
             "Switch on disabled (emergency stop); voltage enabled, remote");
-  EXPECT_EQ(StatuswordText(0x0040, "kinco"), "Switch on disabled");
+  EXPECT_EQ(StatuswordText(0x0040, FindMake("kinco")), "Switch on disabled");
 }
 
 TEST(WordsTest, ControlwordsNameCommandAndBits) {
@@ -138,7 +140,7 @@ TEST(WordsTest, NamesModesNmtAndErrorRegister) {
   EXPECT_EQ(ModeText(3), "Profile velocity");
   EXPECT_EQ(ModeText(5), "unknown mode");
   EXPECT_EQ(ModeText(-3), "manufacturer-specific mode");
-  EXPECT_EQ(ModeText(-3, "kinco"), "Immediate speed");
+  EXPECT_EQ(ModeText(-3, FindMake("kinco")), "Immediate speed");
   EXPECT_EQ(NmtStateText(0x00), "boot-up");
   EXPECT_EQ(NmtStateText(0x04), "stopped");
   EXPECT_EQ(NmtStateText(0x05), "operational");
@@ -169,31 +171,31 @@ TEST(WordsTest, NamesObjectsOfTheStandards) {
 }
 
 TEST(WordsTest, NamesObjectsOfTheMakes) {
-  EXPECT_EQ(ObjectName(0x60FF, 2, "zl"), "Target velocity of motor 2");
-  EXPECT_EQ(ObjectName(0x60FF, 0, "tt"), "Target velocity");
-  EXPECT_EQ(ObjectName(0x2012, 1, "zl"), "Current limit of motor 1");
-  EXPECT_EQ(ObjectName(0x2010, 0, "zl"), "Save all parameters");
-  EXPECT_EQ(ObjectName(0x2010, 0x0A, "kinco"), "Digital inputs");
-  EXPECT_EQ(ObjectName(0x2010, 0x0A, "zl"), "");
-  EXPECT_EQ(ObjectName(0x2FF0, 9, "amps"), "Velocity command");
-  EXPECT_EQ(ObjectName(0x4603, 0, "hls"), "Clear fault");
+  EXPECT_EQ(ObjectName(0x60FF, 2, FindMake("zl")), "Target velocity of motor 2");
+  EXPECT_EQ(ObjectName(0x60FF, 0, FindMake("tt")), "Target velocity");
+  EXPECT_EQ(ObjectName(0x2012, 1, FindMake("zl")), "Current limit of motor 1");
+  EXPECT_EQ(ObjectName(0x2010, 0, FindMake("zl")), "Save all parameters");
+  EXPECT_EQ(ObjectName(0x2010, 0x0A, FindMake("kinco")), "Digital inputs");
+  EXPECT_EQ(ObjectName(0x2010, 0x0A, FindMake("zl")), "");
+  EXPECT_EQ(ObjectName(0x2FF0, 9, FindMake("amps")), "Velocity command");
+  EXPECT_EQ(ObjectName(0x4603, 0, FindMake("hls")), "Clear fault");
   // Parameter 0x2300 of axis 3, 0x242A of axis 1, 0x2002 of axis 0.
-  EXPECT_EQ(ObjectName(0x5300, 0, "hls"), "Axis 3 P gain");
-  EXPECT_EQ(ObjectName(0x342A, 0, "hls"), "Axis 1 maximum current");
-  EXPECT_EQ(ObjectName(0x2002, 0, "hls"), "Axis 0 current");
+  EXPECT_EQ(ObjectName(0x5300, 0, FindMake("hls")), "Axis 3 P gain");
+  EXPECT_EQ(ObjectName(0x342A, 0, FindMake("hls")), "Axis 1 maximum current");
+  EXPECT_EQ(ObjectName(0x2002, 0, FindMake("hls")), "Axis 0 current");
 }
 
 TEST(WordsTest, FormatsValuesWithTheSignOfTheObject) {
   EXPECT_EQ(ObjectValue(0x60FF, 0, 0xFFFFFFC4, 4).number, -60);
   EXPECT_EQ(ObjectValue(0x60FF, 0, 0xFFFFFFC4, 4).text, "-60");
-  EXPECT_EQ(ObjectValue(0x60FF, 0, 0xFFFFFDA8, 4, "hls").text, "-600 (60.0 rpm)");
-  EXPECT_EQ(ObjectValue(0x2FF0, 9, 0xFFE2, 2, "amps").number, -30);
-  EXPECT_EQ(ObjectValue(0x6060, 0, 0xFD, 1, "kinco").text, "-3 Immediate speed");
+  EXPECT_EQ(ObjectValue(0x60FF, 0, 0xFFFFFDA8, 4, FindMake("hls")).text, "-600 (60.0 rpm)");
+  EXPECT_EQ(ObjectValue(0x2FF0, 9, 0xFFE2, 2, FindMake("amps")).number, -30);
+  EXPECT_EQ(ObjectValue(0x6060, 0, 0xFD, 1, FindMake("kinco")).text, "-3 Immediate speed");
   EXPECT_EQ(ObjectValue(0x1017, 0, 2000, 2).text, "2000 ms");
   EXPECT_EQ(ObjectValue(0x1A00, 1, 0x60630020, 4).text,
             "0x60630020 Position actual internal value, 32 bits");
   EXPECT_EQ(ObjectValue(0x603F, 0, 0x3210, 2).text, "0x3210 DC link over voltage");
-  EXPECT_EQ(ObjectValue(0x6041, 0, 0x00310037, 4, "zl").text,
+  EXPECT_EQ(ObjectValue(0x6041, 0, 0x00310037, 4, FindMake("zl")).text,
             "0x00310037 low word: Operation enabled; voltage enabled; high word: Ready to switch "
             "on; voltage enabled");
   EXPECT_EQ(ObjectValue(0x4700, 1, 1, 1).text, "0x01 (1)");
