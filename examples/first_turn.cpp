@@ -1,23 +1,25 @@
-#include <zl_driver.h>
+#include <wheels.h>
 
+#include <atomic>
+#include <csignal>
 #include <cstdio>
+#include <thread>
 
+std::atomic<bool> g_end{false};
 int main() {
-  ZlDriver drive("can0");
-  if (!drive.ResetNode(1)) return 1;
-  drive.CanDelayMs(1000);  // it boots; then nothing may turn on a speed left over from earlier
-  if (!drive.SdoWriteWithFeedback(0x601, 0x23, 0x60FF, 1, 0)) return 1;
-  if (!drive.SdoWriteWithFeedback(0x601, 0x23, 0x60FF, 2, 0)) return 1;
-  if (!drive.ActiveNode(1) || drive.EnableSpeedModeAndPdoMode(1, 10) != 0) return 1;
-  drive.StartNode(1);
-  for (int cycle = 0; cycle < 300; ++cycle, drive.CanDelayMs(10)) {
-    drive.SetSpeed(1, cycle < 200 ? 60 : 0, cycle < 200 ? 30 : 0);  // rpm; the last second stops
-    std::uint8_t node = 1;
-    double rpm[2] = {};
-    int counts[2] = {};
-    while (drive.GetReadQueueSize() > 0) {
-      if (!drive.GetSpeed(node, rpm[0], counts[0], rpm[1], counts[1])) continue;
-      std::printf("%7.1f rpm %7.1f rpm\n", rpm[0], rpm[1]);
-    }
+  for (int s : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTSTP}) std::signal(s, [](int) { g_end = 1; });
+  std::signal(SIGPIPE, SIG_IGN);
+  motor_driver::Vehicle vehicle;
+  vehicle.make = "zl";
+  vehicle.wheels = {{"left", 1, 1}, {"right", 1, 2}};  // name, node, motor
+  motor_driver::Wheels wheels(vehicle);
+  wheels.BringUp({}, [] { return g_end.load(); });
+  const double rpm[] = {60, 30};
+  for (int cycle = 0; cycle < 300 && !g_end && wheels.Command(rpm, 2); ++cycle) {
+    const auto left = wheels.GetWheel(0), right = wheels.GetWheel(1);
+    std::printf("%7.1f rpm %7.1f rpm\n", left.measured_rpm, right.measured_rpm);
+    std::this_thread::sleep_for(vehicle.period);
   }
+  std::puts(wheels.Stop() ? "stopped" : "THE STOP IS NOT CONFIRMED");
+  return wheels.GetReport().fault == motor_driver::Fault::kNone ? 0 : 1;  // the log says which
 }

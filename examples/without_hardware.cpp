@@ -1,49 +1,60 @@
-// A host's control loop on a machine without drive, bus or CAN: FakeDriver logs what a drive would
-// be told and answers with fixed speeds. Needs nothing but the installed package:
-//   g++ -std=c++17 without_hardware.cpp $(pkg-config --cflags --libs motor_driver)
-#include <fake_driver.h>
+// A host's control loop on a machine without drive, bus or CAN: the make "fake" logs what drives
+// would be told, and reports what was commanded. With another make as argument the same loop drives
+// real wheels, of nodes 1 and 2 on can0. Needs nothing but the installed package:
+//   g++ -std=c++17 without_hardware.cpp $(pkg-config --cflags --libs motor_driver_wheels)
+#include <wheels.h>
 
-#include <cstdint>
+#include <atomic>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
+#include <thread>
 
 namespace {
 
-constexpr std::uint8_t kNode = 1;
-constexpr std::uint16_t kPeriodMs = 10;
-constexpr int kCycles = 20;
+constexpr int kCycles = 100;
 
-// Knows no make: the same function drives real wheels.
-bool Drive(DriverCommon& drive) {
-  if (!drive.ResetNode(kNode) || !drive.ActiveNode(kNode) ||
-      drive.EnableSpeedModeAndPdoMode(kNode, kPeriodMs) != 0) {
-    return false;
+std::atomic<bool> g_end{false};
+
+// Knows no make.
+bool Drive(motor_driver::Wheels& wheels, std::chrono::milliseconds period) {
+  wheels.BringUp({}, [] { return g_end.load(); });
+  int cycle = 0;
+  for (const double rpm[] = {60, 30}; cycle < kCycles && !g_end && wheels.Command(rpm, 2);
+       ++cycle) {
+    std::this_thread::sleep_for(period);
+    std::printf("%7.1f rpm %7.1f rpm\n", wheels.GetWheel(0).measured_rpm,
+                wheels.GetWheel(1).measured_rpm);
   }
-  drive.StartNode(kNode);
-  for (int cycle = 0; cycle < kCycles; ++cycle, drive.CanDelayMs(kPeriodMs)) {
-    const bool stopping = cycle >= kCycles / 2;
-    std::uint8_t node = kNode;
-    double rpm[2] = {};
-    int counts[2] = {};
-    if (!drive.SetSpeed(kNode, stopping ? 0 : 60, stopping ? 0 : 30) ||
-        !drive.GetSpeed(node, rpm[0], counts[0], rpm[1], counts[1])) {
-      return false;
-    }
-    std::printf("%7.1f rpm %7.1f rpm\n", rpm[0], rpm[1]);
+  const bool stopped = wheels.Stop();
+  if (const motor_driver::Report report = wheels.GetReport(); !report.reason.empty()) {
+    std::fprintf(stderr, "%s\n", report.reason.c_str());
   }
-  return drive.CheckStatus(kNode);
+  return cycle == kCycles && stopped;
 }
 
 }  // namespace
 
-int main() {
+int main(int argc, char** argv) {
+  for (const int end : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTSTP}) {
+    std::signal(end, [](int) { g_end = true; });
+  }
+  std::signal(SIGPIPE, SIG_IGN);
   // Speeds are logged at debug. What the user has set stays.
   setenv("SPDLOG_STDOUT", "true", 0);
   setenv("SPDLOG_SYSTEMD", "false", 0);
   setenv("SPDLOG_LEVEL", "debug", 0);
-  // It logs that there is no such interface, and works.
-  FakeDriver drive("no_can");
-  const bool done = Drive(drive);
-  std::puts(done ? "the control loop ran; no wheel turned" : "FAILED");
-  return done ? EXIT_SUCCESS : EXIT_FAILURE;
+  try {
+    motor_driver::Vehicle vehicle;
+    vehicle.make = argc > 1 ? argv[1] : "fake";
+    vehicle.wheels = {{"left", 1, 1, false, 1.0}, {"right", 2, 1, false, 1.0}};
+    motor_driver::Wheels wheels(vehicle);
+    const bool done = Drive(wheels, vehicle.period);
+    std::puts(done ? "the control loop ran; the wheels stand still" : "FAILED");
+    return done ? EXIT_SUCCESS : EXIT_FAILURE;
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "%s\n", error.what());
+    return EXIT_FAILURE;
+  }
 }

@@ -18,7 +18,7 @@ fail() {
   echo "FAILED: $*" >&2
   local file
   for file in out err sim; do
-    [[ -s $scratch/$file ]] && sed "s/^/  $file: /" "$scratch/$file" >&2
+    [[ -s $scratch/$file ]] && tail -n 40 "$scratch/$file" | sed "s/^/  $file: /" >&2
   done
   [[ -s $scratch/bus ]] && tail -n 20 "$scratch/bus" | sed 's/^/  bus: /' >&2
   exit 1
@@ -41,6 +41,55 @@ plug_drives() {  # arguments of the simulator
 start() {  # arguments of the example
   "$example" "$@" >"$scratch/out" 2>"$scratch/err" &
   host=$!
+}
+
+# On a terminal of its own, whose keys are pressed with press; what it shows is in out.
+start_on_terminal() {  # arguments of the example
+  mkfifo "$scratch/keys"
+  exec 7<>"$scratch/keys"
+  script --quiet --flush --return --command "exec $example $*" /dev/null \
+    <"$scratch/keys" >"$scratch/out" 2>&1 &
+  host=$!
+}
+
+press() {  # key, as in printf
+  # shellcheck disable=SC2059  # a key is a format
+  printf "$1" >&7
+}
+
+# Standard output is a pipe that is full and that nobody reads; standard input is that of press.
+start_behind_full_pipe() {  # arguments of the example
+  mkfifo "$scratch/pipe" "$scratch/keys"
+  exec 7<>"$scratch/keys" 8<>"$scratch/pipe"
+  dd if=/dev/zero of="$scratch/pipe" oflag=nonblock bs=1024 count=2048 2>/dev/null
+  "$example" "$@" >"$scratch/pipe" 2>"$scratch/err" <"$scratch/keys" &
+  host=$!
+}
+
+# Speed commands to the nodes, oldest first, as data of their frames.
+speeds_sent() {  # identifiers, as a pattern
+  grep -o -e " $1#.*" "$scratch/bus" | cut -d'#' -f2
+}
+
+# The last five are zero; at latest within ten seconds.
+wait_for_zeros() {  # identifiers, as a pattern
+  local try
+  for ((try = 0; try < 100; ++try)); do
+    speeds_sent "$1" | tail -n 5 >"$scratch/speeds"
+    grep -q '[^0]' "$scratch/speeds" || return 0
+    sleep 0.1
+  done
+  fail "speeds: $(sort -u "$scratch/speeds" | tr '\n' ' ')"
+}
+
+# Zeros are sent all the time from now on, in seconds, and nothing else.
+expect_zeros_for() {  # identifiers, as a pattern, seconds
+  local before
+  before=$(speeds_sent "$1" | wc -l)
+  sleep "$2"
+  speeds_sent "$1" | tail -n "+$((before + 1))" >"$scratch/speeds"
+  (($(wc -l <"$scratch/speeds") > 20)) || fail "no speed commands"
+  ! grep -q '[^0]' "$scratch/speeds" || fail "speeds: $(sort -u "$scratch/speeds" | tr '\n' ' ')"
 }
 
 wait_for() {  # pattern, file

@@ -1,19 +1,68 @@
 #!/bin/bash
-# The README's program turns the wheels of a simulated drive and stops them.
-# Usage: first_turn_test.bash FIRST_TURN MOTOR_DRIVE_SIM
+# One case of the README's program against a simulated drive, on a vxcan pair in a network of its
+# own. Usage: first_turn_test.bash CASE FIRST_TURN MOTOR_DRIVE_SIM
 set -u
 
 if [[ ${1-} != --own-network ]]; then
   exec unshare --net "$BASH" "$0" --own-network "$@"
 fi
-ip link add dev can0 type vxcan peer name can1
-ip link set can0 up
-ip link set can1 up
-"$3" --interface can1 --make zl --node 1 &
-trap 'kill "$!"' EXIT
-sleep 1
-output=$(SPDLOG_STDOUT=false "$2") || { echo "FAILED: exit status $?"; exit 1; }
-# One count in 10 ms is 1.5 rpm.
-turning=$(grep -cE '^ +(58|59|60|61)\.. rpm +(29|30|31)\.. rpm$' <<<"$output")
-((turning > 150)) || { echo "FAILED: turning in $turning reports only"; exit 1; }
-[[ $(tail -n 1 <<<"$output") =~ ^\ +0.0\ rpm\ +0.0\ rpm$ ]] || { echo "FAILED: not stopped"; exit 1; }
+shift
+readonly test_case=$1 example=$2 simulator=$3
+# shellcheck source=tests/examples/bench.bash
+source "${BASH_SOURCE[0]%/*}/bench.bash"
+export SPDLOG_STDOUT=false
+
+TurnsBothWheels() {
+  make_bus
+  plug_drives --make zl --node 1
+  start
+  expect_status 0
+  local turning
+  turning=$(grep -cE '^ +(58|59|60|61)\.. rpm +(29|30|31)\.. rpm$' "$scratch/out")
+  ((turning > 150)) || fail "turning in $turning reports only"
+  [[ $(tail -n 1 "$scratch/out") == stopped ]] || fail "not stopped"
+  sed '/ 601#2B4060000F/q' "$scratch/bus" >"$scratch/before"
+  expect before ' 581#60FF600100000000'
+  expect before ' 581#60FF600200000000'
+  wait_for_zeros 201
+}
+
+StopsOnSignal() {
+  make_bus
+  plug_drives --make zl --node 1
+  start
+  wait_for ' 201#[23]' bus
+  kill -"$1" "$host"
+  expect_status 0
+  wait_for_zeros 201
+  expect out '^stopped$'
+  (($(wc -l <"$scratch/out") < 250)) || fail "not interrupted"
+}
+StopsOnInterrupt() { StopsOnSignal INT; }
+StopsOnTermination() { StopsOnSignal TERM; }
+StopsOnHangUp() { StopsOnSignal HUP; }
+StopsOnQuit() { StopsOnSignal QUIT; }
+StopsOnTerminalStop() { StopsOnSignal TSTP; }
+
+StopsWhenNobodyReadsItsOutput() {
+  make_bus
+  plug_drives --make zl --node 1
+  (
+    "$example"
+    echo $? >"$scratch/status"
+  ) | head -n 1 >"$scratch/out"
+  [[ $(<"$scratch/status") == 0 ]] || fail "exit status $(<"$scratch/status")"
+  expect bus ' 201#3C0000001E000000'
+  wait_for_zeros 201
+}
+
+ReportsADriveThatIsMissing() {
+  make_bus
+  SPDLOG_STDOUT=true start
+  expect_status 1
+  expect out 'ERROR. wheels: node 1 does not answer'
+  expect_none bus ' 601#2B4060'
+}
+
+"$test_case"
+echo "$test_case: passed"

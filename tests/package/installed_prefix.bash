@@ -77,9 +77,9 @@ check_installed_prefix() {
   done
 
   # The example for a machine without CAN needs nothing but the package.
-  read -ra flags <<< "$(pkg-config --cflags --libs motor_driver)"
-  "$cxx" -std=c++17 "${warnings[@]}" "$here/../../examples/without_hardware.cpp" "${flags[@]}" \
-    -Wl,-rpath,"$libdir" -o "$scratch/without_hardware" || fail "build of without_hardware"
+  read -ra flags <<< "$(pkg-config --cflags --libs motor_driver_wheels)"
+  "$cxx" -std=c++17 "${warnings[@]}" "$here/../../examples/without_hardware.cpp" \
+    -Wl,-rpath,"$libdir",--as-needed "${flags[@]}" -o "$scratch/without_hardware" || fail "build of without_hardware"
   "$scratch/without_hardware" > "$scratch/without_hardware.log" 2>&1 || fail "without_hardware"
 
   echo "find_package and pkg-config consumers built and ran"
