@@ -49,6 +49,7 @@ TEST_P(CommandsTest, AStaleCommandRampsToZeroWithinItsTimeoutAndAPeriod) {
     bus::FarEnd bus_record;
     Commanding host(wheels, 60);
     ASSERT_TRUE(TurnsAt(drives, 60)) << wheels.GetReport().reason;
+    std::this_thread::sleep_for(milliseconds(100));
     const auto last_command = host.End();
     ASSERT_TRUE(Eventually([&] { return wheels.GetReport().command_stale; }));
     const Report falling = wheels.GetReport();

@@ -59,13 +59,11 @@ void EndLoss(Scene&) {
 // Descriptors 1 and 2 lead elsewhere for a time.
 class Outputs {
  public:
-  // Nothing: they are closed.
-  explicit Outputs(const char* path) : saved_{::dup(1), ::dup(2)} {
+  Outputs(const char* path, int flags) : saved_{::dup(1), ::dup(2)} {
     for (const int output : {1, 2}) {
-      ::close(output);
-      if (path != nullptr && ::open(path, O_WRONLY) != output) {
-        ::abort();
-      }
+      const int other = ::open(path, flags | O_CLOEXEC);
+      ::dup2(other, output);
+      ::close(other);
     }
   }
   ~Outputs() {
@@ -170,10 +168,13 @@ std::vector<MatrixFault> Table() {
        [](Scene&) { EndTrafficControl("can0"); }, bus, bus, bus, 0, false},
       {"sdo_aborts", RefuseTransfers, EndInjected, none, refused, refused},
       {"signals", SendSignals, Nothing, none, none, none},
-      {"outputs_closed", [](Scene& scene) { scene.held = std::make_shared<Outputs>(nullptr); },
-       LetGo, none, none, none},
-      {"outputs_full", [](Scene& scene) { scene.held = std::make_shared<Outputs>("/dev/full"); },
-       LetGo, none, none, none},
+      // As one that is closed: writing is EBADF. The number stays taken, which the test needs back.
+      {"outputs_closed",
+       [](Scene& scene) { scene.held = std::make_shared<Outputs>("/dev/null", O_RDONLY); }, LetGo,
+       none, none, none},
+      {"outputs_full",
+       [](Scene& scene) { scene.held = std::make_shared<Outputs>("/dev/full", O_WRONLY); }, LetGo,
+       none, none, none},
       {"outputs_held", [](Scene& scene) { scene.held = std::make_shared<HeldOutputs>(); }, LetGo,
        none, none, none},
       {"host_hangs",
