@@ -14,7 +14,7 @@
 class SpeedVerdict {
  public:
   static constexpr double kTolerancePercent = 2.0;
-  static constexpr double kFewestReports = 20;
+  static constexpr double kFewestReports = 30;
 
   SpeedVerdict(std::vector<std::string> wheels, std::size_t phases)
       : wheels_(std::move(wheels)), phases_(phases), records_(wheels_.size() * phases) {}

@@ -1,6 +1,7 @@
 #!/bin/bash
 # One case of the example of the drive classes alone against a simulated drive, on a vxcan pair in a
 # network of its own. Usage: drive_classes_test.bash CASE DRIVE_CLASSES MOTOR_DRIVE_SIM
+# shellcheck disable=SC2119  # the example has no arguments
 set -u
 
 if [[ ${1-} != --own-network ]]; then

@@ -61,7 +61,7 @@ expect_usage_error() {
 TurnsBothWheelsAsCommanded() {
   make_bus
   plug_drive
-  start --seconds 5
+  start --seconds 8
   expect_status 0
   expect out '^speeds within 2 %: wheel 1 [-+][01]\.[0-9]* % .*, wheel 2 [-+][01]\.[0-9]* % '
   expect err 'every wheel stands still'
@@ -98,7 +98,7 @@ TurnsOneWheel() {  # first digit, counts, direction, arguments of the simulator
   shift 3
   make_bus
   plug_drive "$@"
-  start --make "$make" --node "$node" --seconds 5
+  start --make "$make" --node "$node" --seconds 8
   expect_status 0
   expect out '^speeds within 2 %: wheel 1 [-+][01]\.[0-9]* %'
   expect_none out 'wheel 2'
@@ -235,7 +235,7 @@ ReportsThatNoDriveAnswers() {
 ZeroesTargetVelocitiesBeforeItEnables() {
   make_bus
   plug_drive
-  start --seconds 4
+  start --seconds 8
   expect_status 0
   expect bus ' 601#2B4060000F'
   sed '/ 601#2B4060000F/q' "$scratch/bus" >"$scratch/before"
@@ -340,7 +340,7 @@ StopsWhenNobodyReadsItsOutput() {
   make_bus
   plug_drive
   (
-    "$example" --seconds 4 2>"$scratch/err"
+    "$example" --seconds 8 2>"$scratch/err"
     echo $? >"$scratch/status"
   ) | head -n 1 >"$scratch/out"
   sleep 0.2
@@ -387,7 +387,7 @@ ReportsANodeThatRestarts() {
 ReportsSpeedsThatAreOff() {
   make_bus
   plug_drive --counts-per-revolution 3413
-  start --seconds 5
+  start --seconds 8
   expect_status 1
   expect out 'SPEEDS OFF BY MORE THAN 2 %: wheel 1 -1[5-8]\.'
   expect err 'every wheel stands still'

@@ -1,6 +1,7 @@
 #!/bin/bash
 # One case of the README's program against a simulated drive, on a vxcan pair in a network of its
 # own. Usage: first_turn_test.bash CASE FIRST_TURN MOTOR_DRIVE_SIM
+# shellcheck disable=SC2119  # the example has no arguments
 set -u
 
 if [[ ${1-} != --own-network ]]; then

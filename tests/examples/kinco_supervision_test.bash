@@ -140,8 +140,8 @@ NamesTheErrorOfADrive() {
   plug_drives --make kinco --node 1 --node 2 --fault error-after-ms=5000/0x2310
   start --config "$config" --seconds 60
   expect_status 1
-  expect out '  fault  .*node [12] is not ready: Continuous over current'
-  expect err 'node [12] is not ready: Continuous over current'
+  expect out '  fault  .*node [12] \(is not ready: Continuous over current\|reports error 0x2310\)'
+  expect err 'node [12] \(is not ready: Continuous over current\|reports error 0x2310\)'
   wait_for_zeros "$both"
 }
 
