@@ -5,12 +5,8 @@
 namespace sim {
 namespace {
 
-constexpr std::int8_t kPositionMode = 1;
-constexpr std::int8_t kVelocityMode = 3;
-constexpr std::int8_t kTorqueMode = 4;
-
 void AddObjects(ObjectDictionary& dictionary, std::vector<Axis>& axes) {
-  AddSingleAxisObjects(dictionary, axes[0], {kPositionMode, kVelocityMode, kTorqueMode});
+  AddSingleAxisObjects(dictionary, axes[0], {Axis::kProfilePosition, Axis::kProfileVelocity});
   dictionary.Add(0x2FF0, 0, 1, Access::kConst, 9);
   dictionary.Add(0x2FF0, 9, 2, Access::kReadWrite).OnWrite([&axis = axes[0]](std::uint32_t value) {
     axis.SetTargetVelocity(static_cast<std::int16_t>(value));
@@ -31,7 +27,7 @@ Make Describe() {
   make.description = "one motor, 4096 counts per revolution, target velocity in rpm, by SDO";
   make.product_code = 4;
   make.axis_count = 1;
-  make.axis = {4096, 1, 1, kVelocityMode, 10000, 6000};
+  make.axis = {4096, 1, 1, Axis::kProfileVelocity, 10000, 6000};
   make.axis.state.enable_needs_shutdown = false;
   make.pdo.inhibit_unit = std::chrono::milliseconds(1);
   make.pdo.inhibit_time_is_period = true;

@@ -34,13 +34,22 @@ std::uint16_t DriveState::Statusword() const {
   return 0x18;
 }
 
-void DriveState::Control(std::uint16_t controlword) {
-  const bool fault_reset = (controlword & kFaultReset) != 0 && (controlword_ & kFaultReset) == 0;
+bool DriveState::Control(std::uint16_t controlword) {
+  const bool resets_fault = (controlword & kFaultReset) != 0 && (controlword_ & kFaultReset) == 0 &&
+                            rules_.controlword_resets_faults;
   controlword_ = controlword;
   if (emergency_ == Emergency::kReleased && IsDisableVoltage(controlword)) {
     emergency_ = Emergency::kNone;
   }
+  if (state_ == State::kFault && resets_fault) {
+    LeaveFault(controlword);
+  } else {
+    Obey(controlword);
+  }
+  return resets_fault;
+}
 
+void DriveState::Obey(std::uint16_t controlword) {
   switch (state_) {
     case State::kSwitchOnDisabled:
       if (InEmergency()) break;
@@ -68,16 +77,17 @@ void DriveState::Control(std::uint16_t controlword) {
       if (IsSwitchOn(controlword)) state_ = State::kSwitchedOn;
       if (IsShutdown(controlword)) state_ = State::kReadyToSwitchOn;
       if (IsDisableVoltage(controlword)) state_ = State::kSwitchOnDisabled;
-      if (IsQuickStop(controlword)) state_ = State::kQuickStopActive;
+      if (IsQuickStop(controlword)) {
+        state_ = quick_stop_ == QuickStopOption::kDisable ? State::kSwitchOnDisabled
+                                                          : State::kQuickStopActive;
+      }
       break;
     case State::kQuickStopActive:
       if (IsEnableOperation(controlword)) state_ = State::kOperationEnabled;
       if (IsDisableVoltage(controlword)) state_ = State::kSwitchOnDisabled;
       break;
     case State::kFaultReactionActive:
-      break;
     case State::kFault:
-      ControlFault(controlword, fault_reset);
       break;
   }
 }
@@ -86,8 +96,7 @@ void DriveState::Fault() {
   if (state_ != State::kFault) state_ = State::kFaultReactionActive;
 }
 
-void DriveState::ControlFault(std::uint16_t controlword, bool fault_reset) {
-  if (!fault_reset || !rules_.controlword_resets_faults) return;
+void DriveState::LeaveFault(std::uint16_t controlword) {
   ResetFault();
   const bool shutdown = IsShutdown(controlword & ~kFaultReset);
   if (shutdown && rules_.fault_reset_shuts_down && !InEmergency()) {
@@ -97,6 +106,11 @@ void DriveState::ControlFault(std::uint16_t controlword, bool fault_reset) {
 
 void DriveState::ResetFault() {
   if (state_ == State::kFault) state_ = State::kSwitchOnDisabled;
+}
+
+bool DriveState::SlowsDown() const {
+  return state_ == State::kQuickStopActive && (quick_stop_ == QuickStopOption::kSlowDown ||
+                                               quick_stop_ == QuickStopOption::kSlowDownAndStay);
 }
 
 void DriveState::PressEmergencyStop() {
@@ -109,7 +123,9 @@ void DriveState::ReleaseEmergencyStop() {
 }
 
 void DriveState::Stopped() {
-  if (state_ == State::kQuickStopActive) state_ = State::kSwitchOnDisabled;
+  const bool stays = quick_stop_ == QuickStopOption::kSlowDownAndStay ||
+                     quick_stop_ == QuickStopOption::kQuickRampAndStay;
+  if (state_ == State::kQuickStopActive && !stays) state_ = State::kSwitchOnDisabled;
   if (state_ == State::kFaultReactionActive) state_ = State::kFault;
 }
 

@@ -5,12 +5,8 @@
 namespace sim {
 namespace {
 
-constexpr std::int8_t kPositionMode = 1;
-constexpr std::int8_t kVelocityMode = 3;
-constexpr std::int8_t kTorqueMode = 4;
-
 void AddObjects(ObjectDictionary& dictionary, std::vector<Axis>& axes) {
-  AddSingleAxisObjects(dictionary, axes[0], {kPositionMode, kVelocityMode, kTorqueMode});
+  AddSingleAxisObjects(dictionary, axes[0], {Axis::kProfilePosition, Axis::kProfileVelocity});
   dictionary.Add(0x2002, 0, 2, Access::kReadWrite);  // current
   dictionary.Add(0x242A, 0, 2, Access::kReadWrite);  // highest current
   for (const std::uint16_t gain :
@@ -31,8 +27,10 @@ Make Describe() {
   make.description = "one motor, 131072 counts per revolution, target velocity in 0.1 rpm";
   make.product_code = 3;
   make.axis_count = 1;
-  make.axis = {131072, 1, 10, kVelocityMode, 10000, 6000};
+  make.axis = {131072, 1, 10, Axis::kProfileVelocity, 10000, 6000};
   make.axis.state.controlword_resets_faults = false;
+  // Hosts take a drive of this make for ready when the whole statusword is 0x37.
+  make.axis.statusword_tells_motion = false;
   make.pdo.configurable_while_valid = true;
   make.pdo.accepts_short_times = true;
   make.pdo.change_detection = std::chrono::milliseconds(5);

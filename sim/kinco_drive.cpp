@@ -6,16 +6,12 @@ namespace sim {
 namespace {
 
 constexpr std::int8_t kImmediateSpeedMode = -3;
-constexpr std::int8_t kPositionMode = 1;
-constexpr std::int8_t kVelocityMode = 3;
-constexpr std::int8_t kTorqueMode = 4;
-
 constexpr std::uint8_t kInputs = 0x0A;
 constexpr std::uint32_t kEmergencyStopInput = 0x0001;
 
 void AddObjects(ObjectDictionary& dictionary, std::vector<Axis>& axes) {
   AddSingleAxisObjects(dictionary, axes[0],
-                       {kImmediateSpeedMode, kPositionMode, kVelocityMode, kTorqueMode});
+                       {kImmediateSpeedMode, Axis::kProfilePosition, Axis::kProfileVelocity});
   dictionary.Add(0x2010, 0, 1, Access::kConst, kInputs);
   dictionary.Add(0x2010, kInputs, 2, Access::kReadOnly).Mappable().OnRead([&axis = axes[0]] {
     return axis.emergency_pressed() ? kEmergencyStopInput : 0U;

@@ -17,8 +17,15 @@ class Motor {
 
   /// Stands still at once, and during the step.
   void Halt() { speed_urpm_ = 0; }
+  /// Comes to rest exactly there, for what is left of a positioning: less than one can see.
+  void RestAt(std::int32_t position) {
+    position_ = static_cast<std::uint32_t>(position);
+    fraction_ = 0;
+    speed_urpm_ = 0;
+  }
 
   std::int64_t speed_urpm() const { return speed_urpm_; }
+  double counts_per_revolution() const { return static_cast<double>(counts_per_revolution_); }
   /// Wraps around at 32 bits, as an encoder counter does.
   std::int32_t position() const { return static_cast<std::int32_t>(position_); }
 

@@ -23,4 +23,10 @@ bool HeartbeatProducer::Due(Time now) {
   return true;
 }
 
+bool HeartbeatConsumer::Failed(Time now) {
+  if (now < overdue_) return false;
+  overdue_ = Time::max();
+  return true;
+}
+
 }  // namespace sim

@@ -42,4 +42,25 @@ class HeartbeatProducer {
   Time next_{0};
 };
 
+/// Watches the heartbeat of another node: from the first one that is heard, and after a failure
+/// from the next one on, so that a node that stays silent fails once.
+class HeartbeatConsumer {
+ public:
+  void Watch(std::uint8_t node_id, std::uint16_t time_ms) {
+    node_id_ = node_id;
+    time_ = std::chrono::milliseconds(time_ms);
+    overdue_ = Time::max();
+  }
+  /// 0 when nothing is watched.
+  std::uint8_t node_id() const { return time_ == Time::zero() ? 0 : node_id_; }
+  void Heard(Time now) { overdue_ = now + time_; }
+  bool Failed(Time now);
+  Time NextEvent() const { return overdue_; }
+
+ private:
+  std::uint8_t node_id_ = 0;
+  Time time_{0};
+  Time overdue_ = Time::max();
+};
+
 }  // namespace sim

@@ -10,10 +10,7 @@ namespace {
 
 constexpr std::uint32_t kNmtId = 0x000;
 constexpr std::uint32_t kSyncId = 0x080;
-constexpr std::uint32_t kEmergencyBase = 0x080;
-constexpr std::uint32_t kSdoReplyBase = 0x580;
 constexpr std::uint32_t kSdoRequestBase = 0x600;
-constexpr std::uint32_t kHeartbeatBase = 0x700;
 
 // A drive takes its time to wake up; hosts discard what comes right after the activation frame.
 constexpr Time kActivationTime = std::chrono::milliseconds(200);
@@ -22,8 +19,6 @@ constexpr std::uint8_t kActivation = 0x10;  // twice
 constexpr std::uint32_t kServoDrive = 0x00020192;  // CiA 402, servo
 constexpr std::uint32_t kVendorId = 0x00FFFF01;    // of no real vendor
 constexpr std::uint32_t kRevision = 0x00010000;
-
-constexpr std::uint16_t kPdoLengthError = 0x8210;  // emergency: PDO not processed, too short
 
 const Node::Options& Checked(const Make& make, const Node::Options& options) {
   if (options.node_id < 1 || options.node_id > 127) {
@@ -61,8 +56,9 @@ Node::Node(const Make& make, const Options& options, FrameSink send)
       options_(Checked(make, options)),
       send_(std::move(send)),
       axes_(MakeAxes(make, options)),
-      pdos_(dictionary_, options.node_id, make.pdo,
-            [this](const Frame& frame) { SendPdo(frame); }) {
+      pdos_(dictionary_, options.node_id, make.pdo, [this](const Frame& frame) { SendPdo(frame); }),
+      errors_(dictionary_, axes_, nmt_state_, {options.node_id, options.heartbeat_ms},
+              [this](const Frame& frame) { send_(frame); }) {
   AddCommonObjects(make);
   make.add_objects(dictionary_, axes_);
   if (options.tpdo1_id != 0) dictionary_.SetPowerOnValue(0x1800, 1, options.tpdo1_id);
@@ -75,16 +71,7 @@ void Node::SendPdo(const Frame& frame) {
 
 void Node::AddCommonObjects(const Make& make) {
   dictionary_.Add(0x1000, 0, 4, Access::kConst, kServoDrive);
-  dictionary_.Add(0x1001, 0, 1, Access::kReadOnly).Mappable().OnRead([this] {
-    return InFault() ? 1U : 0U;
-  });
   dictionary_.Add(0x1005, 0, 4, Access::kConst, kSyncId);
-  dictionary_.Add(0x1014, 0, 4, Access::kConst, kEmergencyBase + options_.node_id);
-  dictionary_.Add(0x1017, 0, 2, Access::kReadWrite, options_.heartbeat_ms)
-      .OnWrite([this](std::uint32_t period_ms) {
-        heartbeat_.SetPeriod(now_, static_cast<std::uint16_t>(period_ms));
-        return AbortCode::kNone;
-      });
   dictionary_.Add(0x1018, 0, 1, Access::kConst, 4);
   dictionary_.Add(0x1018, 1, 4, Access::kConst, kVendorId);
   dictionary_.Add(0x1018, 2, 4, Access::kConst, make.product_code);
@@ -117,7 +104,6 @@ void Node::PowerCut() {
 
 void Node::ResetApplication() {
   for (Axis& axis : axes_) axis.Reset();
-  fault_reported_ = false;
   dictionary_.Reset(0x2000, 0xFFFF);
 }
 
@@ -125,9 +111,9 @@ void Node::ResetCommunication() {
   pdos_.Stop();
   late_replies_.clear();
   dictionary_.Reset(0x1000, 0x1FFF);
-  heartbeat_.SetPeriod(now_, options_.heartbeat_ms);
+  errors_.Reset(now_);
   nmt_state_ = NmtState::kInitialising;
-  send_({kHeartbeatBase + options_.node_id, 1, {static_cast<std::uint8_t>(nmt_state_)}});
+  errors_.SendBootUp();
   nmt_state_ = NmtState::kPreOperational;
 }
 
@@ -143,15 +129,16 @@ void Node::Receive(const Frame& frame) {
     pdos_.Sync();
   } else if (frame.id == kSdoRequestBase + options_.node_id) {
     ++received_.sdo;
-    ReceiveSdo(frame, kSdoReplyBase + options_.node_id, 0);
+    ReceiveSdo(frame, options_.node_id, 0);
   } else if (frame.id == kSdoRequestBase && make_.has_parameter_channel) {
     ReceiveParameterChannel(frame);
   } else {
     const PdoEngine::Receipt receipt = pdos_.Receive(frame);
     if (receipt != PdoEngine::Receipt::kNotMine) ++received_.pdo;
-    if (receipt == PdoEngine::Receipt::kTooShort) SendEmergency(kPdoLengthError);
+    if (receipt == PdoEngine::Receipt::kTooShort) errors_.Report(ErrorControl::kPdoLengthError);
   }
-  ReportFaultChange();
+  errors_.Receive(frame);
+  errors_.ReportRecovery();
 }
 
 void Node::ReceiveNmt(const Frame& frame) {
@@ -165,6 +152,12 @@ void Node::ReceiveNmt(const Frame& frame) {
     ResetCommunication();
     return;
   }
+  const bool stops = next == NmtState::kStopped && nmt_state_ != next;
+  Enter(next);
+  if (stops) AbortConnection(ErrorControl::kCommunicationError);
+}
+
+void Node::Enter(NmtState next) {
   const bool starts = next == NmtState::kOperational && nmt_state_ != next;
   nmt_state_ = next;
   if (starts) pdos_.Start(now_);
@@ -177,52 +170,6 @@ void Node::ReceiveActivation(const Frame& frame) {
   if (!awaits_activation_ || !is_activation) return;
   awaits_activation_ = false;
   boots_at_ = now_ + kActivationTime;
-}
-
-void Node::ReceiveParameterChannel(const Frame& frame) {
-  const auto offset = static_cast<std::uint16_t>(options_.node_id << 12);
-  const std::uint16_t index = DecodeSdoRequest(frame.data).index;
-  // Every other index is the business of another axis on the bus.
-  if (((index - offset) & 0xF000) != 0x2000) return;
-  ++received_.sdo;
-  ReceiveSdo(frame, kSdoReplyBase, offset);
-}
-
-void Node::ReceiveSdo(const Frame& frame, std::uint32_t reply_id, std::uint16_t index_offset) {
-  // CiA 301: SDO frames have eight bytes, and there is no SDO in the state stopped.
-  if (nmt_state_ == NmtState::kStopped || frame.length != 8) return;
-  const SdoRequest request = DecodeSdoRequest(frame.data);
-  const SdoFaults::Verdict verdict = sdo_faults_.Judge(request);
-  switch (verdict.action) {
-    case SdoFaults::Verdict::Action::kIgnore:
-      return;
-    case SdoFaults::Verdict::Action::kAbort:
-      SendSdoReply(reply_id, SdoAbort(request.index, request.sub, verdict.code));
-      return;
-    case SdoFaults::Verdict::Action::kServe:
-      break;
-  }
-  SdoRequest own = request;
-  own.index = static_cast<std::uint16_t>(request.index - index_offset);
-  auto reply = ServeSdo(dictionary_, own);
-  if (!reply) return;
-  PutLittleEndian(reply->begin() + 1, 2, request.index);
-  SendSdoReply(reply_id, *reply);
-}
-
-void Node::SendSdoReply(std::uint32_t id, const SdoBytes& bytes) {
-  const SdoFaults::Reply& fault = sdo_faults_.reply();
-  Frame frame{id, fault.length, bytes};
-  if (fault.wrong_index) {
-    PutLittleEndian(frame.data.begin() + 1, 2, GetLittleEndian(frame.data.begin() + 1, 2) + 1);
-  }
-  for (int copy = 0; copy < (fault.twice ? 2 : 1); ++copy) {
-    if (fault.delay == Time::zero()) {
-      send_(frame);
-    } else {
-      late_replies_.push_back({now_ + fault.delay, frame});
-    }
-  }
 }
 
 void Node::Step() {
@@ -240,18 +187,13 @@ void Node::Step() {
   if (boots_at_ && now_ >= *boots_at_) {
     boots_at_.reset();
     BootUp();
-    SendEmergency(0);
+    errors_.SendEmergency(0);
   }
   if (nmt_state_ == NmtState::kPowerOff) return;
 
   for (Axis& axis : axes_) axis.Step();
-  while (!late_replies_.empty() && now_ >= late_replies_.front().at) {
-    send_(late_replies_.front().frame);
-    late_replies_.pop_front();
-  }
-  if (heartbeat_.Due(now_) && !heartbeat_lost_) {
-    send_({kHeartbeatBase + options_.node_id, 1, {static_cast<std::uint8_t>(nmt_state_)}});
-  }
+  SendLateReplies();
+  if (errors_.Step(now_)) LoseWatchedNode();
   pdos_.Step(now_);
 }
 
@@ -261,75 +203,39 @@ Time Node::NextEvent() const {
   if (boots_at_) next = std::min(next, *boots_at_);
   if (nmt_state_ == NmtState::kPowerOff) return next;
   if (!late_replies_.empty()) next = std::min(next, late_replies_.front().at);
-  return std::min({next, heartbeat_.NextEvent(), pdos_.NextEvent()});
+  const bool settled =
+      std::all_of(axes_.begin(), axes_.end(), [](const Axis& axis) { return axis.Settled(); });
+  return std::min({next, errors_.NextEvent(), pdos_.NextEvent(settled)});
 }
 
-void Node::Inject(const Fault& fault) {
-  switch (fault.kind) {
-    case Fault::Kind::kPowerCutAfter:
-    case Fault::Kind::kPowerOnAfter:
-    case Fault::Kind::kErrorAfter:
-    case Fault::Kind::kNoHeartbeatAfter:
-    case Fault::Kind::kNoReportsAfter:
-    case Fault::Kind::kBlockMotorAfter:
-    case Fault::Kind::kEmergencyStopAfter:
-    case Fault::Kind::kEmergencyReleaseAfter:
-      if (fault.number == 0) {
-        Strike(fault);
-      } else {
-        timed_faults_.push_back({now_ + std::chrono::milliseconds(fault.number), fault});
-      }
-      break;
-    default:
-      sdo_faults_.Inject(fault);
-      break;
-  }
-}
-
-void Node::Strike(const Fault& fault) {
-  switch (fault.kind) {
-    case Fault::Kind::kPowerCutAfter:
-      PowerCut();
-      break;
-    case Fault::Kind::kPowerOnAfter:
-      PowerOn();
-      break;
-    case Fault::Kind::kErrorAfter:
-      LatchError(fault.error_code);
-      break;
-    case Fault::Kind::kNoHeartbeatAfter:
-      heartbeat_lost_ = true;
-      break;
-    case Fault::Kind::kNoReportsAfter:
-      reports_lost_ = true;
-      break;
-    case Fault::Kind::kBlockMotorAfter:
-      for (Axis& axis : axes_) axis.Block(true);
-      break;
-    case Fault::Kind::kEmergencyStopAfter:
-      PressEmergencyStop();
-      break;
-    case Fault::Kind::kEmergencyReleaseAfter:
-      ReleaseEmergencyStop();
-      break;
-    default:
-      break;
-  }
-}
-
-void Node::ClearFaults() {
-  sdo_faults_.Clear();
-  timed_faults_.clear();
-  heartbeat_lost_ = false;
-  reports_lost_ = false;
-  for (Axis& axis : axes_) axis.Block(false);
+std::vector<std::uint32_t> Node::ListensTo() const {
+  std::vector<std::uint32_t> ids = pdos_.ReceivedIds();
+  if (errors_.WatchedId() != 0) ids.push_back(errors_.WatchedId());
+  return ids;
 }
 
 void Node::LatchError(std::uint16_t error_code, std::size_t axis) {
   if (nmt_state_ == NmtState::kPowerOff) return;
-  axes_.at(axis - 1).Trip(error_code);
+  Axis& tripped = axes_.at(axis - 1);
+  const bool is_news = !tripped.InFault() || tripped.error_code() != error_code;
+  tripped.Trip(error_code);
   for (Axis& other : axes_) other.Trip(0);
-  ReportFaultChange();
+  if (is_news) errors_.Report(error_code);
+}
+
+void Node::LoseWatchedNode() {
+  for (Axis& axis : axes_) {
+    axis.ShowError(ErrorControl::kHeartbeatError);
+    axis.AbortConnection(ErrorControl::kHeartbeatError);
+  }
+  errors_.Report(ErrorControl::kHeartbeatError);
+  Enter(errors_.StateAfterError());
+}
+
+void Node::AbortConnection(std::uint16_t error_code) {
+  const bool was_in_fault = InFault();
+  for (Axis& axis : axes_) axis.AbortConnection(error_code);
+  if (InFault() && !was_in_fault) errors_.Report(error_code);
 }
 
 void Node::PressEmergencyStop() {
@@ -342,27 +248,6 @@ void Node::ReleaseEmergencyStop() {
 
 bool Node::InFault() const {
   return std::any_of(axes_.begin(), axes_.end(), [](const Axis& axis) { return axis.InFault(); });
-}
-
-std::uint16_t Node::ErrorCode() const {
-  for (const Axis& axis : axes_) {
-    if (axis.error_code() != 0) return axis.error_code();
-  }
-  return 0;
-}
-
-void Node::ReportFaultChange() {
-  if (InFault() == fault_reported_) return;
-  fault_reported_ = InFault();
-  SendEmergency(ErrorCode());  // 0 says "no error" after a fault reset
-}
-
-void Node::SendEmergency(std::uint16_t error_code) {
-  if (nmt_state_ == NmtState::kStopped || nmt_state_ == NmtState::kPowerOff) return;
-  Frame frame{kEmergencyBase + options_.node_id, 8, {}};
-  PutLittleEndian(frame.data.begin(), 2, error_code);
-  frame.data[2] = InFault() ? 1 : 0;
-  send_(frame);
 }
 
 }  // namespace sim

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "sim/axis.h"
+#include "sim/error_control.h"
 #include "sim/faults.h"
 #include "sim/frame.h"
 #include "sim/make.h"
@@ -62,6 +63,10 @@ class Node {
   /// planned.
   Time NextEvent() const;
 
+  /// The identifiers that it was configured to take in: of receive PDOs, and of the heartbeat that
+  /// it watches.
+  std::vector<std::uint32_t> ListensTo() const;
+
   void Inject(const Fault& fault);
   void ClearFaults();
   /// Trips the drive until a fault reset. The code shows in the given axis (counted from 1); all
@@ -92,16 +97,18 @@ class Node {
   void ReceiveNmt(const Frame& frame);
   void ReceiveActivation(const Frame& frame);
   void ReceiveParameterChannel(const Frame& frame);
-  void ReceiveSdo(const Frame& frame, std::uint32_t reply_id, std::uint16_t index_offset);
-  void SendSdoReply(std::uint32_t id, const SdoBytes& bytes);
+  // Channel 0 belongs to all axes on the bus, any other to the node of this ID.
+  void ReceiveSdo(const Frame& frame, std::uint8_t channel, std::uint16_t index_offset);
+  void SendSdoReply(std::uint8_t channel, const SdoBytes& bytes);
+  void SendLateReplies();
   void BootUp();
   void ResetApplication();
   void ResetCommunication();
   void Strike(const Fault& fault);
+  void Enter(NmtState next);
+  void LoseWatchedNode();
+  void AbortConnection(std::uint16_t error_code);
   bool InFault() const;
-  std::uint16_t ErrorCode() const;
-  void SendEmergency(std::uint16_t error_code);
-  void ReportFaultChange();
 
   const Make& make_;
   Options options_;
@@ -113,10 +120,8 @@ class Node {
   std::vector<Axis> axes_;
   ObjectDictionary dictionary_;
   PdoEngine pdos_;
-  HeartbeatProducer heartbeat_;
-  bool heartbeat_lost_ = false;
   bool reports_lost_ = false;
-  bool fault_reported_ = false;
+  ErrorControl errors_;
   SdoFaults sdo_faults_;
   std::vector<TimedFault> timed_faults_;
   std::deque<Timed> late_replies_;

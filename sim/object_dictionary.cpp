@@ -52,6 +52,7 @@ ObjectDictionary::Uploaded ObjectDictionary::Upload(std::uint16_t index, std::ui
   const Found found = Find(index, sub);
   if (found.object == nullptr) return {found.error, 0, 0};
   if (!found.object->readable()) return {AbortCode::kWriteOnly, 0, 0};
+  if (!found.object->has_data()) return {AbortCode::kNoData, 0, 0};
   return {AbortCode::kNone, found.object->size(), found.object->Read()};
 }
 

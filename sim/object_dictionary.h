@@ -27,6 +27,7 @@ enum class AbortCode : std::uint32_t {
   kGeneral = 0x08000000,
   kNotStored = 0x08000020,
   kDeviceState = 0x08000022,
+  kNoData = 0x08000024,
 };
 
 enum class Access { kReadOnly, kWriteOnly, kReadWrite, kConst };
@@ -71,7 +72,14 @@ class Object {
     return *this;
   }
 
+  /// At other times there is no data, which an upload is told.
+  Object& ReadableWhile(std::function<bool()> hook) {
+    has_data_ = std::move(hook);
+    return *this;
+  }
+
   unsigned size() const { return size_; }
+  bool has_data() const { return !has_data_ || has_data_(); }
   bool mappable() const { return mappable_; }
   bool continuous() const { return continuous_; }
   bool accepts_short() const { return accepts_short_; }
@@ -95,6 +103,7 @@ class Object {
   bool accepts_short_ = false;
   WriteHook on_write_;
   ReadHook on_read_;
+  std::function<bool()> has_data_;
 };
 
 /// Object dictionary of CiA 301: entries by index and sub-index, with the checks that a server

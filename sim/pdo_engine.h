@@ -3,6 +3,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <vector>
 
 #include "sim/frame.h"
 #include "sim/object_dictionary.h"
@@ -26,8 +27,8 @@ struct PdoTraits {
 /// Transmission types of a transmit PDO: 0 = at a SYNC when a mapped value has changed; 1 to 240 =
 /// at every n-th SYNC; 0xFE (manufacturer-specific event) = when a mapped value that is not
 /// continuous changes and when the event timer expires, but not before the inhibit time is over;
-/// 0xFF (profile-specific event) = only when the event timer expires. Of a receive PDO: 0 to 240 =
-/// takes effect at the next SYNC; 0xFE and 0xFF = at once.
+/// 0xFF (profile-specific event) = the same, but the changes are those of a mapped statusword or
+/// error code. Of a receive PDO: 0 to 240 = takes effect at the next SYNC; 0xFE and 0xFF = at once.
 class PdoEngine {
  public:
   static constexpr std::size_t kCount = 4;
@@ -49,8 +50,10 @@ class PdoEngine {
   Receipt Receive(const Frame& frame);
 
   /// The earliest time at which Step may have something to send; Time::max() when nothing is
-  /// planned.
-  Time NextEvent() const;
+  /// planned. `settled`: no statusword changes by itself.
+  Time NextEvent(bool settled = true) const;
+  /// The identifiers of the receive PDOs that are on.
+  std::vector<std::uint32_t> ReceivedIds() const;
 
  private:
   struct Payload {
@@ -63,7 +66,8 @@ class PdoEngine {
   struct Transmit {
     Time timer_start{0};
     Time inhibited_until{0};
-    Payload last;  // empty until the first transmission, so that counts as a change
+    // Of the last transmission; empty before, which counts as a change if the type is 0xFE.
+    Payload last;
     unsigned syncs = 0;
   };
   struct Received {
@@ -89,7 +93,8 @@ class PdoEngine {
   unsigned MappedLength(std::uint16_t mapping) const;
   void Apply(std::uint16_t mapping, const Frame& frame);
   Payload Collect(std::uint16_t mapping) const;
-  bool Eventful(std::uint16_t mapping, const Payload& before, const Payload& now) const;
+  bool HasProfileEvent(std::size_t number) const;
+  bool Eventful(std::size_t number, const Payload& now) const;
   void Send(std::size_t number, const Payload& payload);
   void Restart(Transmit& transmit);
   Time EventTime(std::size_t number) const;

@@ -1,12 +1,10 @@
 #include "sim/single_axis.h"
 
-#include <algorithm>
-
+#include "sim/profile_objects.h"
 namespace sim {
 namespace {
 
-void AddStateObjects(ObjectDictionary& dictionary, Axis& axis,
-                     const std::vector<std::int8_t>& modes) {
+void AddStateObjects(ObjectDictionary& dictionary, Axis& axis) {
   dictionary.Add(0x603F, 0, 2, Access::kReadOnly).Mappable().OnRead([&axis] {
     return axis.error_code();
   });
@@ -16,19 +14,6 @@ void AddStateObjects(ObjectDictionary& dictionary, Axis& axis,
   });
   dictionary.Add(0x6041, 0, 2, Access::kReadOnly).Mappable().OnRead([&axis] {
     return axis.Statusword();
-  });
-  dictionary.Add(0x6060, 0, 1, Access::kReadWrite)
-      .Mappable()
-      .OnWrite([&axis, modes](std::uint32_t value) {
-        const auto mode = static_cast<std::int8_t>(value);
-        if (mode != 0 && std::find(modes.begin(), modes.end(), mode) == modes.end()) {
-          return AbortCode::kInvalidValue;
-        }
-        axis.SetMode(mode);
-        return AbortCode::kNone;
-      });
-  dictionary.Add(0x6061, 0, 1, Access::kReadOnly).Mappable().OnRead([&axis] {
-    return static_cast<std::uint32_t>(axis.mode());
   });
 }
 
@@ -60,8 +45,11 @@ void AddMotionObjects(ObjectDictionary& dictionary, Axis& axis) {
 
 void AddSingleAxisObjects(ObjectDictionary& dictionary, Axis& axis,
                           const std::vector<std::int8_t>& modes) {
-  AddStateObjects(dictionary, axis, modes);
+  AddStateObjects(dictionary, axis);
+  AddModeObjects(dictionary, {&axis}, modes);
+  AddStopObjects(dictionary, {&axis});
   AddMotionObjects(dictionary, axis);
+  AddPositioningObjects(dictionary, 0, axis);
 }
 
 }  // namespace sim

@@ -5,15 +5,11 @@
 namespace sim {
 namespace {
 
-constexpr std::int8_t kPositionMode = 1;
-constexpr std::int8_t kVelocityMode = 3;
-constexpr std::int8_t kTorqueMode = 4;
-
 constexpr std::uint32_t kSaveSignature = 0x65766173;  // "save"
 constexpr std::uint32_t kSavesOnCommand = 1;
 
 void AddObjects(ObjectDictionary& dictionary, std::vector<Axis>& axes) {
-  AddSingleAxisObjects(dictionary, axes[0], {kPositionMode, kVelocityMode, kTorqueMode});
+  AddSingleAxisObjects(dictionary, axes[0], {Axis::kProfilePosition, Axis::kProfileVelocity});
   dictionary.Add(0x1010, 0, 1, Access::kConst, 1);
   dictionary.Add(0x1010, 1, 4, Access::kReadWrite)
       .OnRead([] { return kSavesOnCommand; })
@@ -28,7 +24,7 @@ Make Describe() {
   make.description = "one motor, 32768 counts per revolution, target velocity in rpm";
   make.product_code = 2;
   make.axis_count = 1;
-  make.axis = {32768, 1, 1, kVelocityMode, 10000, 6000};
+  make.axis = {32768, 1, 1, Axis::kProfileVelocity, 10000, 6000};
   make.add_objects = AddObjects;
   make.has_activation = true;
   return make;

@@ -1,12 +1,11 @@
 #include "sim/zl_drive.h"
 
+#include "sim/profile_objects.h"
+
 namespace sim {
 namespace {
 
 constexpr std::uint8_t kAxisCount = 2;
-constexpr std::int8_t kPositionMode = 1;
-constexpr std::int8_t kVelocityMode = 3;
-constexpr std::int8_t kTorqueMode = 4;
 
 // The two halves of a 32-bit object that holds 16 bits of each motor.
 std::uint32_t Join(std::uint16_t motor1, std::uint16_t motor2) {
@@ -24,17 +23,9 @@ void AddCommonObjects(ObjectDictionary& dictionary, std::vector<Axis>& axes) {
   dictionary.Add(0x603F, 0, 4, Access::kReadOnly).Mappable().OnRead([&axes] {
     return Join(axes[0].error_code(), axes[1].error_code());
   });
-  dictionary.Add(0x6060, 0, 1, Access::kReadWrite).Mappable().OnWrite([&axes](std::uint32_t value) {
-    const auto mode = static_cast<std::int8_t>(value);
-    if (mode != 0 && mode != kPositionMode && mode != kVelocityMode && mode != kTorqueMode) {
-      return AbortCode::kInvalidValue;
-    }
-    for (Axis& axis : axes) axis.SetMode(mode);
-    return AbortCode::kNone;
-  });
-  dictionary.Add(0x6061, 0, 1, Access::kReadOnly).Mappable().OnRead([&axes] {
-    return static_cast<std::uint32_t>(axes[0].mode());
-  });
+  AddModeObjects(dictionary, {&axes[0], &axes[1]},
+                 {Axis::kProfilePosition, Axis::kProfileVelocity});
+  AddStopObjects(dictionary, {&axes[0], &axes[1]});
 }
 
 void AddMotorObjects(ObjectDictionary& dictionary, std::uint8_t sub, Axis& axis) {
@@ -81,11 +72,13 @@ void AddObjects(ObjectDictionary& dictionary, std::vector<Axis>& axes) {
   AddCommonObjects(dictionary, axes);
   for (const std::uint16_t index :
        {std::uint16_t{0x6063}, std::uint16_t{0x6064}, std::uint16_t{0x606C}, std::uint16_t{0x6083},
-        std::uint16_t{0x6084}, std::uint16_t{0x60FF}}) {
+        std::uint16_t{0x6084}, std::uint16_t{0x60FF}, std::uint16_t{0x607A},
+        std::uint16_t{0x6081}}) {
     dictionary.Add(index, 0, 1, Access::kConst, kAxisCount);
   }
   for (std::uint8_t sub = 1; sub <= kAxisCount; ++sub) {
     AddMotorObjects(dictionary, sub, axes[sub - 1U]);
+    AddPositioningObjects(dictionary, sub, axes[sub - 1U]);
   }
   AddManufacturerObjects(dictionary);
 }
@@ -98,7 +91,7 @@ const Make& ZlDrive() {
       "two motors in one node, 4096 counts per revolution, target velocity in rpm",
       1,
       kAxisCount,
-      {4096, 1, 1, kVelocityMode, 10000, 6000},
+      {4096, 1, 1, Axis::kProfileVelocity, 10000, 6000},
       {Time(500)},
       AddObjects,
   };

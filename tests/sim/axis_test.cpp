@@ -96,6 +96,19 @@ TEST(AxisTest, UsesAccelerationAndDecelerationOfItsObjects) {
   EXPECT_DOUBLE_EQ(axis.SpeedRpm(), 25.0);
 }
 
+TEST(AxisTest, DeceleratesToRestBeforeItTurnsBack) {
+  Axis axis = Enabled();
+  axis.SetAcceleration(100);
+  axis.SetDeceleration(200);
+  axis.SetTargetVelocity(50);
+  Advance(axis, kStepsPerSecond / 2);
+  axis.SetTargetVelocity(-500);
+  Advance(axis, kStepsPerSecond / 4);
+  EXPECT_DOUBLE_EQ(axis.SpeedRpm(), 0.0);
+  Advance(axis, kStepsPerSecond / 4);
+  EXPECT_DOUBLE_EQ(axis.SpeedRpm(), -25.0);
+}
+
 TEST(AxisTest, UsesTheQuickRampWhenTheObjectsAreZero) {
   Axis axis = Enabled();
   axis.SetTargetVelocity(1000);
@@ -120,10 +133,10 @@ TEST(AxisTest, QuickStopIgnoresASlowDeceleration) {
   axis.SetTargetVelocity(100);
   Advance(axis, 100);
   axis.SetControlword(0x02);
-  EXPECT_EQ(axis.Statusword(), 0x17);
+  EXPECT_EQ(axis.Statusword(), 0x217);
   Advance(axis, 20);
   EXPECT_DOUBLE_EQ(axis.SpeedRpm(), 0.0);
-  EXPECT_EQ(axis.Statusword(), 0x50);
+  EXPECT_EQ(axis.Statusword(), 0x250);
 }
 
 TEST(AxisTest, StopsOnAFaultAndKeepsTheCodeUntilItIsReset) {
@@ -131,21 +144,21 @@ TEST(AxisTest, StopsOnAFaultAndKeepsTheCodeUntilItIsReset) {
   axis.SetTargetVelocity(100);
   Advance(axis, 100);
   axis.Trip(0x2310);
-  EXPECT_EQ(axis.Statusword(), 0x1F);
+  EXPECT_EQ(axis.Statusword(), 0x21F);
   Advance(axis, 20);
   EXPECT_DOUBLE_EQ(axis.SpeedRpm(), 0.0);
-  EXPECT_EQ(axis.Statusword(), 0x18);
+  EXPECT_EQ(axis.Statusword(), 0x218);
   axis.SetControlword(0x0F);
   EXPECT_EQ(axis.error_code(), 0x2310);
   axis.SetControlword(0x80);
-  EXPECT_EQ(axis.Statusword(), 0x50);
+  EXPECT_EQ(axis.Statusword(), 0x250);
   EXPECT_EQ(axis.error_code(), 0);
 }
 
 TEST(AxisTest, AFaultAtRestNeedsNoReactionTime) {
   Axis axis(kTraits, 0);
   axis.Trip(0x3210);
-  EXPECT_EQ(axis.Statusword(), 0x18);
+  EXPECT_EQ(axis.Statusword(), 0x218);
 }
 
 TEST(AxisTest, NeverExceedsItsHighestSpeed) {
@@ -175,7 +188,7 @@ TEST(AxisTest, AnEmergencyStopStopsOnTheQuickRampAndOutlastsAReset) {
   axis.SetTargetVelocity(100);
   Advance(axis, 100);
   axis.PressEmergencyStop();
-  EXPECT_EQ(axis.Statusword(), 0x50);
+  EXPECT_EQ(axis.Statusword(), 0x250);
   Advance(axis, 20);
   EXPECT_DOUBLE_EQ(axis.SpeedRpm(), 0.0);
   axis.Reset();
@@ -188,7 +201,7 @@ TEST(AxisTest, AFaultCanBeResetWithoutAControlword) {
   Axis axis(kTraits, 0);
   axis.Trip(0x2310);
   axis.ResetFault();
-  EXPECT_EQ(axis.Statusword(), 0x50);
+  EXPECT_EQ(axis.Statusword(), 0x250);
   EXPECT_EQ(axis.error_code(), 0);
 }
 
@@ -199,7 +212,7 @@ TEST(AxisTest, ResetGoesBackToTheStartPositionAtRest) {
   axis.Reset();
   EXPECT_EQ(axis.Position(), -5);
   EXPECT_DOUBLE_EQ(axis.SpeedRpm(), 0.0);
-  EXPECT_EQ(axis.Statusword(), 0x50);
+  EXPECT_EQ(axis.Statusword(), 0x250);
 }
 
 }  // namespace

@@ -6,7 +6,7 @@
 namespace sim {
 namespace {
 
-constexpr const char* kReady = "481#000037000000";
+constexpr const char* kReady = "481#000037060000";
 
 class KincoDriveTest : public NodeFixture {
  protected:
@@ -31,7 +31,7 @@ class KincoDriveTest : public NodeFixture {
 
 TEST_F(KincoDriveTest, AcknowledgesTheWholeBringUpWhileItRunsAndTurns) {
   TurnAt("682A0400");  // 2730 * 100
-  EXPECT_EQ(After("601#4041600000000000"), Texts{"581#4B41600037000000"});
+  EXPECT_EQ(After("601#4041600000000000"), Texts{"581#4B41600037060000"});
   EXPECT_NEAR(node_.axis(1).SpeedRpm(), 99.976, 0.001);
   EXPECT_EQ(After("601#406C600000000000"), Texts{"581#436C6000672A0400"});
   TurnAt("98D5FBFF");  // -273000
@@ -61,7 +61,7 @@ TEST_F(KincoDriveTest, Tpdo4ComesEvery200MsAndWithin25MsOfAChange) {
   TurnAt("00900100");
   EXPECT_EQ(StatusWithin(1000), Texts(5, kReady));
   node_.PressEmergencyStop();
-  EXPECT_EQ(StatusWithin(25), Texts{"481#000050000100"});
+  EXPECT_EQ(StatusWithin(25), Texts{"481#000050020100"});
   EXPECT_EQ(StatusWithin(100), Texts{});
 }
 
@@ -75,15 +75,18 @@ TEST_F(KincoDriveTest, NeedsNoLookAtEveryStep) {
   EXPECT_LT(events, 60);
 }
 
-TEST_F(KincoDriveTest, TurnsInItsOwnSpeedModeOnly) {
-  WriteAll({"601#2F60600003000000", "601#2B40600006000000", "601#2B4060000F000000",
-            "601#23FF600000900100"});
+TEST_F(KincoDriveTest, TurnsInItsOwnSpeedModeAndInThatOfTheProfile) {
+  WriteAll({"601#2B40600006000000", "601#2B4060000F000000", "601#23FF600000900100"});
   Advance(100);
-  EXPECT_DOUBLE_EQ(node_.axis(1).SpeedRpm(), 0.0);
+  EXPECT_DOUBLE_EQ(node_.axis(1).SpeedRpm(), 0.0) << "no mode";
   WriteAll({"601#2F606000FD000000"});
   EXPECT_EQ(After("601#4061600000000000"), Texts{"581#4F616000FD000000"});
   Advance(100);
   EXPECT_DOUBLE_EQ(node_.axis(1).SpeedRpm(), 37.5);
+  WriteAll({"601#2F60600003000000", "601#23FF600000000000"});
+  Advance(100);
+  EXPECT_DOUBLE_EQ(node_.axis(1).SpeedRpm(), 0.0);
+  EXPECT_EQ(After("601#4002650000000000"), Texts{"581#4302650005000400"});
 }
 
 TEST_F(KincoDriveTest, AnEmergencyStopStopsTheMotorAndIgnoresCommandsWhilePressed) {
@@ -92,7 +95,7 @@ TEST_F(KincoDriveTest, AnEmergencyStopStopsTheMotorAndIgnoresCommandsWhilePresse
   StatusWithin(100);
   EXPECT_DOUBLE_EQ(node_.axis(1).SpeedRpm(), 0.0);
   WriteAll({"601#2B40600000000000", "601#2B40600006000000", "601#2B4060000F000000"});
-  EXPECT_EQ(node_.axis(1).Statusword(), 0x50);
+  EXPECT_EQ(node_.axis(1).Statusword(), 0x250);
   EXPECT_EQ(After("601#4010200A00000000"), Texts{"581#4B10200A01000000"});
 }
 
@@ -101,10 +104,10 @@ TEST_F(KincoDriveTest, TheEmergencyStateOutlastsTheReleaseUntilItIsAcknowledged)
   node_.PressEmergencyStop();
   Advance(100);
   node_.ReleaseEmergencyStop();
-  EXPECT_EQ(StatusWithin(25), Texts{"481#000050000000"});
+  EXPECT_EQ(StatusWithin(25), Texts{"481#000050020000"});
   WriteAll({"601#2B4060000F000000", "601#2B40600006000000", "601#2B4060000F000000",
             "601#2B40600086000000", "601#2B4060000F000000"});
-  EXPECT_EQ(node_.axis(1).Statusword(), 0x50) << "no way out without 0x0000";
+  EXPECT_EQ(node_.axis(1).Statusword(), 0x250) << "no way out without 0x0000";
   WriteAll({"601#2B40600000000000", "601#2B40600006000000", "601#2B4060000F000000"});
   EXPECT_EQ(StatusWithin(30), Texts{kReady});
 }
@@ -115,23 +118,23 @@ TEST_F(KincoDriveTest, ASwitchKeepsItsPositionOverResetAndPowerCut) {
   node_.PowerCut();
   node_.PowerOn();
   WriteAll(FramesOf(kinco_script::WholeSetUp()));
-  EXPECT_EQ(node_.axis(1).Statusword(), 0x50);
+  EXPECT_EQ(node_.axis(1).Statusword(), 0x250);
   node_.PowerCut();
   node_.ReleaseEmergencyStop();
   node_.PowerOn();
   WriteAll(FramesOf(kinco_script::WholeSetUp()));
-  EXPECT_EQ(node_.axis(1).Statusword(), 0x37) << "released before it was switched on";
+  EXPECT_EQ(node_.axis(1).Statusword(), 0x637) << "released before it was switched on";
 }
 
 TEST_F(KincoDriveTest, AnErrorIsResetByOneControlwordAndEnabledByTheNext) {
   TurnAt("00900100");
   node_.LatchError(0x2310);
   Advance(25);
-  EXPECT_EQ(StatusWithin(200), Texts{"481#102318000000"});
+  EXPECT_EQ(StatusWithin(200), Texts{"481#102318020000"});
   WriteAll({"601#2B4060000F000000"});
   EXPECT_EQ(After("601#403F600000000000"), Texts{"581#4B3F600010230000"});
   EXPECT_EQ(After("601#2B40600086000000"), (Texts{"581#6040600000000000", "081#0000000000000000"}));
-  EXPECT_EQ(node_.axis(1).Statusword(), 0x31);
+  EXPECT_EQ(node_.axis(1).Statusword(), 0x231);
   WriteAll({"601#2B4060000F000000"});
   EXPECT_EQ(StatusWithin(25), Texts{kReady});
 }
@@ -141,13 +144,13 @@ TEST_F(KincoDriveTest, TimedFaultsPressAndReleaseTheEmergencyStop) {
   node_.Inject(ParseFault("emergency-stop-after-ms=300"));
   node_.Inject(ParseFault("emergency-release-after-ms=500"));
   Advance(299);
-  EXPECT_EQ(node_.axis(1).Statusword(), 0x37);
+  EXPECT_EQ(node_.axis(1).Statusword(), 0x637);
   Advance(1);
-  EXPECT_EQ(node_.axis(1).Statusword(), 0x50);
+  EXPECT_EQ(node_.axis(1).Statusword(), 0x250);
   EXPECT_TRUE(node_.axis(1).emergency_pressed());
   Advance(200);
   EXPECT_FALSE(node_.axis(1).emergency_pressed());
-  EXPECT_EQ(node_.axis(1).Statusword(), 0x50);
+  EXPECT_EQ(node_.axis(1).Statusword(), 0x250);
 }
 
 class KincoEncoderTest : public KincoDriveTest {

@@ -103,18 +103,18 @@ TEST_F(MakesOnBusTest, KincoComesBackFromAnEmergencyStop) {
     }
     return false;
   };
-  EXPECT_TRUE(Eventually([&] { return reports("481#000037000000"); }));
+  EXPECT_TRUE(Eventually([&] { return reports("481#000037060000"); }));
   drive.PressEmergencyStop();
-  EXPECT_TRUE(Eventually([&] { return reports("481#000050000100") && drive.SpeedRpm() == 0.0; }));
+  EXPECT_TRUE(Eventually([&] { return reports("481#000050020100") && drive.SpeedRpm() == 0.0; }));
   drive.ReleaseEmergencyStop();
-  EXPECT_TRUE(Eventually([&] { return reports("481#000050000000"); }));
+  EXPECT_TRUE(Eventually([&] { return reports("481#000050020000"); }));
   for (const char* request :
        {"601#2B40600000000000", "601#2B40600006000000", "601#2B4060000F000000"}) {
     host.Send(request);
   }
   host.Forget();
-  EXPECT_TRUE(Eventually([&] { return reports("481#000037000000"); }));
-  EXPECT_EQ(drive.Statusword(), 0x37);
+  EXPECT_TRUE(Eventually([&] { return reports("481#000037060000"); }));
+  EXPECT_EQ(drive.Statusword(), 0x637);
 }
 
 TEST_F(MakesOnBusTest, DrivesDoNotWakeEachOtherUpButFollowTheHostTogether) {

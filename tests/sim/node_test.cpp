@@ -96,7 +96,7 @@ TEST_F(NodeTest, ResetNodeRestoresEverything) {
   EXPECT_EQ(node_.nmt_state(), NmtState::kPreOperational);
   EXPECT_EQ(node_.dictionary().Get(0x2012, 1), 0U);
   EXPECT_EQ(node_.dictionary().Get(0x1800, 1), 0x181U);
-  EXPECT_EQ(node_.axis(1).Statusword(), 0x50);
+  EXPECT_EQ(node_.axis(1).Statusword(), 0x250);
 }
 
 TEST_F(NodeTest, ResetCommunicationRestoresTheCommunicationObjectsOnly) {
@@ -107,7 +107,7 @@ TEST_F(NodeTest, ResetCommunicationRestoresTheCommunicationObjectsOnly) {
   EXPECT_EQ(After("000#8201"), Texts{"701#00"});
   EXPECT_EQ(node_.dictionary().Get(0x2012, 1), 0xC8U);
   EXPECT_EQ(node_.dictionary().Get(0x1800, 1), 0x181U);
-  EXPECT_EQ(node_.axis(1).Statusword(), 0x31);
+  EXPECT_EQ(node_.axis(1).Statusword(), 0x231);
 }
 
 TEST_F(NodeTest, ProducesHeartbeatsWithItsState) {
@@ -150,17 +150,21 @@ TEST_F(NodeTest, AcknowledgesTheWholeBringUpAndTurnsBothMotors) {
   EXPECT_NEAR(node_.axis(2).Position(), -0.995 * 4096 * 100 / 60, 1.0);
 }
 
-TEST_F(NodeTest, Tpdo1CarriesThePositionsEveryPeriodAndTpdo4TheStatusEveryTwoSeconds) {
+TEST_F(NodeTest, Tpdo1CarriesThePositionsEveryPeriodAndTpdo4TheStatusOnChangeAndEveryTwoSeconds) {
   node_.PowerOn();
   BringUp();
   node_.Receive(FromText("000#0101"));
   EXPECT_EQ(Advance(9), Texts{});
   EXPECT_EQ(Advance(1), Texts{"181#0000000000000000"});
   node_.Receive(FromText("201#D403000000000000"));
-  const Texts frames = Advance(1990);
+  Texts frames = Advance(100);
+  ASSERT_EQ(frames.size(), 12U);
+  EXPECT_EQ(frames.front(), "481#0000000037023706") << "on its way to 980 rpm";
+  EXPECT_EQ(frames[10], "481#0000000037063706") << "there after 98 ms";
+  frames = Advance(1999);
   ASSERT_EQ(frames.size(), 200U);
-  EXPECT_EQ(frames.back(), "481#0000000037003700");
   EXPECT_EQ(frames[198].substr(0, 4), "181#");
+  EXPECT_EQ(frames[199], "481#0000000037063706");
 }
 
 TEST_F(NodeTest, AtConstantSpeedEveryPeriodGainsTheSameCounts) {
@@ -193,12 +197,12 @@ TEST_F(NodeTest, ReportsAFaultByEmergencyStatuswordAndErrorCode) {
   Advance(100);
   Sent();
   node_.LatchError(0x2310);
-  EXPECT_EQ(Sent(), Texts{"081#1023010000000000"});
-  EXPECT_EQ(After("601#4041600000000000"), Texts{"581#434160001F001F00"});
+  EXPECT_EQ(Sent(), Texts{"081#1023030000000000"});
+  EXPECT_EQ(After("601#4041600000000000"), Texts{"581#434160001F021F02"});
   Advance(10);
-  EXPECT_EQ(After("601#4041600000000000"), Texts{"581#4341600018001800"});
+  EXPECT_EQ(After("601#4041600000000000"), Texts{"581#4341600018021802"});
   EXPECT_EQ(After("601#433F600000000000"), Texts{"581#433F600010230000"});
-  EXPECT_EQ(After("601#4001100000000000"), Texts{"581#4F01100001000000"});
+  EXPECT_EQ(After("601#4001100000000000"), Texts{"581#4F01100003000000"});
   EXPECT_DOUBLE_EQ(node_.axis(1).SpeedRpm(), 0.0);
   EXPECT_DOUBLE_EQ(node_.axis(2).SpeedRpm(), 0.0);
 
@@ -253,7 +257,7 @@ TEST_F(NodeTest, TimedFaultsStrikeAtTheirTime) {
   node_.Inject(ParseFault("power-on-after-ms=20"));
   EXPECT_EQ(Advance(4), Texts{});
   EXPECT_EQ(node_.NextEvent(), std::chrono::milliseconds(5));
-  EXPECT_EQ(Advance(1), Texts{"081#1023010000000000"});
+  EXPECT_EQ(Advance(1), Texts{"081#1023030000000000"});
   EXPECT_EQ(Advance(5), Texts{});
   EXPECT_EQ(node_.nmt_state(), NmtState::kPowerOff);
   EXPECT_EQ(node_.NextEvent(), std::chrono::milliseconds(20));
@@ -276,7 +280,7 @@ TEST_F(NodeTest, LosesItsPositionReportsWhileTheRestWorks) {
   BringUp();
   node_.Receive(FromText("000#0101"));
   node_.Inject(ParseFault("no-reports-after-ms=15"));
-  EXPECT_EQ(Advance(2000), (Texts{"181#0000000000000000", "481#0000000037003700"}));
+  EXPECT_EQ(Advance(2000), (Texts{"181#0000000000000000", "481#0000000037063706"}));
   node_.ClearFaults();
   EXPECT_EQ(Advance(10), Texts{"181#0000000000000000"});
 }
@@ -393,7 +397,7 @@ TEST_F(NodeTest, AnEmergencyStopHoldsBothMotorsUntilAcknowledged) {
   EXPECT_DOUBLE_EQ(node_.axis(2).SpeedRpm(), 0.0);
   node_.ReleaseEmergencyStop();
   WriteAll({"601#2B40600000000000", "601#2B40600006000000", "601#2B4060000F000000"});
-  EXPECT_EQ(After("601#4041600000000000"), Texts{"581#4341600037003700"});
+  EXPECT_EQ(After("601#4041600000000000"), Texts{"581#4341600037023702"}) << "off at 100 rpm again";
 }
 
 TEST(MakeTest, HasAllMakesWithNamesAndProductCodesOfTheirOwn) {

@@ -52,7 +52,7 @@ TEST_F(ProgramOnBusTest, ServesSeveralNodes) {
       "cansend can0 601#4041600000000000; sleep 0.1; cansend can0 620#4041600000000000; "
       "wait $dump; cut -d' ' -f3 $lines.bus; rm $lines.bus; kill $pid");
   EXPECT_EQ(result.exit_status, 0);
-  EXPECT_EQ(result.out, "581#4B41600050000000\n5A0#4B41600050000000\n");
+  EXPECT_EQ(result.out, "581#4B41600050020000\n5A0#4B41600050020000\n");
   EXPECT_EQ(result.err,
             "motor-drive-sim: kinco drive, nodes 1, 32, ready on can1\n"
             "motor-drive-sim: nodes 1, 32 unplugged\n");

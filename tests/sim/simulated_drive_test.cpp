@@ -49,7 +49,7 @@ TEST_F(SimulatedDriveTest, AnswersSdoRequestsByteForByte) {
   bus::FarEnd host("can0");
   SimulatedDrive drive(Plain());
   ASSERT_TRUE(host.WaitFrames(1));
-  EXPECT_EQ(Exchange(host, "601#4041600000000000"), Texts{"581#4341600050005000"});
+  EXPECT_EQ(Exchange(host, "601#4041600000000000"), Texts{"581#4341600050025002"});
   EXPECT_EQ(Exchange(host, "601#2F60600003000000"), Texts{"581#6060600000000000"});
   EXPECT_EQ(Exchange(host, "601#4099990000000000"), Texts{"581#8099990000000206"});
   EXPECT_EQ(drive.Received().sdo, 3U);
@@ -198,8 +198,8 @@ TEST_F(SimulatedDriveTest, ALatchedErrorIsAnnouncedAtOnce) {
   ASSERT_TRUE(host.WaitFrames(1));
   drive.LatchError(0x2310);
   ASSERT_TRUE(host.WaitFrames(2));
-  EXPECT_EQ(host.Frames()[1], "081#1023010000000000");
-  EXPECT_EQ(drive.Statusword(), 0x18);
+  EXPECT_EQ(host.Frames()[1], "081#1023030000000000");
+  EXPECT_EQ(drive.Statusword(), 0x218);
 }
 
 TEST_F(SimulatedDriveTest, EndsWithinMilliseconds) {

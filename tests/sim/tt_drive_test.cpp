@@ -15,7 +15,7 @@ TEST_F(TtDriveTest, AcknowledgesTheWholeBringUpAndTurns) {
   node_.PowerOn();
   EXPECT_EQ(After("601#4040600000000000"), Texts{"581#4B40600000000000"}) << "it is active";
   WriteAll(FramesOf(tt_script::WholeSetUp()));
-  EXPECT_EQ(node_.axis(1).Statusword(), 0x37);
+  EXPECT_EQ(node_.axis(1).Statusword(), 0x637);
   node_.Receive(FromText("000#0101"));
   node_.Receive(FromText("201#9CFFFFFF"));
   Advance(1000);
