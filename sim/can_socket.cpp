@@ -19,23 +19,14 @@ namespace {
   throw std::system_error(error, std::generic_category(), what);
 }
 
-// What drives send: transmit PDOs, SDO replies and heartbeats. Many drives on one interface would
-// otherwise wake each other up with every frame.
-constexpr canid_t kSentByDrives[] = {0x180, 0x280, 0x380, 0x480, 0x580, 0x700};
-constexpr canid_t kFunctionCode = 0x780;
-
-void IgnoreOtherDrives(int fd) {
-  can_filter filters[std::size(kSentByDrives)];
-  std::transform(std::begin(kSentByDrives), std::end(kSentByDrives), filters, [](canid_t function) {
-    return can_filter{function | CAN_INV_FILTER, kFunctionCode};
-  });
-  const int all_must_match = 1;
-  if (::setsockopt(fd, SOL_CAN_RAW, CAN_RAW_JOIN_FILTERS, &all_must_match, sizeof all_must_match) !=
-          0 ||
-      ::setsockopt(fd, SOL_CAN_RAW, CAN_RAW_FILTER, filters, sizeof filters) != 0) {
-    Throw(errno, "CAN filters");
-  }
-}
+// What hosts send by default: NMT, SYNC and emergency, time, receive PDOs, SDO requests, and what
+// CiA 301 gives to nobody. Transmit PDOs, SDO replies and heartbeats are left out: many drives on
+// one interface would otherwise wake each other up with every frame.
+constexpr canid_t kHeardByDefault[] = {0x000, 0x080, 0x100, 0x200, 0x300,
+                                       0x400, 0x500, 0x600, 0x680, 0x780};
+constexpr canid_t kKind = CAN_EFF_FLAG | CAN_RTR_FLAG;
+constexpr canid_t kFunctionCode = 0x780 | kKind;
+constexpr canid_t kOneIdentifier = CAN_SFF_MASK | kKind;
 
 int OpenSocket() {
   const int fd = ::socket(PF_CAN, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, CAN_RAW);
@@ -60,12 +51,27 @@ CanSocket::CanSocket(const std::string& interface) : fd_(OpenSocket()) {
   sockaddr_can address{};
   address.can_family = AF_CAN;
   address.can_ifindex = request.ifr_ifindex;
-  IgnoreOtherDrives(fd());
+  ListenTo({});
   if (::bind(fd(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
     Throw(errno, "interface " + interface);
   }
   if (::ioctl(fd(), SIOCGIFFLAGS, &request) != 0) Throw(errno, "interface " + interface);
   if ((request.ifr_flags & IFF_UP) == 0) Throw(ENETDOWN, "interface " + interface);
+}
+
+bool CanSocket::HearsByDefault(std::uint32_t id) {
+  return std::any_of(std::begin(kHeardByDefault), std::end(kHeardByDefault),
+                     [id](canid_t function) { return (id & kFunctionCode) == function; });
+}
+
+void CanSocket::ListenTo(const std::vector<std::uint32_t>& ids) {
+  std::vector<can_filter> filters;
+  for (const canid_t function : kHeardByDefault) filters.push_back({function, kFunctionCode});
+  for (const std::uint32_t id : ids) filters.push_back({id, kOneIdentifier});
+  const auto size = static_cast<socklen_t>(filters.size() * sizeof(can_filter));
+  if (::setsockopt(fd(), SOL_CAN_RAW, CAN_RAW_FILTER, filters.data(), size) != 0) {
+    Throw(errno, "CAN filters");
+  }
 }
 
 std::optional<Frame> CanSocket::Read() {

@@ -1,7 +1,9 @@
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "sim/frame.h"
 
@@ -21,7 +23,7 @@ class FileDescriptor {
 };
 
 /// A non-blocking raw socket on one interface, deaf to the identifiers that drives send by default
-/// (transmit PDOs, SDO replies, heartbeats).
+/// (transmit PDOs, SDO replies, heartbeats), except those that it is told to listen to.
 class CanSocket {
  public:
   /// Throws std::system_error: EAFNOSUPPORT without SocketCAN in the kernel, ENODEV without such a
@@ -29,6 +31,12 @@ class CanSocket {
   explicit CanSocket(const std::string& interface);
 
   int fd() const { return fd_.get(); }
+
+  /// Without being told to.
+  static bool HearsByDefault(std::uint32_t id);
+  /// Listens to these identifiers too, and no more to those of an earlier call. No frame is lost
+  /// meanwhile. Throws std::system_error.
+  void ListenTo(const std::vector<std::uint32_t>& ids);
 
   /// The next data frame with an 11-bit identifier; others are skipped. Throws std::system_error
   /// when the interface is gone; one that is merely down has nothing to read.

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <exception>
 #include <system_error>
+#include <utility>
 
 namespace sim {
 namespace {
@@ -87,7 +88,10 @@ auto SimulatedDrive::OnNode(Operation operation) {
 
 template <typename Operation>
 void SimulatedDrive::Change(Operation operation) {
-  OnNode(operation);
+  OnNode([&] {
+    operation();
+    Listen();
+  });
   Wake();  // there may be frames to send now, or an earlier event than the one the thread waits for
 }
 
@@ -172,6 +176,14 @@ void SimulatedDrive::Transmit() {
   while (!to_send_.empty() && socket_.Write(to_send_.front())) to_send_.pop_front();
 }
 
+void SimulatedDrive::Listen() {
+  std::vector<std::uint32_t> ids = node_.ListensTo();
+  ids.erase(std::remove_if(ids.begin(), ids.end(), CanSocket::HearsByDefault), ids.end());
+  if (ids == heard_) return;
+  socket_.ListenTo(ids);
+  heard_ = std::move(ids);
+}
+
 SimulatedDrive::Clock::time_point SimulatedDrive::NextWakeUp() {
   const std::lock_guard<std::mutex> lock(mutex_);
   const auto longest = Clock::now() + (to_send_.empty() ? kLongestSleep : kSendRetry);
@@ -198,6 +210,7 @@ void SimulatedDrive::Run() try {
     CatchUp();
     if (sources[0].revents != 0) {
       while (const auto frame = socket_.Read()) node_.Receive(*frame);
+      Listen();  // before the reply: who has it may send at once what was agreed on
     }
     Transmit();
   }

@@ -80,6 +80,7 @@ class SimulatedDrive {
   void Wake();
   void CatchUp();   // the mutex is held
   void Transmit();  // the mutex is held
+  void Listen();    // the mutex is held
   Clock::time_point NextWakeUp();
 
   // Runs the operation on the node at the present time.
@@ -93,6 +94,7 @@ class SimulatedDrive {
   FileDescriptor wake_;
   std::mutex mutex_;
   std::deque<Frame> to_send_;
+  std::vector<std::uint32_t> heard_;
   Node node_;
   bool stop_ = false;
   std::string failure_;

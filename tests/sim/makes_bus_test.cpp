@@ -117,14 +117,14 @@ TEST_F(MakesOnBusTest, KincoComesBackFromAnEmergencyStop) {
   EXPECT_EQ(drive.Statusword(), 0x637);
 }
 
-TEST_F(MakesOnBusTest, DrivesDoNotWakeEachOtherUpButFollowTheHostTogether) {
+TEST_F(MakesOnBusTest, AReceivePdoIsHeardOnAnyIdentifierItIsLinkedTo) {
   bus::FarEnd host("can0");
   SimulatedDrive::Options options = Of("kinco");
   SimulatedDrive one(options);
   options.node_id = 2;
   SimulatedDrive two(options);
   ASSERT_TRUE(host.WaitFrames(2));
-  // An RPDO on an identifier that drives send on stays unheard.
+  // An RPDO on an identifier that drives send on: heard by the one that was told so.
   WriteAll(host, {"601#2300140101020080", "601#2300140182010000", "601#230016012000FF60",
                   "601#2F00160001000000"});
   host.Send("000#0100");
@@ -132,8 +132,31 @@ TEST_F(MakesOnBusTest, DrivesDoNotWakeEachOtherUpButFollowTheHostTogether) {
     return one.State() == NmtState::kOperational && two.State() == NmtState::kOperational;
   }));
   host.Send("182#00010000");
-  EXPECT_EQ(Exchange(host, "601#40FF600000000000"), Texts{"581#43FF600000000000"});
-  EXPECT_EQ(one.Received().pdo, 0U);
+  EXPECT_EQ(Exchange(host, "601#40FF600000000000"), Texts{"581#43FF600000010000"});
+  EXPECT_EQ(one.Received().pdo, 1U);
+  EXPECT_EQ(two.Received().pdo, 0U);
+}
+
+TEST_F(MakesOnBusTest, EachMakeStopsWhenTheHeartbeatOfItsHostCeases) {
+  bus::FarEnd host("can0");
+  for (const Make* make : AllMakes()) {
+    SCOPED_TRACE(make->name);
+    SimulatedDrive drive(Of(std::string(make->name)));
+    ASSERT_TRUE(Eventually([&] { return drive.State() == NmtState::kPreOperational; }));
+    const std::string velocity = make->name == "zl" ? "601#23FF6001" : "601#23FF6000";
+    WriteAll(host, {"601#2F60600003000000", "601#2B40600006000000", "601#2B4060000F000000",
+                    velocity + "64000000", "601#2B07600003000000", "601#23161001F4017F00"});
+    for (int i = 0; i < 10; ++i) {
+      host.Send("77F#05");
+      std::this_thread::sleep_for(milliseconds(50));
+    }
+    EXPECT_NE(drive.SpeedRpm(), 0.0);
+    host.Forget();
+    EXPECT_TRUE(Eventually([&] { return drive.SpeedRpm() == 0.0; }));
+    ASSERT_TRUE(host.WaitFrames(1));
+    EXPECT_EQ(host.Frames()[0], "081#3081110000000000");
+    EXPECT_EQ(drive.Statusword() & 0xFF, 0x50);
+  }
 }
 
 }  // namespace
