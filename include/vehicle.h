@@ -35,11 +35,13 @@ struct Vehicle {
   std::chrono::milliseconds command_timeout{100};     ///< at least 2 periods
   std::chrono::milliseconds feedback_timeout{250};    ///< at least 2 periods
   std::chrono::milliseconds heartbeat_timeout{1000};  ///< 300 to 30000; the nodes send every third
-  std::chrono::milliseconds drive_watchdog{0};        ///< 0: the drives do not watch this host
-  double fault_deceleration = 600.0;                  ///< rpm per second, after a fault
-  double max_rpm = 100.0;                             ///< above 0
-  double max_acceleration = 120.0;                    ///< rpm per second, towards higher speed
-  double max_deceleration = 240.0;  ///< rpm per second, towards zero; after a stale command, too
+  /// 0, or 10 periods to 65535: the drives stop by themselves when they have not heard this host's
+  /// heartbeat (0x77F) for this long (0x1016, 0x6007).
+  std::chrono::milliseconds drive_watchdog{0};
+  double fault_deceleration = 600.0;  ///< rpm per second, after a fault
+  double max_rpm = 100.0;             ///< above 0
+  double max_acceleration = 120.0;    ///< rpm per second, towards higher speed
+  double max_deceleration = 240.0;    ///< rpm per second, towards zero; after a stale command, too
   unsigned long counts_per_revolution = 10000;  ///< of the motor; kinco: the others know theirs
   std::string texts;          ///< kinco: YAML file with the texts of error codes, may be empty
   int realtime_priority = 0;  ///< 1 to 99: SCHED_FIFO for all that carries motion; 0: as the caller

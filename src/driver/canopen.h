@@ -36,6 +36,7 @@ constexpr std::uint8_t kStartNode = 0x01;
 constexpr std::uint8_t kEnterPreOperational = 0x80;
 constexpr std::uint8_t kResetNode = 0x81;
 constexpr std::uint8_t kBootUp = 0x00;
+constexpr std::uint8_t kOperational = 0x05;
 constexpr std::uint8_t kPreOperational = 0x7F;
 
 // Object indices.

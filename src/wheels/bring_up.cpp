@@ -50,9 +50,12 @@ Trouble BringUp::Run(const std::vector<bool>& concerned) {
     return trouble;
   };
 
+  const bool watchdog = drives_.vehicle().drive_watchdog.count() != 0;
   for (std::size_t node = 0; node < NodeCount(); ++node) {
     if (concerned[node]) {
       drives_.TakesCommands(node, false);
+    } else if (watchdog) {
+      EndWatchdog(node);
     }
   }
   Trouble trouble;
@@ -72,6 +75,9 @@ Trouble BringUp::Run(const std::vector<bool>& concerned) {
   if (!trouble) {
     const std::vector<bool> all(NodeCount(), true);
     trouble = for_each(all, "zero", &BringUp::ConfirmZero);
+    if (!trouble && watchdog) {
+      trouble = for_each(all, "watchdog", &BringUp::SetWatchdog);
+    }
   }
   if (!trouble) {
     drives_.Supervise();

@@ -44,6 +44,9 @@ class BringUp final : private SdoObserver {
   // standing.
   Trouble AwaitReady();
 
+  // The node watches this host no more.
+  void EndWatchdog(std::size_t node);
+
   // Whether the node is enabled and without error, by its own objects; `trouble` if not.
   Trouble LookAtDrive(std::size_t node);
 
@@ -61,6 +64,9 @@ class BringUp final : private SdoObserver {
   Trouble Activate(std::size_t node);
   Trouble SetUp(std::size_t node);
   Trouble SetTimes(std::size_t node);
+  Trouble SetWatchdog(std::size_t node);
+  bool WriteAndReadBack(std::size_t node, std::uint8_t command, const Object& object,
+                        std::uint32_t value);
   Trouble AwaitSupervision();
   Trouble AwaitMotionless();
   Trouble StatusTrouble(std::size_t node, std::optional<std::uint32_t> statusword,

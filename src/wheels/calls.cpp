@@ -49,6 +49,12 @@ bool Control::Stop(milliseconds limit) {
   return CurrentState() == State::kOff || Ask(Job::kStop, limit, {}, {});
 }
 
+void Control::Release() {
+  if (CurrentState() != State::kOff) {
+    Ask(Job::kRelease, milliseconds(0), {}, {});
+  }
+}
+
 bool Control::Ask(Job job, milliseconds limit, const Progress& progress,
                   const IsCancelled& cancelled) {
   std::unique_lock<std::mutex> lock(call_mutex_);
@@ -64,6 +70,10 @@ bool Control::Ask(Job job, milliseconds limit, const Progress& progress,
   std::exception_ptr thrown;
   while (!call_.done) {
     call_changed_.wait_for(lock, kBetweenQuestions);
+    if (!call_.done && (job == Job::kBringUp || job == Job::kClear)) {
+      // The classes take seconds to wake a drive; no wheel follows a command meanwhile.
+      caller_notifier_.Alive(Clock::now());
+    }
     const std::optional<std::string> step = call_.step;
     lock.unlock();
     try {
@@ -107,6 +117,15 @@ void Control::Serve(Job job) {
       SetState(State::kStopping);
     }
     return;
+  }
+  if (job == Job::kRelease) {
+    motor_driver::BringUp bring_up(drives_, *this, enabled_);
+    for (std::size_t node = 0;
+         node < drives_.nodes().size() && vehicle_.drive_watchdog.count() != 0; ++node) {
+      bring_up.EndWatchdog(node);
+    }
+    released_ = true;
+    return Finish(true);
   }
   SetState(State::kBringUp);
   speeds_.fill(0);
@@ -238,6 +257,7 @@ void Control::Wait(milliseconds time) {
 
 void Control::Transferred() {
   const auto now = Clock::now();
+  notifier_.Alive(now);
   if (drives_.AnyTakesCommands() && now >= last_zeros_ + vehicle_.period) {
     last_zeros_ = now;
     drives_.SendZerosMeanwhile();

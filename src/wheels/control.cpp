@@ -105,6 +105,9 @@ void Control::Run() {
     SleepUntil(next);
   }
   drives_.Close();
+  if (released_ || CurrentState() == State::kOff) {
+    notifier_.Over();
+  }
 }
 
 Control::Job Control::TakeCall() {
@@ -120,6 +123,23 @@ void Control::Cycle(Clock::time_point now) {
   Move(Goals(now));
   SendTargets();
   Settle();
+  NotifyAlive();
+}
+
+// Not for a wheel that turns although nobody asks for it any more: then a guard is wanted.
+void Control::NotifyAlive() {
+  bool turns = false;
+  for (const double rpm : target_rpm_) {
+    turns = turns || rpm != 0;
+  }
+  bool stale = false;
+  {
+    const std::lock_guard<PriorityMutex> lock(shared_mutex_);
+    stale = shared_.report.command_stale;
+  }
+  if (!turns || !stale) {
+    notifier_.Alive(last_cycle_);
+  }
 }
 
 void Control::JudgeCycle(nanoseconds passed) {
@@ -324,7 +344,9 @@ WheelReport Control::GetWheel(std::size_t wheel) const {
   report.revolutions = WheelRpm(which, heard.revolutions);
   report.measured_at = heard.measured_at;
   report.lost_reports = heard.lost_reports;
-  report.error_code = drives_.watch().Node(node).error_codes[motor];
+  const HeardOfNode of_node = drives_.watch().Node(node);
+  report.error_code =
+      drives_.make().error_code.bits != 0 ? of_node.error_codes[motor] : of_node.emergency_code;
   return report;
 }
 

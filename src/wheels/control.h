@@ -19,6 +19,7 @@
 #include "wheels/bring_up.h"
 #include "wheels/drives.h"
 #include "wheels/judge.h"
+#include "wheels/notifier.h"
 #include "wheels/priority_mutex.h"
 
 namespace motor_driver {
@@ -38,6 +39,8 @@ class Control final : private Surroundings {
   bool BringUp(const Progress& progress, const IsCancelled& cancelled);
   bool Clear();
   bool Stop(std::chrono::milliseconds limit);
+  // After the last stop: the drives need not watch this host any more.
+  void Release();
 
   bool Command(const double* rpm, std::size_t count);
   Report GetReport() const;
@@ -48,7 +51,7 @@ class Control final : private Surroundings {
   static constexpr std::size_t kMostWheels = 8;
   using Speeds = std::array<double, kMostWheels>;
 
-  enum class Job { kNone, kBringUp, kClear, kStop };
+  enum class Job { kNone, kBringUp, kClear, kStop, kRelease };
 
   // What hosts and the control thread share.
   struct Shared {
@@ -94,6 +97,7 @@ class Control final : private Surroundings {
   void SendTargets();
   void Settle();
   bool Standing() const;
+  void NotifyAlive();
 
   State CurrentState() const { return state_; }
   void SetState(State state);
@@ -108,6 +112,8 @@ class Control final : private Surroundings {
   const Vehicle& vehicle_;
   Drives drives_;
   Judge judge_;
+  Notifier notifier_;         // of the control thread
+  Notifier caller_notifier_;  // of a host that waits for it
 
   mutable PriorityMutex shared_mutex_;
   Shared shared_;
@@ -119,6 +125,7 @@ class Control final : private Surroundings {
   std::atomic<bool> asked_{false};  // call_ waits for the control thread
   std::atomic<bool> cancelled_{false};
   std::atomic<bool> ending_{false};
+  bool released_ = false;  // the last stop was confirmed, and nothing is asked any more
 
   // The control thread's own.
   bool stopping_ = false;

@@ -89,6 +89,7 @@ void Drives::Send(const std::vector<MotorRpm>& rpm) {
       return;
     }
   }
+  SendHeartbeat();
   for (std::size_t node = 0; node < nodes_.size(); ++node) {
     if (commanded_[node].takes_commands) {
       make_.command(*drive_, nodes_[node].id, rpm[node]);
@@ -101,7 +102,19 @@ void Drives::Send(const std::vector<MotorRpm>& rpm) {
 
 void Drives::SendZeros() { Send(zeros_); }
 
+void Drives::SendHeartbeat() {
+  const auto now = Clock::now();
+  if (!sends_heartbeat_ || now < next_heartbeat_) {
+    return;
+  }
+  // A cycle early rather than one late.
+  next_heartbeat_ = now + vehicle_.drive_watchdog / 4 - vehicle_.period / 2;
+  const std::uint8_t operational[] = {cia301::kOperational};
+  drive_->WriteData(cia301::kHeartbeat + kHostNode, operational, sizeof(operational));
+}
+
 void Drives::SendZerosMeanwhile() {
+  SendHeartbeat();
   for (std::size_t node = 0; node < nodes_.size(); ++node) {
     if (commanded_[node].takes_commands && !BusFailed()) {
       make_.command(*drive_, nodes_[node].id, zeros_[node]);
@@ -119,6 +132,7 @@ void Drives::Supervise() {
 void Drives::Close() {
   drive_.reset();
   supervised_ = false;
+  sends_heartbeat_ = false;
   commanded_.assign(nodes_.size(), Commanded());
 }
 
@@ -157,9 +171,11 @@ Trouble Drives::BusTrouble() const {
   }
 }
 
+bool Drives::InterfaceUp() const { return make_.simulated || IsUp(vehicle_.interface); }
+
 bool Drives::Recover() {
   const auto now = Clock::now();
-  if (now < next_recovery_ || !IsUp(vehicle_.interface)) {
+  if (now < next_recovery_ || !InterfaceUp()) {
     return false;
   }
   next_recovery_ = now + kBetweenRecoveries;

@@ -17,6 +17,9 @@
 
 namespace motor_driver {
 
+// The node-ID under which this host sends its own heartbeat.
+constexpr std::uint8_t kHostNode = 127;
+
 // Why a vehicle cannot go on.
 struct Trouble {
   Fault fault = Fault::kNone;
@@ -48,6 +51,7 @@ class Drives {
   const Make& make() const { return make_; }
   const std::vector<Node>& nodes() const { return nodes_; }
   DriverCommon& drive() { return *drive_; }
+  const DriverCommon& drive() const { return *drive_; }
   BusWatch& watch() { return watch_; }
   const BusWatch& watch() const { return watch_; }
 
@@ -66,6 +70,9 @@ class Drives {
   // Zeros to the nodes that take speeds, and nothing else: for the time of a bring-up.
   void SendZerosMeanwhile();
 
+  // Whether the drives hear this host's heartbeat. It goes out with what is sent, when it is due.
+  void SendsHeartbeat(bool sends) { sends_heartbeat_ = sends; }
+
   // The node does not hear PDOs, as far as is known.
   void SetDeaf(std::size_t node, bool deaf) { commanded_[node].deaf = deaf; }
 
@@ -75,6 +82,8 @@ class Drives {
   // A sentence when the bus has failed.
   Trouble BusTrouble() const;
   bool BusFailed() const { return !make_.simulated && drive_->GetCanError() != 0; }
+  // Whether the interface is there and up, as far as can be known.
+  bool InterfaceUp() const;
   // One attempt to bring the bus back; true when it works again.
   bool Recover();
 
@@ -86,6 +95,7 @@ class Drives {
   };
 
   void ZeroByObject(std::size_t node);
+  void SendHeartbeat();
 
   const Vehicle& vehicle_;
   const Make& make_;
@@ -95,6 +105,8 @@ class Drives {
   Clock::time_point next_recovery_;
   std::atomic<bool> waking_{false};
   bool supervised_ = false;
+  bool sends_heartbeat_ = false;
+  Clock::time_point next_heartbeat_;
   BusWatch watch_;
   // Last, so that it goes first: its receive thread uses what stands above.
   std::unique_ptr<DriverCommon> drive_;

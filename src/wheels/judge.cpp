@@ -90,6 +90,10 @@ Trouble Judge::LookAtNode(std::size_t node) const {
   const Node& which = drives_.nodes()[node];
   const HeardOfNode heard = drives_.watch().Node(node);
   const Silence& silence = silences_[node];
+  // Before the state that follows from it: a drive that trips may leave the operational state.
+  if (heard.ErrorCode() != 0) {
+    return DriveErrorTrouble(drives_, node, heard.ErrorCode());
+  }
   if (silence.left) {
     return {Fault::kNodeRestarted, which.id,
             fmt::format("{} is not operational any more (NMT state 0x{:02X}): did it restart, or "
@@ -98,9 +102,6 @@ Trouble Judge::LookAtNode(std::size_t node) const {
   }
   if (!IsSupervisedReady(drives_, node)) {
     return SupervisionTrouble(drives_, node);
-  }
-  if (heard.ErrorCode() != 0) {
-    return DriveErrorTrouble(drives_, node, heard.ErrorCode());
   }
   const bool counts = drives_.make().supervise == nullptr || silence.disabled > kSupervisionLag;
   for (std::size_t motor = 0; motor < drives_.make().motors && heard.has_statusword; ++motor) {

@@ -33,6 +33,10 @@ void SuperviseKinco(DriverCommon& drive) {
   static_cast<KincoDriver&>(drive).StartErrorParsingLoop();
 }
 
+std::string KincoErrorText(const DriverCommon& drive, std::uint16_t code) {
+  return static_cast<const KincoDriver&>(drive).GetErrorCodeInfo(code).msg;
+}
+
 void CommandOne(DriverCommon& drive, std::uint8_t node, const MotorRpm& rpm) {
   drive.SetSpeed(node, rpm[0]);
 }
@@ -140,6 +144,7 @@ Make Kinco() {
   make.resets = false;
   make.starts_by_init = true;
   make.supervise = SuperviseKinco;
+  make.error_text = KincoErrorText;
   make.counts_are_configured = true;
   make.command = CommandOne;
   make.targets = {{0x60FF, 0}};

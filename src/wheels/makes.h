@@ -63,6 +63,8 @@ struct Make {
   // Starts a loop that watches the drives and leads them out of an emergency stop; GetDriverStatus
   // tells what it knows, and Vehicle::texts are its texts. Null: the make has none.
   void (*supervise)(DriverCommon& drive) = nullptr;
+  // An error code in words, from Vehicle::texts; null: the make has none.
+  std::string (*error_text)(const DriverCommon& drive, std::uint16_t code) = nullptr;
   // The set-up writes no event timer: it is written afterwards.
   bool needs_event_timer = false;
   // Vehicle::counts_per_revolution counts; otherwise the class knows the number, which is this.

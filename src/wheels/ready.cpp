@@ -109,6 +109,7 @@ Trouble BringUp::StatusTrouble(std::size_t node, std::optional<std::uint32_t> st
 }
 
 Trouble BringUp::AwaitMotionless() {
+  drives_.SendsHeartbeat(drives_.vehicle().drive_watchdog.count() != 0);
   const auto begin = Clock::now();
   std::vector<std::uint32_t> reports;
   for (std::size_t node = 0; node < NodeCount(); ++node) {

@@ -6,9 +6,10 @@ namespace motor_driver {
 
 Trouble DriveErrorTrouble(const Drives& drives, std::size_t node, std::uint16_t code) {
   const Node& which = drives.nodes()[node];
-  return {
-      Fault::kDriveError, which.id,
-      fmt::format("{} reports error 0x{:04X}: find its cause, then Clear()", which.name(), code)};
+  const auto text = drives.make().error_text;
+  return {Fault::kDriveError, which.id,
+          fmt::format("{} reports error 0x{:04X}{}: find its cause, then Clear()", which.name(),
+                      code, text != nullptr ? " (" + text(drives.drive(), code) + ")" : "")};
 }
 
 Trouble NotEnabledTrouble(const Drives& drives, std::size_t node, std::uint16_t statusword) {

@@ -56,7 +56,10 @@ Problem CheckTimes(const Vehicle& vehicle) {
     problem = CheckRange("heartbeat_timeout_ms", vehicle.heartbeat_timeout.count(), 300, 30'000);
   }
   if (!problem && vehicle.drive_watchdog.count() != 0) {
-    problem = VehicleProblem{"drive_watchdog_ms", "not available yet, must be 0"};
+    problem = CheckRange("drive_watchdog_ms", vehicle.drive_watchdog.count(), 10 * period, 65'535);
+    if (problem) {
+      problem->text += ", and is not 0, which is none";
+    }
   }
   return problem;
 }

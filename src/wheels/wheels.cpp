@@ -83,7 +83,9 @@ class Wheels::Impl {
 Wheels::Wheels(const Vehicle& vehicle) : impl_(std::make_unique<Impl>(vehicle)) {}
 
 Wheels::~Wheels() {
-  if (!Stop(kLastStop)) {
+  if (Stop(kLastStop)) {
+    impl_->control().Release();
+  } else {
     SayAtOnce("THE STOP IS NOT CONFIRMED: A WHEEL MAY STILL TURN. SECURE THE VEHICLE. (" +
               GetReport().reason + ")\n");
   }

@@ -337,8 +337,14 @@ TEST_F(VehicleFileTest, KnowsMakesAndInterfaces) {
                   "\" is not a name of 1 to 15 letters, digits, '.', '_' or '-', which may not "
                   "come first");
   }
-  EXPECT_EQ(Refusal(kBase + "drive_watchdog_ms: 1\n"),
-            "3:1: drive_watchdog_ms: not available yet, must be 0");
+  for (const std::string value : {"-1", "1", "99", "65536"}) {
+    EXPECT_EQ(Refusal(kBase + "drive_watchdog_ms: " + value + "\n"),
+              "3:1: drive_watchdog_ms: " + value +
+                  " is not in 100 to 65535, and is not 0, which is none");
+  }
+  for (const std::string value : {"0", "100", "65535"}) {
+    EXPECT_EQ(Refusal(kBase + "drive_watchdog_ms: " + value + "\n"), "taken");
+  }
 }
 
 // --- Types --------------------------------------------------------------------------------------

@@ -1,0 +1,120 @@
+// The drives watch the host: without its heartbeat they stop by themselves.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "simulated_vehicle.h"
+#include "wheels_test.h"
+
+namespace {
+
+using motor_driver::Fault;
+using motor_driver::State;
+using motor_driver::Vehicle;
+using motor_driver::Wheels;
+using std::chrono::milliseconds;
+
+constexpr auto kWatchdog = milliseconds(300);
+
+Vehicle Watched(const wire::DriveMake& make) {
+  Vehicle vehicle = TwoWheels(make);
+  vehicle.heartbeat_timeout = milliseconds(1000);
+  vehicle.feedback_timeout = milliseconds(600);
+  vehicle.command_timeout = milliseconds(300);
+  vehicle.drive_watchdog = kWatchdog;
+  return vehicle;
+}
+
+std::size_t CountOf(const std::vector<std::string>& records, const std::string& frame) {
+  std::size_t count = 0;
+  for (const std::string& record : records) {
+    count += record == frame ? 1 : 0;
+  }
+  return count;
+}
+
+using DriveWatchdogTest = EveryMakeTest;
+
+TEST_P(DriveWatchdogTest, IsSetUpBeforeAnythingIsEnabledAndFedAllTheWhile) {
+  SimulatedDrives drives(GetParam());
+  bus::FarEnd recorder;
+  {
+    Wheels wheels(Watched(GetParam()));
+    ASSERT_TRUE(BroughtUp(wheels)) << wheels.GetReport().reason;
+    std::this_thread::sleep_for(milliseconds(1500));
+    EXPECT_EQ(wheels.GetReport().state, State::kReady) << wheels.GetReport().reason;
+    // 300 ms and node 127; the quarter of it is 75 ms.
+    for (const int node : TwoNodes()) {
+      bool watches = false;
+      bool enabled_before = false;
+      for (const std::string& record : recorder.Frames()) {
+        watches = watches || record == wire::SdoRequest(node) + "#231610012C017F00";
+        enabled_before = enabled_before || (!watches && wire::Enables(node, record));
+      }
+      EXPECT_TRUE(watches);
+      EXPECT_FALSE(enabled_before);
+      EXPECT_EQ(drives[node].ReadObject(0x6007, 0), 3U);
+    }
+    EXPECT_GT(CountOf(recorder.Frames(), "77F#05"), 10U);
+  }
+  // In the end the drives are told that nobody is to be watched any more, and none trips.
+  std::this_thread::sleep_for(2 * kWatchdog);
+  for (const int node : TwoNodes()) {
+    EXPECT_EQ(drives[node].ReadObject(0x1016, 1), 0U);
+    EXPECT_EQ(drives[node].ReadObject(0x603F, 0), 0U);
+  }
+}
+
+TEST_P(DriveWatchdogTest, StopsTheWheelsOfAComputerThatIsCutOff) {
+  SimulatedDrives drives(GetParam());
+  Wheels wheels(Watched(GetParam()));
+  ASSERT_TRUE(BroughtUp(wheels)) << wheels.GetReport().reason;
+  {
+    const Commanding host(wheels, 60);
+    ASSERT_TRUE(TurnsAt(drives, 60)) << wheels.GetReport().reason;
+    // What the host sends does not arrive any more; the drives do not know why.
+    bus::TrafficControl("netem loss 100%", "can0");
+    const auto cut = bus::Clock::now();
+    ASSERT_TRUE(Eventually([&] { return drives.FastestRpm() < 0.5; }));
+    // The time, the drive's quick ramp, and room for a busy machine.
+    EXPECT_LT(bus::Clock::now() - cut, kWatchdog + milliseconds(700));
+    for (const int node : TwoNodes()) {
+      EXPECT_EQ(drives[node].ReadObject(0x603F, 0) & 0xFFFF, 0x8130U);
+    }
+    ASSERT_TRUE(WaitState(wheels, State::kFault));
+    EXPECT_EQ(wheels.GetReport().fault, Fault::kDriveError) << wheels.GetReport().reason;
+  }
+  bus::Command("tc qdisc del dev can0 root");
+  bool cleared = false;
+  for (int attempt = 0; attempt < 3 && !cleared; ++attempt) {
+    cleared = wheels.Clear();
+  }
+  ASSERT_TRUE(cleared) << wheels.GetReport().reason;
+  const Commanding host(wheels, 60);
+  EXPECT_TRUE(TurnsAt(drives, 60)) << wheels.GetReport().reason;
+}
+
+TEST_P(DriveWatchdogTest, ADriveThatCannotWatchIsRefusedAndNamed) {
+  SimulatedDrives drives(GetParam());
+  drives[2].Inject("abort-object=0x1016:1");
+  bus::FarEnd recorder;
+  Wheels wheels(Watched(GetParam()));
+  EXPECT_FALSE(wheels.BringUp());
+  const motor_driver::Report report = wheels.GetReport();
+  EXPECT_EQ(report.state, State::kOff);
+  EXPECT_EQ(report.fault, Fault::kSetUpRefused);
+  EXPECT_EQ(report.node, 2);
+  EXPECT_NE(report.reason.find("drive_watchdog 0 drives without"), std::string::npos)
+      << report.reason;
+  for (const std::string& record : recorder.Frames()) {
+    EXPECT_FALSE(wire::Enables(1, record) || wire::Enables(2, record)) << record;
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Makes, DriveWatchdogTest, ::testing::ValuesIn(wire::DriveMakes()),
+                         NameOfMake<wire::DriveMake>);
+
+}  // namespace
