@@ -43,6 +43,7 @@ struct Context {
   const Make* make = nullptr;  // of the vehicle; nullptr when it was not told
   bool json = false;
   bool verbose = false;
+  std::vector<std::string> guarded_command;  // what stands behind "--" on the line of `guard`
 
   // Of a drive object that a command sets up: without a make there is nothing to set up. Throws
   // CLI::ValidationError.
@@ -98,6 +99,8 @@ void AddInfo(CLI::App& app, Context& context);
 void AddSdo(CLI::App& app, Context& context);
 void AddBringUp(CLI::App& app, Context& context);
 void AddJog(CLI::App& app, Context& context);
+void AddStop(CLI::App& app, Context& context);
+void AddGuard(CLI::App& app, Context& context);
 void AddMonitor(CLI::App& app, Context& context);
 void AddExplain(CLI::App& app, Context& context);
 void AddDecode(CLI::App& app, Context& context);

@@ -2,13 +2,16 @@
 #include <signal.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <optional>
 #include <string>
 
 #include "context.h"
+#include "guard.h"
 #include "terminal.h"
 
 namespace motorctl {
@@ -78,8 +81,21 @@ void ConfigureLibraryLog() {
   setenv("SPDLOG_LEVEL", "warning", 0);
 }
 
+// The command that is guarded has options of its own. What stands before it is left.
+int TakeGuardedCommand(int argc, char** argv, Context& context) {
+  const auto end = argv + argc;
+  const auto dashes =
+      std::find_if(argv, end, [](const char* word) { return !std::strcmp(word, "--"); });
+  const auto guard =
+      std::find_if(argv, dashes, [](const char* word) { return !std::strcmp(word, "guard"); });
+  if (guard == dashes || dashes == end) return argc;
+  context.guarded_command.assign(dashes + 1, end);
+  return static_cast<int>(dashes - argv);
+}
+
 int Run(int argc, char** argv) {
   Context context;
+  argc = TakeGuardedCommand(argc, argv, context);
   Named named;
   CLI::App app("Commissioning and diagnosis of servo drives on a CAN bus.", "motorctl");
   app.footer(
@@ -100,6 +116,8 @@ int Run(int argc, char** argv) {
   AddSdo(app, context);
   AddBringUp(app, context);
   AddJog(app, context);
+  AddStop(app, context);
+  AddGuard(app, context);
   AddMonitor(app, context);
   AddExplain(app, context);
   AddDecode(app, context);
@@ -118,7 +136,7 @@ int Run(int argc, char** argv) {
     return kUsage;
   } catch (const motor_driver::VehicleError& error) {
     context.Say(error.what());
-    return kFailure;
+    return app.got_subcommand("guard") ? int{kGuardFailed} : int{kFailure};
   }
 
   // A reader that has gone away shows as a failed write: a command may have wheels to stop.

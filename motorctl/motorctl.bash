@@ -3,7 +3,7 @@
 _motorctl_takes_value() {
   case $1 in
     --vehicle | --interface | --make | --counts-per-revolution | --from | --to | --period | --rpm | --rpm2 | \
-      --seconds | --ramp | --csv | --svg | --config) return 0 ;;
+      --seconds | --limit | --fresh-ms | --ramp | --csv | --svg | --config) return 0 ;;
   esac
   return 1
 }
@@ -16,12 +16,28 @@ _motorctl_interfaces() {
   done
 }
 
+# The command line that begins at word $1.
+_motorctl_guarded() {
+  if declare -F _command_offset >/dev/null; then
+    _command_offset "$1"
+  elif ((COMP_CWORD == $1)); then
+    mapfile -t COMPREPLY < <(compgen -c -- "${COMP_WORDS[COMP_CWORD]}")
+  else
+    mapfile -t COMPREPLY < <(compgen -f -- "${COMP_WORDS[COMP_CWORD]}")
+  fi
+}
+
 _motorctl() {
   local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
   local options='--vehicle --interface --make --counts-per-revolution --json --verbose --help'
   local words='' files=false command='' nested='' position=0 i
 
   for ((i = 1; i < COMP_CWORD; i++)); do
+    # What is guarded completes by itself.
+    if [[ $command == guard && ${COMP_WORDS[i]} == -- ]]; then
+      _motorctl_guarded $((i + 1))
+      return
+    fi
     if _motorctl_takes_value "${COMP_WORDS[i]}"; then
       ((i++))
     elif [[ ${COMP_WORDS[i]} != -* ]]; then
@@ -36,11 +52,13 @@ _motorctl() {
   case $command in
     '')
       options+=' --version'
-      words='doctor scan info sdo bring-up jog monitor explain decode vehicle'
+      words='doctor scan info sdo bring-up jog stop guard monitor explain decode vehicle'
       ;;
     scan) options+=' --from --to' ;;
     bring-up) options+=' --period' ;;
     jog) options+=' --rpm --rpm2 --seconds --ramp --period --csv --svg --yes --allow-fast' ;;
+    stop) options+=' --limit' ;;
+    guard) options+=' --fresh-ms --prove --rpm --yes' ;;
     monitor) options+=' --once --seconds --poll --config' ;;
     sdo)
       if ((position == 0)); then

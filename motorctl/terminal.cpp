@@ -23,6 +23,8 @@ bool IsTerminal() { return ::isatty(data_descriptor) != 0; }
 
 }  // namespace
 
+int DataDescriptor() { return data_descriptor; }
+
 void Context::Write(const std::string& text) const {
   std::size_t written = 0;
   while (written < text.size()) {

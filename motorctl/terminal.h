@@ -26,6 +26,9 @@ class LibraryOutput {
   static std::string Take();
 };
 
+// Standard output as the caller gave it to us.
+int DataDescriptor();
+
 // Writes texts in order, on a thread of its own.
 class Writer {
  public:

@@ -32,7 +32,7 @@ listed() {
   "$motorctl" "$@" --help | grep -oE '^ +(-[a-z], *)?--[a-z0-9-]+' | grep -oE -e '--[a-z0-9-]+'
 }
 
-commands='bring-up decode doctor explain info jog monitor scan sdo vehicle'
+commands='bring-up decode doctor explain guard info jog monitor scan sdo stop vehicle'
 expect "$commands" ''
 expect 'decode doctor' d
 expect 'jog' jo
@@ -52,6 +52,8 @@ expect '' explain ''
 expect '--verbose --version' --ver
 expect '--version' --vers
 expect '--rpm --rpm2' jog --rp
+expect '--fresh-ms' guard 1 --f
+expect 'mapfile' guard 1 -- mapfil
 
 cd "$(dirname "$0")/data"
 expect 'zl.log zl.txt' decode zl

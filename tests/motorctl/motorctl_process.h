@@ -30,7 +30,7 @@ enum class Output { kFile, kTerminal, kFullPipe };
 
 class Process {
  public:
-  // `path`: searched for programs before the usual places.
+  // `path`: searched for programs before the usual places. `variables`: "NAME=VALUE".
   explicit Process(const Arguments& arguments, Output output = Output::kFile,
                    const std::string& path = "", const Arguments& variables = {}) {
     Arguments words = {MOTORCTL};
@@ -93,6 +93,7 @@ class Process {
   void Type(const std::string& text) {
     EXPECT_EQ(::write(terminal_, text.data(), text.size()), static_cast<ssize_t>(text.size()));
   }
+  pid_t pid() const { return child_; }
   void Signal(int signal) { ::kill(child_, signal); }
 
   // The exit status, -1 when a signal ended it. Fails the test when it does not end.

@@ -49,6 +49,8 @@ check_installed_prefix() {
     cmp "$vehicle" "$prefix/share/motor_driver/vehicles/${vehicle##*/}" ||
       fail "${vehicle##*/} is not installed"
   done
+  [[ -s $prefix/share/motor_driver/motor-host@.service ]] ||
+    fail "motor-host@.service is not installed"
 
   for header in $headers; do
     "$cxx" -std=c++17 "${warnings[@]}" -fsyntax-only -x c++ -I"$prefix/include/motor_driver" \

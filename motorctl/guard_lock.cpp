@@ -1,0 +1,78 @@
+#include "guard_lock.h"
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+#include <system_error>
+
+#include "context.h"
+
+namespace motorctl {
+namespace {
+
+constexpr int kWaiting = 16;
+
+int Socket() { return ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0); }
+
+// 0: nobody knows.
+pid_t HolderOf(const sockaddr_un& address, socklen_t size) {
+  const int socket = Socket();
+  ucred holder = {};
+  socklen_t holder_size = sizeof(holder);
+  if (::connect(socket, reinterpret_cast<const sockaddr*>(&address), size) != 0 ||
+      ::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &holder, &holder_size) != 0) {
+    holder.pid = 0;
+  }
+  ::close(socket);
+  return holder.pid;
+}
+
+}  // namespace
+
+GuardLock::GuardLock(const std::string& interface, const std::vector<int>& nodes) {
+  for (const int node : nodes) {
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    // The first byte stays 0.
+    const std::string name = "motor-driver-guard/" + interface + "/" + std::to_string(node);
+    std::copy(name.begin(), name.end(), address.sun_path + 1);
+    const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
+    const int socket = Socket();
+    sockets_.push_back(socket);
+    if (::bind(socket, reinterpret_cast<const sockaddr*>(&address), size) == 0 &&
+        ::listen(socket, kWaiting) == 0) {
+      continue;
+    }
+    const int failure = errno;
+    Close();
+    if (failure != EADDRINUSE) {
+      throw std::system_error(failure, std::generic_category(), "lock of a node");
+    }
+    const pid_t holder = HolderOf(address, size);
+    throw CommandFailed("node " + std::to_string(node) + " on " + interface +
+                        " is guarded already" +
+                        (holder > 0 ? ", by process " + std::to_string(holder) : ""));
+  }
+}
+
+GuardLock::~GuardLock() { Close(); }
+
+void GuardLock::Answer() {
+  for (const int socket : sockets_) {
+    for (int asking = 0; (asking = ::accept4(socket, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
+      ::close(asking);
+    }
+  }
+}
+
+void GuardLock::Close() {
+  for (const int socket : sockets_) ::close(socket);
+  sockets_.clear();
+}
+
+}  // namespace motorctl
