@@ -34,7 +34,8 @@ const Vehicle& Checked(const Vehicle& vehicle) {
 
 }  // namespace
 
-class Stopper::Impl final : private SdoObserver {
+// Of this file alone, although it is named in an exported class.
+class [[gnu::visibility("hidden")]] Stopper::Impl final : private SdoObserver {
  public:
   explicit Impl(const Vehicle& vehicle)
       : vehicle_(Checked(vehicle)), drives_(vehicle_), motions_(drives_.nodes().size()) {
