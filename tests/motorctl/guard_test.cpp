@@ -115,13 +115,12 @@ class GuardTest : public bus::BusTest {
   sim::SimulatedDrive drive_{DriveOptions("zl")};
 };
 
-class GuardMakeTest : public bus::BusTest, public ::testing::WithParamInterface<const char*> {};
+class GuardMakeTest : public bus::BusTest, public ::testing::WithParamInterface<tested::Make> {};
 
-INSTANTIATE_TEST_SUITE_P(Makes, GuardMakeTest,
-                         ::testing::Values("zl", "tt", "hls", "amps", "kinco"), MakeName);
+INSTANTIATE_TEST_SUITE_P(Makes, GuardMakeTest, ::testing::ValuesIn(tested::Makes()), MakeName);
 
 TEST_P(GuardMakeTest, StopsTheWheelOfAKilledHost) {
-  const std::string make = GetParam();
+  const std::string make = GetParam().name;
   sim::SimulatedDrive drive(DriveOptions(make));
   Process guard(With({"guard", "1", "--make", make, "--", MOTORCTL}, JogLine(make, "60")));
   ASSERT_TRUE(Eventually([&drive] { return std::abs(drive.SpeedRpm()) > 50; })) << guard.Err();

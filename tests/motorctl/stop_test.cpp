@@ -8,7 +8,7 @@
 
 namespace {
 
-class StopMakeTest : public bus::BusTest, public ::testing::WithParamInterface<const char*> {
+class StopMakeTest : public bus::BusTest, public ::testing::WithParamInterface<tested::Make> {
  protected:
   Result Stop() { return Motorctl({"stop", "1", "--make", make_, "--limit", "3"}); }
   void BringUp() {
@@ -22,12 +22,11 @@ class StopMakeTest : public bus::BusTest, public ::testing::WithParamInterface<c
     EXPECT_EQ(drive_.SpeedRpm(), 0.0);
   }
 
-  const std::string make_ = GetParam();
+  const std::string make_ = GetParam().name;
   sim::SimulatedDrive drive_{DriveOptions(make_)};
 };
 
-INSTANTIATE_TEST_SUITE_P(Makes, StopMakeTest, ::testing::Values("zl", "tt", "hls", "amps", "kinco"),
-                         MakeName);
+INSTANTIATE_TEST_SUITE_P(Makes, StopMakeTest, ::testing::ValuesIn(tested::Makes()), MakeName);
 
 TEST_P(StopMakeTest, StopsAWheelWhoseHostWasKilledAndEnablesNothing) {
   {
