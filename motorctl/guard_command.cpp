@@ -38,7 +38,7 @@ std::vector<std::string> Environment() {
 
 void CheckOptions(const Context& context, const Options& options) {
   context.RequireMake();
-  const std::vector<int> nodes = context.Nodes(options.nodes);
+  context.Nodes(options.nodes);  // throws where there are none
   if (options.prove && (options.nodes.size() != 1 || context.make->simulated)) {
     throw CLI::ValidationError("--prove", "takes one NODE with a wheel that turns");
   }

@@ -233,9 +233,9 @@ void Node::LoseWatchedNode() {
 }
 
 void Node::AbortConnection(std::uint16_t error_code) {
-  const bool was_in_fault = InFault();
+  if (InFault()) return;
   for (Axis& axis : axes_) axis.AbortConnection(error_code);
-  if (InFault() && !was_in_fault) errors_.Report(error_code);
+  if (InFault()) errors_.Report(error_code);
 }
 
 void Node::PressEmergencyStop() {

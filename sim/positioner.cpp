@@ -44,8 +44,8 @@ void Positioner::Control(std::uint16_t before, std::uint16_t controlword, std::i
 
 void Positioner::Take(const SetPoint& set_point, std::int32_t position) {
   // What is relative is so to the target before, which has been reached when nothing remains.
-  remaining_ = set_point.relative ? remaining_ + set_point.target
-                                  : std::int64_t{set_point.target} - position;
+  const std::int64_t from = set_point.relative ? -remaining_ : position;
+  remaining_ = set_point.target - from;
   moving_ = true;
 }
 

@@ -107,7 +107,7 @@ Frames OfNode(int node, Frames frames) {
         frame.replace(12, 2, wire::Hex(low + static_cast<unsigned>(node) - 1, 2));
       }
     } else if (wire::StartsWith(frame, "000#")) {
-      frame = frame.substr(0, 6) + id;
+      frame.replace(6, std::string::npos, id);
     } else {
       frame = "0" + id + frame.substr(3);
     }

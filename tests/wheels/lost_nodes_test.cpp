@@ -199,7 +199,7 @@ TEST_F(EmergencyStopTest, WithHeldOutputsPressedAndReleasedStopsNoZeros) {
   bus::FarEnd bus_record;
   double fastest = 0;
   bool turned = false;
-  Fault fault = Fault::kNone;
+  motor_driver::Report report;
   bus::Clock::time_point begin;
   bus::Clock::time_point end;
   {
@@ -209,7 +209,7 @@ TEST_F(EmergencyStopTest, WithHeldOutputsPressedAndReleasedStopsNoZeros) {
     turned = TurnsAt(drives, 60);
     PressAndRelease(drives, wheels);
     begin = bus::Clock::now();
-    fault = wheels.GetReport().fault;
+    report = wheels.GetReport();
     for (int i = 0; i < 300; ++i) {
       fastest = std::max(fastest, drives.FastestRpm());
       std::this_thread::sleep_for(milliseconds(10));
@@ -218,7 +218,7 @@ TEST_F(EmergencyStopTest, WithHeldOutputsPressedAndReleasedStopsNoZeros) {
   }
   EXPECT_TRUE(turned);
   EXPECT_TRUE(pressed_in_time_);
-  EXPECT_EQ(fault, Fault::kEmergencyStop);
+  EXPECT_EQ(report.fault, Fault::kEmergencyStop);
   EXPECT_EQ(fastest, 0);
   int zeros = 0;
   bus::Clock::time_point last = begin;
