@@ -28,6 +28,7 @@ constexpr std::uint8_t kDownload3 = 0x27;
 constexpr std::uint8_t kDownload4 = 0x23;
 constexpr std::uint8_t kDownloadConfirmed = 0x60;
 constexpr std::uint8_t kUpload = 0x40;
+constexpr std::uint8_t kAbort = 0x80;
 constexpr std::uint8_t kUploadConfirmed = 0x43;      // plus the number of unused bytes in bits 2, 3
 constexpr std::uint8_t kUploadConfirmedMask = 0xF3;  // leaves those two bits out
 

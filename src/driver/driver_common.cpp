@@ -62,7 +62,7 @@ bool IsAccepted(std::uint8_t request, std::uint8_t response) {
 
 // A template because the outcome's own type is private to the class.
 template <typename Outcome>
-motor_driver::SdoTransfer::Outcome ToObserve(Outcome outcome) {
+motor_driver::SdoTransfer::Outcome ToObserve(Outcome outcome, std::uint8_t response) {
   using Observed = motor_driver::SdoTransfer::Outcome;
   switch (outcome) {
     case Outcome::kNotSent:
@@ -70,7 +70,7 @@ motor_driver::SdoTransfer::Outcome ToObserve(Outcome outcome) {
     case Outcome::kTimedOut:
       return Observed::kSilent;
     case Outcome::kRefused:
-      return Observed::kRefused;
+      return response == cia301::kAbort ? Observed::kRefused : Observed::kMisanswered;
     case Outcome::kAccepted:
       break;
   }
@@ -347,6 +347,7 @@ DriverCommon::SdoOutcome DriverCommon::TransferSdo(std::uint32_t can_id, std::ui
                                                    std::uint32_t data,
                                                    std::uint32_t* response_data) {
   *response_data = 0;
+  std::uint8_t response = 0;
   const auto transfer = [&] {
     const std::uint32_t response_id = can_id - kSdoResponseOffset;
     const OnlyHearing the_response(*this, response_id);
@@ -354,7 +355,6 @@ DriverCommon::SdoOutcome DriverCommon::TransferSdo(std::uint32_t can_id, std::ui
     if (!SdoWrite(can_id, command, index, sub_index, data)) {
       return SdoOutcome::kNotSent;
     }
-    std::uint8_t response = 0;
     if (!WaitSdoResponse(response_id, index, sub_index, &response, response_data)) {
       return SdoOutcome::kTimedOut;
     }
@@ -363,7 +363,7 @@ DriverCommon::SdoOutcome DriverCommon::TransferSdo(std::uint32_t can_id, std::ui
   const SdoOutcome outcome = transfer();
   if (motor_driver::SdoObserver* const observer = motor_driver::CurrentSdoObserver()) {
     observer->Finished(
-        {can_id, command, index, sub_index, data, ToObserve(outcome), *response_data});
+        {can_id, command, index, sub_index, data, ToObserve(outcome, response), *response_data});
   }
   return outcome;
 }

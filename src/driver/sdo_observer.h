@@ -9,7 +9,8 @@
 namespace motor_driver {
 
 struct SdoTransfer {
-  enum class Outcome { kNotSent, kSilent, kRefused, kAccepted };
+  // kMisanswered: what came was the answer to an earlier request of the object, which was late.
+  enum class Outcome { kNotSent, kSilent, kMisanswered, kRefused, kAccepted };
 
   std::uint32_t can_id = 0;  // of the request, 0x600 + node
   std::uint8_t command = 0;  // of the request

@@ -26,7 +26,8 @@ constexpr std::uint8_t kUpload = 0x40;
 constexpr std::uint8_t kDownload2 = 0x2B;
 
 std::string Words(const SdoTransfer& transfer) {
-  static constexpr const char* kOutcomes[] = {"not sent", "silent", "refused", "accepted"};
+  static constexpr const char* kOutcomes[] = {"not sent", "silent", "misanswered", "refused",
+                                              "accepted"};
   char text[100];
   std::snprintf(text, sizeof(text), "%03X %02X %04X:%02X %08X: %s, %08X", transfer.can_id,
                 transfer.command, transfer.index, transfer.sub_index, transfer.value,
@@ -53,6 +54,20 @@ class Observer : public SdoObserver {
 using Heard = std::vector<std::string>;
 
 class SdoObserverTest : public bus::BusTest {};
+
+TEST_F(SdoObserverTest, CallsTheLateAnswerToAnotherRequestNoRefusal) {
+  const Heard expected = {"601 40 6040:00 00000000: misanswered, 0000000F"};
+  EXPECT_EQ(UpToThreeTimes(expected,
+                           [] {
+                             bus::FarEnd drive;
+                             drive.Expect("601#4040600000000000").Reply("581#604060000F000000");
+                             ObservedDriver driver("can0");
+                             const Observer observer;
+                             driver.SdoWriteWithFeedback(0x601, kUpload, 0x6040, 0, 0);
+                             return observer.heard;
+                           }),
+            expected);
+}
 
 TEST_F(SdoObserverTest, HearsOfAnAcceptedWrite) {
   const Heard expected = {"601 2B 6040:00 0000000F: accepted, 00000000"};
