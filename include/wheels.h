@@ -98,7 +98,8 @@ class MOTOR_DRIVER_WHEELS_EXPORT Wheels {
   /// steps: true ends with kInterrupted. An exception of either ends likewise and comes out.
   /// True: kReady. False: GetReport() tells why; the state is kOff when nothing was enabled, kFault
   /// with zeros flowing otherwise. In kReady true at once, sending nothing; in kRunning, kStopping
-  /// and kFault false. Takes some 0.5 s per node; at most 5 s more for each that does not answer.
+  /// and kFault false. Takes some 0.5 s per node and up to a third of heartbeat_timeout; at most 5
+  /// s more for each that does not answer.
   bool BringUp(const std::function<void(const std::string&)>& progress = {},
                const std::function<bool()>& cancelled = {});
 

@@ -106,7 +106,11 @@ Trouble BringUp::Run(const std::vector<bool>& concerned) {
 
 Trouble BringUp::Wake(std::size_t node) {
   drives_.SetWaking(true);
-  const bool woken = drives_.drive().ActiveNode(Id(node));
+  bool woken = drives_.drive().ActiveNode(Id(node));
+  if (!woken && !drives_.BusFailed()) {
+    drives_.LeaveStopped(node);
+    woken = drives_.drive().IsActived(Id(node));
+  }
   drives_.drive().ClearCanFilterRules();
   drives_.SetWaking(false);
   if (Trouble bus = drives_.BusTrouble()) {
@@ -152,6 +156,9 @@ Trouble BringUp::ConfirmZero(std::size_t node) {
     }
     if (last_.outcome == Outcome::kRefused && ++refusals == kAttempts) {
       return Refused(node, "zero target velocity is refused, so nothing was enabled");
+    }
+    if (last_.outcome == Outcome::kSilent && !drives_.TakesCommands(node)) {
+      drives_.LeaveStopped(node);
     }
     surroundings_.Wait(kPause);
   }

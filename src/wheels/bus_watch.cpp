@@ -7,6 +7,7 @@ namespace motor_driver {
 namespace {
 
 constexpr std::uint8_t kEmergencySize = 8;
+constexpr auto kFreshReport = std::chrono::milliseconds(200);
 
 }  // namespace
 
@@ -56,11 +57,22 @@ void BusWatch::TakeHeartbeat(Watched& node, const CanFrame& frame) {
   }
   node.heard.nmt_state = frame.data[0];
   ++node.heard.heartbeats;
+  if (node.heard.nmt_state != kOperational) {
+    ++node.heard.absences;
+    node.heard.absent_state = node.heard.nmt_state;
+  }
   if (node.heard.nmt_state == kBootUp) {
     ++node.heard.boot_ups;
     for (Odometry& motor : node.motors) {
       motor.CounterRestarts();
     }
+  }
+}
+
+void BusWatch::NoteError(Watched& node, std::uint16_t code) {
+  if (code != 0) {
+    ++node.heard.errors;
+    node.heard.latest_error = code;
   }
 }
 
@@ -89,6 +101,7 @@ bool BusWatch::TakeStatus(Watched& node, const CanFrame& frame) const {
     if (has_error) {
       node.heard.error_codes[motor] =
           little_endian::Load16(frame.data + make_.error_code.offset + 2 * motor);
+      NoteError(node, node.heard.error_codes[motor]);
     }
     if (has_statusword) {
       node.heard.has_statusword = true;
@@ -104,6 +117,7 @@ bool BusWatch::TakeEmergency(Watched& node, const CanFrame& frame) const {
     return false;
   }
   node.heard.emergency_code = little_endian::Load16(frame.data);
+  NoteError(node, node.heard.emergency_code);
   return true;
 }
 
@@ -127,7 +141,10 @@ HeardOfMotor BusWatch::Motor(std::size_t node, std::size_t motor) const {
 
 bool BusWatch::StandsSince(std::size_t node, std::size_t motor, Clock::time_point since) const {
   const std::lock_guard<PriorityMutex> lock(mutex_);
-  return nodes_[node].motors[motor].StandsSince(since);
+  const Odometry& odometry = nodes_[node].motors[motor];
+  return odometry.heard() &&
+         Clock::now() - odometry.latest_arrival() <= kFreshReport + 2 * period_ &&
+         odometry.StandsSince(since);
 }
 
 void BusWatch::Forget(std::size_t node, bool restarts) {
@@ -138,6 +155,8 @@ void BusWatch::Forget(std::size_t node, bool restarts) {
   heard.heartbeats = counts.heartbeats;
   heard.boot_ups = counts.boot_ups;
   heard.reports = counts.reports;
+  heard.absences = counts.absences;
+  heard.errors = counts.errors;
   if (restarts) {
     for (Odometry& motor : nodes_[node].motors) {
       motor.CounterRestarts();

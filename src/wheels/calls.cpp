@@ -13,6 +13,8 @@ using std::chrono::milliseconds;
 
 constexpr auto kRecoveryTime = std::chrono::seconds(1);
 constexpr auto kPause = milliseconds(20);
+// Any longer one is as good, and overflows no clock.
+constexpr milliseconds kLongestStop = std::chrono::hours(24);
 // How often a host is asked whether it has enough.
 constexpr auto kBetweenQuestions = milliseconds(20);
 
@@ -46,7 +48,8 @@ bool Control::Clear() {
 }
 
 bool Control::Stop(milliseconds limit) {
-  return CurrentState() == State::kOff || Ask(Job::kStop, limit, {}, {});
+  return CurrentState() == State::kOff ||
+         Ask(Job::kStop, std::clamp(limit, milliseconds(0), kLongestStop), {}, {});
 }
 
 void Control::Release() {
@@ -207,6 +210,7 @@ Trouble Control::ClearFault() {
 }
 
 std::vector<bool> Control::NodesConcerned(motor_driver::BringUp& bring_up) {
+  const int faulty = GetReport().node;
   std::vector<bool> concerned(drives_.nodes().size(), !was_ready_);
   for (std::size_t node = 0; node < concerned.size(); ++node) {
     concerned[node] = concerned[node] || !drives_.TakesCommands(node);
@@ -219,8 +223,10 @@ std::vector<bool> Control::NodesConcerned(motor_driver::BringUp& bring_up) {
       concerned[node] = status != DriverStatus::Ready;
     }
     if (!concerned[node]) {
-      concerned[node] = judge_.Gone(node) || drives_.watch().Node(node).ErrorCode() != 0 ||
-                        bring_up.LookAtDrive(node);
+      // What it was set up for may be gone though it looks well: it restarted, or PDOs are not
+      // what they were.
+      concerned[node] = drives_.nodes()[node].id == faulty || judge_.Gone(node) ||
+                        drives_.watch().Node(node).ErrorCode() != 0 || bring_up.LookAtDrive(node);
     }
   }
   return concerned;

@@ -196,6 +196,11 @@ void Control::Move(const Speeds& goals) {
 }
 
 void Control::SendTargets() {
+  for (std::size_t node = 0; node < drives_.nodes().size(); ++node) {
+    // Somebody may have changed what PDOs the drive takes.
+    const bool zeroed = CurrentState() == State::kFault && zero_since_;
+    drives_.SetUnheeding(node, zeroed && !Stands(node));
+  }
   drives_.Send(motor_rpm_);
   const bool zero =
       std::all_of(target_rpm_.begin(), target_rpm_.end(), [](double rpm) { return rpm == 0; });
@@ -255,11 +260,18 @@ bool Control::Standing() const {
     return false;
   }
   for (std::size_t node = 0; node < drives_.nodes().size(); ++node) {
-    for (std::size_t motor = 0; motor < kMaxMotors; ++motor) {
-      if (drives_.nodes()[node].wheels[motor] && !drives_.make().simulated &&
-          !drives_.watch().StandsSince(node, motor, *zero_since_)) {
-        return false;
-      }
+    if (!Stands(node)) {
+      return false;
+    }
+  }
+  return true;
+}
+
+bool Control::Stands(std::size_t node) const {
+  for (std::size_t motor = 0; motor < kMaxMotors; ++motor) {
+    if (drives_.nodes()[node].wheels[motor] && !drives_.make().simulated &&
+        !drives_.watch().StandsSince(node, motor, *zero_since_)) {
+      return false;
     }
   }
   return true;

@@ -97,6 +97,7 @@ class Control final : private Surroundings {
   void SendTargets();
   void Settle();
   bool Standing() const;
+  bool Stands(std::size_t node) const;
   void NotifyAlive();
 
   State CurrentState() const { return state_; }

@@ -94,7 +94,8 @@ void Drives::Send(const std::vector<MotorRpm>& rpm) {
     if (commanded_[node].takes_commands) {
       make_.command(*drive_, nodes_[node].id, rpm[node]);
     }
-    if (!make_.simulated && (commanded_[node].deaf || !commanded_[node].takes_commands)) {
+    const Commanded& commanded = commanded_[node];
+    if (!make_.simulated && (commanded.deaf || commanded.unheeding || !commanded.takes_commands)) {
       ZeroByObject(node);
     }
   }
@@ -142,10 +143,18 @@ void Drives::ZeroByObject(std::size_t node) {
     return;
   }
   commanded_[node].zeroed = now;
+  if (watch_.Node(node).nmt_state == kStopped) {
+    LeaveStopped(node);
+  }
   for (const Object& target : make_.targets) {
     drive_->SdoWrite(cia301::kSdoRequest + nodes_[node].id, make_.target_command, target.index,
                      target.sub_index, 0);
   }
+}
+
+void Drives::LeaveStopped(std::size_t node) {
+  const std::uint8_t command[] = {cia301::kEnterPreOperational, nodes_[node].id};
+  drive_->WriteData(cia301::kNmt, command, sizeof(command));
 }
 
 bool Drives::Sent() const {

@@ -64,7 +64,7 @@ class Drives {
   bool AnyTakesCommands() const;
 
   // Speeds of every node that takes them, in rpm of the motors; zeros besides by SDO, not
-  // confirmed, to those that do not hear PDOs now.
+  // confirmed, to those that do not hear PDOs now or do not heed them.
   void Send(const std::vector<MotorRpm>& rpm);
   void SendZeros();
   // Zeros to the nodes that take speeds, and nothing else: for the time of a bring-up.
@@ -75,6 +75,12 @@ class Drives {
 
   // The node does not hear PDOs, as far as is known.
   void SetDeaf(std::size_t node, bool deaf) { commanded_[node].deaf = deaf; }
+
+  // Speeds by PDO do not stop the node, as far as is seen.
+  void SetUnheeding(std::size_t node, bool unheeding) { commanded_[node].unheeding = unheeding; }
+
+  // A node that another master stopped serves nothing: made pre-operational, it serves SDOs again.
+  void LeaveStopped(std::size_t node);
 
   // Whether everything sent last has gone out.
   bool Sent() const;
@@ -91,6 +97,7 @@ class Drives {
   struct Commanded {
     bool takes_commands = false;
     bool deaf = false;
+    bool unheeding = false;
     Clock::time_point zeroed;  // by SDO, last
   };
 

@@ -38,7 +38,12 @@ Judge::Judge(Drives& drives)
     : drives_(drives), silences_(drives.nodes().size()), off_(drives.vehicle().wheels.size()) {}
 
 void Judge::Restart() {
-  std::fill(silences_.begin(), silences_.end(), Silence());
+  for (std::size_t node = 0; node < silences_.size(); ++node) {
+    const HeardOfNode heard = drives_.watch().Node(node);
+    silences_[node] = {};
+    silences_[node].absences = heard.absences;
+    silences_[node].errors = heard.errors;
+  }
   std::fill(off_.begin(), off_.end(), nanoseconds(0));
 }
 
@@ -94,11 +99,14 @@ Trouble Judge::LookAtNode(std::size_t node) const {
   if (heard.ErrorCode() != 0) {
     return DriveErrorTrouble(drives_, node, heard.ErrorCode());
   }
-  if (silence.left) {
+  if (heard.errors != silence.errors) {
+    return DriveErrorTrouble(drives_, node, heard.latest_error);
+  }
+  if (silence.left || heard.absences != silence.absences) {
     return {Fault::kNodeRestarted, which.id,
             fmt::format("{} is not operational any more (NMT state 0x{:02X}): did it restart, or "
                         "did another program stop it?",
-                        which.name(), heard.nmt_state)};
+                        which.name(), heard.absent_state)};
   }
   if (!IsSupervisedReady(drives_, node)) {
     return SupervisionTrouble(drives_, node);

@@ -42,6 +42,8 @@ class Judge {
     bool blind = false;   // no reports
     std::uint32_t heartbeats = 0;
     std::uint32_t reports = 0;
+    std::uint32_t absences = 0;  // when counting began
+    std::uint32_t errors = 0;    // likewise
     std::chrono::nanoseconds without_heartbeat{0};
     std::chrono::nanoseconds without_report{0};
     std::chrono::nanoseconds disabled{0};  // for as long as its status PDO says so

@@ -1,6 +1,7 @@
 // The end of a bring-up: nothing counts but what is observed.
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <utility>
 
 #include "driver/canopen.h"
@@ -14,7 +15,7 @@ using std::chrono::milliseconds;
 
 constexpr auto kSupervisionTime = std::chrono::seconds(3);
 constexpr auto kEnableTime = std::chrono::seconds(1);
-constexpr auto kMotionlessTime = std::chrono::seconds(5);
+constexpr auto kMotionlessTime = std::chrono::seconds(5);  // or longer, for a heartbeat of each
 constexpr auto kPause = milliseconds(20);
 constexpr std::uint32_t kReportsWanted = 3;
 
@@ -111,6 +112,8 @@ Trouble BringUp::StatusTrouble(std::size_t node, std::optional<std::uint32_t> st
 Trouble BringUp::AwaitMotionless() {
   drives_.SendsHeartbeat(drives_.vehicle().drive_watchdog.count() != 0);
   const auto begin = Clock::now();
+  const auto deadline =
+      begin + std::max<Clock::duration>(kMotionlessTime, drives_.vehicle().heartbeat_timeout / 2);
   std::vector<std::uint32_t> reports;
   for (std::size_t node = 0; node < NodeCount(); ++node) {
     reports.push_back(drives_.watch().Node(node).reports);
@@ -139,7 +142,7 @@ Trouble BringUp::AwaitMotionless() {
     if (drives_.BusFailed()) {
       return drives_.BusTrouble();
     }
-    if (Clock::now() >= begin + kMotionlessTime) {
+    if (Clock::now() >= deadline) {
       return trouble;
     }
     surroundings_.Wait(drives_.vehicle().period);
