@@ -198,6 +198,11 @@ Trouble BringUp::SetUp(std::size_t node) {
     if (surroundings_.Cancelled()) {
       return Interrupted();
     }
+    // Once more: hardly anything but the answers to transfers is heard meanwhile, so that it may
+    // have restarted unnoticed.
+    if (Trouble trouble = ConfirmZero(node)) {
+      return trouble;
+    }
     failures_.clear();
     failures = drives_.drive().EnableSpeedModeAndPdoMode(Id(node), PeriodMs());
     if (failures == 0 || refused() || drives_.BusFailed()) {

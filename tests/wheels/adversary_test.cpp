@@ -241,4 +241,27 @@ TEST_P(AdversaryTest, AFullBusHoldsNoDestructorUp) {
 INSTANTIATE_TEST_SUITE_P(Makes, AdversaryTest, ::testing::ValuesIn(wire::DriveMakes()),
                          NameOfMake<wire::DriveMake>);
 
+// While its error is looked at, for 100 ms, its boot-up message is not heard. Its target comes back
+// with its power, as a drive restores it that stores it.
+TEST_F(WheelsTest, ARestartJustBeforeTheSetUpTurnsNoWheel) {
+  const wire::DriveMake& make = MakeByName("hls");
+  SimulatedDrives drives(make);
+  bus::FarEnd bus_record;
+  Wheels wheels(TwoWheels(make));
+  std::thread restart;
+  wheels.BringUp([&](const std::string& step) {
+    if (step == "node 2: set-up") {
+      restart = std::thread([&] {
+        std::this_thread::sleep_for(milliseconds(50));
+        drives[2].PowerCut();
+        drives[2].PowerOn();
+        drives.WriteTarget(2, 60);
+      });
+    }
+  });
+  restart.join();
+  EXPECT_EQ(drives[2].Position(), 0);
+  wire::ExpectZeroConfirmedFirst(make, TwoNodes(), bus_record.Records());
+}
+
 }  // namespace

@@ -49,21 +49,22 @@ std::vector<Script> Scripts() {
   const Frames reset = {"000#8101", "000#8001"};
   const Frames start = {"000#0101"};
   const Frames zero = {"601#23FF600000000000"};
+  const Frames two_zeros = {"601#23FF600100000000", "601#23FF600200000000"};
   const Frames error = {"601#403F600000000000"};
   // Two makes are asked with another command, which their drives take.
   const Frames odd_error = {"601#433F600000000000"};
   // A third of 300 ms, read back.
   const Frames heartbeat = {"601#2B17100064000000", "601#4017100000000000"};
   const Frames is_awake = {"601#4040600000000000"};
-  const Frames tt = Joined({FramesOf(tt_script::WholeSetUp()), heartbeat, start});
+  const Frames tt = Joined({zero, FramesOf(tt_script::WholeSetUp()), heartbeat, start});
   return {
       {"zl",
        "zl",
        false,
        {},
        reset,
-       {"601#23FF600100000000", "601#23FF600200000000"},
-       Joined({odd_error, FramesOf(zl_script::WholeSetUp()), heartbeat, start})},
+       two_zeros,
+       Joined({odd_error, two_zeros, FramesOf(zl_script::WholeSetUp()), heartbeat, start})},
       {"tt", "tt", false, is_awake, reset, zero, tt},
       {"tt_asleep", "tt", true, Joined({is_awake, {"001#1010"}}), reset, zero, tt},
       {"hls",
@@ -72,7 +73,7 @@ std::vector<Script> Scripts() {
        {},
        {},
        zero,
-       Joined({odd_error, FramesOf(hls_script::WholeSetUp()), heartbeat, start})},
+       Joined({odd_error, zero, FramesOf(hls_script::WholeSetUp()), heartbeat, start})},
       {"amps",
        "amps",
        false,
@@ -89,6 +90,7 @@ std::vector<Script> Scripts() {
        Joined({start,
                {"601#2B4060000F000000"},
                error,
+               zero,
                FramesOf(kinco_script::WholeSetUp()),
                heartbeat})},
   };
