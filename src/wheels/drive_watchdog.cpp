@@ -47,20 +47,4 @@ void BringUp::EndWatchdog(std::size_t node) {
   }
 }
 
-bool BringUp::WriteAndReadBack(std::size_t node, std::uint8_t command, const Object& object,
-                               std::uint32_t value) {
-  for (int attempt = 0; attempt < kAttempts; ++attempt) {
-    std::uint32_t read = 0;
-    if (!Write(node, command, object, value)) {
-      if (last_.outcome == Outcome::kRefused) {
-        return false;
-      }
-    } else if (Read(node, object, read)) {
-      const std::uint32_t mask = command == cia301::kDownload2 ? 0xFFFF : 0xFFFFFFFF;
-      return (read & mask) == value;
-    }
-  }
-  return false;
-}
-
 }  // namespace motor_driver
