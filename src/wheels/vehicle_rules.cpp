@@ -40,6 +40,17 @@ Problem CheckPositive(const std::string& key, double value, double most) {
   return VehicleProblem{key, fmt::format("{} is not above 0 and at most {}", value, most)};
 }
 
+// What the make takes for a speed, in rpm of the motor: more would come out as another speed.
+double HighestMotorRpm(const Vehicle& vehicle, const Make& make) {
+  constexpr double kHighestUnits = 2147483647.0;
+  if (!make.counts_are_configured) {
+    return make.max_motor_rpm;
+  }
+  const double units_per_rpm =
+      make.velocity_units_per_rpm * static_cast<double>(vehicle.counts_per_revolution);
+  return std::floor(kHighestUnits / units_per_rpm);
+}
+
 Problem CheckTimes(const Vehicle& vehicle) {
   constexpr long kLongestTimeout = 60'000;
   const long period = vehicle.period.count();
@@ -106,12 +117,13 @@ Problem CheckWheel(const Vehicle& vehicle, const Make& make, std::size_t number)
     return problem;
   }
   const double fastest = vehicle.max_rpm * wheel.gear_ratio;
-  if (fastest > make.max_motor_rpm) {
+  const double highest = HighestMotorRpm(vehicle, make);
+  if (fastest > highest) {
     return VehicleProblem{
         "max_rpm", fmt::format("{} x gear_ratio {} of wheel {} is {} rpm of the motor, a {} "
                                "takes at most {}",
                                vehicle.max_rpm, wheel.gear_ratio, Quoted(wheel.name), fastest,
-                               make.name, make.max_motor_rpm)};
+                               make.name, highest)};
   }
   for (std::size_t other = 0; other < number; ++other) {
     if (vehicle.wheels[other].name == wheel.name) {

@@ -272,6 +272,12 @@ TEST_F(VehicleFileTest, KnowsHowFastTheMotorOfAMakeMayTurn) {
     return Refusal("make: " + make + "\nwheels: [{name: a, gear_ratio: " + ratio +
                    "}]\nmax_rpm: " + rpm + "\n");
   };
+  // 32 bits of 512 x 10000 / 1875 units per rpm.
+  EXPECT_EQ(refusal("kinco", "786431", "1"), "taken");
+  EXPECT_EQ(
+      refusal("kinco", "786432", "1"),
+      "3:1: max_rpm: 786432 x gear_ratio 1 of wheel \"a\" is 786432 rpm of the motor, a kinco "
+      "takes at most 786431");
   EXPECT_EQ(refusal("amps", "32767", "1"), "taken");
   EXPECT_EQ(refusal("amps", "32768", "1"), "3:1: max_rpm: 32768 is not above 0 and at most 32767");
   EXPECT_EQ(refusal("amps", "3276.7", "10"), "taken");
