@@ -73,7 +73,9 @@ struct SetUpFailure;  // for programs that show every write that was not taken
 /// class exists, what the library writes to standard output and to its log is written by a thread
 /// of its own; what cannot be written in time is dropped and counted there.
 ///
-/// Threads: BringUp(), Stop() and Clear() are for one thread at a time; a second call waits.
+/// Threads: BringUp(), Stop() and Clear() are for one thread at a time; a second call waits, for
+/// itself when it is made from `progress` or `cancelled`. Not for a forked child: it has no control
+/// thread.
 /// Everything else may be called from any thread at any time. One object per CAN interface and
 /// process.
 class MOTOR_DRIVER_WHEELS_EXPORT Wheels {
