@@ -20,7 +20,6 @@ constexpr int kAttempts = 3;
 
 constexpr Object kHeartbeatTime = {cia301::kProducerHeartbeatTime, 0};
 constexpr Object kEventTimer = {cia301::kTpdo1Communication, cia301::kPdoEventTimer};
-constexpr Object kStatusword = {cia402::kStatusword, 0};
 
 }  // namespace
 

@@ -210,7 +210,8 @@ Trouble Control::ClearFault() {
 }
 
 std::vector<bool> Control::NodesConcerned(motor_driver::BringUp& bring_up) {
-  const int faulty = GetReport().node;
+  const Report report = GetReport();
+  const int faulty = report.fault == Fault::kEmergencyStop ? 0 : report.node;
   std::vector<bool> concerned(drives_.nodes().size(), !was_ready_);
   for (std::size_t node = 0; node < concerned.size(); ++node) {
     concerned[node] = concerned[node] || !drives_.TakesCommands(node);
