@@ -49,7 +49,7 @@ class [[gnu::visibility("hidden")]] Stopper::Impl final : private SdoObserver {
     }
   }
 
-  ~Impl() = default;
+  ~Impl() override = default;
   Impl(const Impl&) = delete;
   Impl& operator=(const Impl&) = delete;
 
