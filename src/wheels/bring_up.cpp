@@ -150,6 +150,7 @@ Trouble BringUp::ConfirmZero(std::size_t node) {
     if (std::all_of(targets.begin(), targets.end(), [&](const Object& target) {
           return Write(node, drives_.make().target_command, target, 0);
         })) {
+      reset_[node] = false;  // it answers: nothing is waited for the next time
       return {};
     }
     if (last_.outcome == Outcome::kRefused && ++refusals == kAttempts) {

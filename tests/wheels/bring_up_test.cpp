@@ -220,6 +220,20 @@ INSTANTIATE_TEST_SUITE_P(Makes, ResettingMakesTest,
                          ::testing::Values(MakeByName("zl"), MakeByName("tt"), MakeByName("amps")),
                          NameOfMake<wire::DriveMake>);
 
+// Its boot-up message is lost: it is waited for, 2 s for each node, but only once.
+TEST_F(WheelsTest, ABootUpThatIsNotHeardIsWaitedForOnce) {
+  const wire::DriveMake& make = MakeByName("amps");
+  ScriptedNodes::Options options;
+  options.boot_time = std::chrono::hours(1);
+  ScriptedNodes scripted(make, TwoNodes(), options);
+  Wheels wheels(TwoWheels(make));
+  const auto begin = bus::Clock::now();
+  EXPECT_TRUE(BroughtUp(wheels)) << wheels.GetReport().reason;
+  const auto took = bus::Clock::now() - begin;
+  EXPECT_GT(took, std::chrono::seconds(4));
+  EXPECT_LT(took, milliseconds(7500));
+}
+
 class SupervisedBringUpTest : public WheelsTest {};
 
 // Its supervision would lead drives that report a released emergency stop back to motion.
