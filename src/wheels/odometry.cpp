@@ -9,8 +9,7 @@ namespace {
 using Milliseconds = std::chrono::duration<double, std::milli>;
 
 constexpr double kSpeedWindowMs = 100;
-constexpr double kStandingWindowMs = 200;
-constexpr double kStandingRpm = 1.0;
+constexpr double kStandingWindowMs = Milliseconds(kStandingTime).count();
 constexpr double kMsPerMinute = 60'000;
 
 // No wheel motor is faster. A longer way is a counter that began anew unheard.

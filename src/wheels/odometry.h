@@ -9,6 +9,10 @@
 
 namespace motor_driver {
 
+// Standstill: less than this, over this time.
+constexpr double kStandingRpm = 1.0;  // of the motor
+constexpr auto kStandingTime = std::chrono::milliseconds(200);
+
 class Odometry {
  public:
   using Clock = std::chrono::steady_clock;

@@ -21,16 +21,7 @@ using Clock = std::chrono::steady_clock;
 using IsCancelled = std::function<bool()>;
 using std::chrono::milliseconds;
 
-constexpr auto kStandingTime = milliseconds(200);
-constexpr double kStandingRpm = 1.0;
 constexpr double kMinutesPerMs = 1.0 / 60'000;
-
-const Vehicle& Checked(const Vehicle& vehicle) {
-  if (const auto problem = FindProblem(vehicle)) {
-    throw VehicleError(problem->key + ": " + problem->text);
-  }
-  return vehicle;
-}
 
 }  // namespace
 

@@ -171,4 +171,11 @@ std::optional<VehicleProblem> FindProblem(const Vehicle& vehicle) {
   return problem;
 }
 
+const Vehicle& Checked(const Vehicle& vehicle) {
+  if (const auto problem = FindProblem(vehicle)) {
+    throw VehicleError(problem->key + ": " + problem->text);
+  }
+  return vehicle;
+}
+
 }  // namespace motor_driver

@@ -15,6 +15,9 @@ struct VehicleProblem {
 
 std::optional<VehicleProblem> FindProblem(const Vehicle& vehicle);
 
+// The vehicle, or a VehicleError.
+const Vehicle& Checked(const Vehicle& vehicle);
+
 // In quotes and fit for one line, whatever it holds: "can0".
 std::string Quoted(const std::string& text);
 

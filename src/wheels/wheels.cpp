@@ -47,13 +47,6 @@ class InterfaceClaim {
   std::string name_;
 };
 
-Vehicle Checked(const Vehicle& vehicle) {
-  if (const auto problem = FindProblem(vehicle)) {
-    throw VehicleError(problem->key + ": " + problem->text);
-  }
-  return vehicle;
-}
-
 // Only what can be said at once: standard error may be a terminal that is held.
 void SayAtOnce(const std::string& line) {
   pollfd error = {STDERR_FILENO, POLLOUT, 0};
