@@ -1,11 +1,10 @@
 #include "amps_driver.h"
 
 #include <array>
-#include <atomic>
 
 #include "canopen.h"
-#include "little_endian.h"
-#include "motion.h"
+#include "feedback.h"
+#include "filter_scope.h"
 #include "sdo_sequence.h"
 
 namespace {
@@ -16,7 +15,7 @@ constexpr std::uint8_t kVelocityCommandSub = 9;
 constexpr std::uint16_t kObject4700 = 0x4700;
 
 constexpr std::uint32_t kCountsPerRevolution = 4096;
-constexpr std::uint8_t kLastDecodedNode = 2;
+constexpr std::size_t kPositionOffset = 4;  // in TPDO1
 
 using u8 = std::uint8_t;
 using u16 = std::uint16_t;
@@ -35,13 +34,7 @@ constexpr std::array<SdoStep, 2> PdoSetUp(std::uint16_t period_ms) {
 }
 // clang-format on
 
-// Nodes 1 and 2, once for the whole process: deliberate, see the class comment.
-std::atomic<std::uint32_t> g_previous_position[kLastDecodedNode];
-
-void HearOnly(DriverCan& can, std::uint32_t can_id) {
-  const std::uint32_t filter[] = {can_id, cia301::kBaseIdMask};
-  can.CanFiltersConfig(filter, sizeof(filter));
-}
+OneMotorFeedback g_feedback(1, 2, kPositionOffset);
 
 }  // namespace
 
@@ -74,21 +67,7 @@ bool AMPSDriver::SetSpeed(std::uint8_t node, int speed) {
 }
 
 bool AMPSDriver::GetSpeed(std::uint8_t& node, double& rpm, int& counts) {
-  CanFrame frame = {};
-  if (!GetCanFrame(frame)) {
-    node = 0;
-    rpm = 0.0;
-    counts = 0;
-    return false;
-  }
-  if (frame.can_id == cia301::kTpdo1 + 1 || frame.can_id == cia301::kTpdo1 + 2) {
-    node = static_cast<std::uint8_t>(frame.can_id - cia301::kTpdo1);
-    const std::uint32_t position = little_endian::Load32(frame.data + 4);
-    counts = static_cast<int>(position);
-    rpm = motion::Rpm(position, g_previous_position[node - 1].exchange(position),
-                      kCountsPerRevolution, pdo_period_);
-  }
-  return true;
+  return g_feedback.Take(*this, kCountsPerRevolution, pdo_period_, node, rpm, counts);
 }
 
 bool AMPSDriver::CheckStatus(std::uint8_t) { return true; }
@@ -100,9 +79,7 @@ std::uint32_t AMPSDriver::GetNumberOfPulsesPerRevolution() { return kCountsPerRe
 bool AMPSDriver::Init(std::uint8_t node1, std::uint8_t node2, std::uint16_t period_ms) {
   EnableSpeedModeAndPdoMode(node1, period_ms);
   EnableSpeedModeAndPdoMode(node2, period_ms);
-  const std::uint32_t filters[] = {cia301::kTpdo1 + node1, cia301::kBaseIdMask,
-                                   cia301::kTpdo1 + node2, cia301::kBaseIdMask};
-  CanFiltersConfig(filters, sizeof(filters));
+  HearOnly(*this, cia301::kTpdo1 + node1, cia301::kTpdo1 + node2);
   ClearReadQueue();
   return true;
 }

@@ -1,14 +1,13 @@
 #include "hls_driver.h"
 
 #include <array>
-#include <atomic>
 
 #include "canopen.h"
+#include "feedback.h"
 #include "filter_scope.h"
 #include "little_endian.h"
 #include "log/console.h"
 #include "log/logger.h"
-#include "motion.h"
 #include "sdo_sequence.h"
 
 namespace {
@@ -33,7 +32,6 @@ constexpr std::uint8_t kReadErrorCommand = 0x43;  // deliberate: this make answe
 constexpr int kAttempts = 10;
 constexpr std::uint32_t kStatusReady = 0x37;
 constexpr std::uint32_t kStartedNode = 2;
-constexpr std::uint32_t kDecodedPdos = 2;
 
 using u8 = std::uint8_t;
 using u16 = std::uint16_t;
@@ -76,8 +74,7 @@ constexpr std::array<SdoStep, 16> PdoSetUp(std::uint16_t period_ms) {
 }
 // clang-format on
 
-// Identifiers 0x180 and 0x181, once for the whole process: deliberate, see the class comment.
-std::atomic<std::uint32_t> g_previous_position[kDecodedPdos];
+OneMotorFeedback g_feedback(0, 1);
 
 std::uint16_t ParameterIndex(std::uint8_t node, std::uint16_t address) {
   return static_cast<std::uint16_t>((node & kAxisMask) * kAxisStride + address);
@@ -158,19 +155,8 @@ bool HlsDriver::SetSpeed(std::uint8_t node, int speed) {
 }
 
 bool HlsDriver::GetSpeed(std::uint8_t& node, double& rpm, int& counts) {
-  CanFrame frame = {};
-  if (!GetCanFrame(frame)) {
-    node = 0;
-    rpm = 0.0;
-    counts = 0;
+  if (!g_feedback.Take(*this, kCountsPerRevolution, pdo_period_, node, rpm, counts)) {
     return false;
-  }
-  if (frame.can_id == cia301::kTpdo1 || frame.can_id == cia301::kTpdo1 + 1) {
-    node = static_cast<std::uint8_t>(frame.can_id - cia301::kTpdo1);
-    const std::uint32_t position = little_endian::Load32(frame.data);
-    counts = static_cast<int>(position);
-    rpm = motion::Rpm(position, g_previous_position[node].exchange(position), kCountsPerRevolution,
-                      pdo_period_);
   }
   // Also after a foreign frame, where it turns the caller's value: deliberate.
   rpm = -rpm;

@@ -2,13 +2,12 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 
 #include "canopen.h"
+#include "feedback.h"
 #include "filter_scope.h"
 #include "little_endian.h"
 #include "log/logger.h"
-#include "motion.h"
 #include "sdo_sequence.h"
 
 namespace {
@@ -24,8 +23,6 @@ constexpr std::uint32_t kSaveSignature = 0x65766173;  // "save"
 
 constexpr std::uint32_t kCountsPerRevolution = 32768;
 constexpr std::uint16_t kHeartbeatPeriodMs = 2000;
-constexpr int kStatusAttempts = 10;
-constexpr std::uint8_t kLastDecodedNode = 2;
 
 using u8 = std::uint8_t;
 using u16 = std::uint16_t;
@@ -65,8 +62,7 @@ constexpr std::array<SdoStep, 16> PdoSetUp(std::uint8_t node, std::uint16_t peri
 }
 // clang-format on
 
-// Nodes 1 and 2, once for the whole process: deliberate, see the class comment.
-std::atomic<std::uint32_t> g_previous_position[kLastDecodedNode];
+OneMotorFeedback g_feedback(1, 2);
 
 bool IsBootUp(const CanFrame& frame) { return frame.len == 1 && frame.data[0] == cia301::kBootUp; }
 
@@ -92,8 +88,7 @@ bool TtDriver::ActiveNode(std::uint8_t node) {
   const std::uint32_t heartbeat = cia301::kHeartbeat + node;
   const std::uint32_t emergency = cia301::kEmergency + node;
   // Stay in force after the return, as the class comment says: deliberate.
-  const std::uint32_t filters[] = {heartbeat, cia301::kBaseIdMask, emergency, cia301::kBaseIdMask};
-  CanFiltersConfig(filters, sizeof(filters));
+  HearOnly(*this, heartbeat, emergency);
   if (!WriteData(node, kActivation, sizeof(kActivation))) {
     CORVEL_LOG_WARN("node{} write command failed", node);
     return false;
@@ -143,38 +138,20 @@ bool TtDriver::SetSpeed(std::uint8_t node, int speed) {
 }
 
 bool TtDriver::GetSpeed(std::uint8_t& node, double& rpm, int& counts) {
-  CanFrame frame = {};
-  if (!GetCanFrame(frame)) {
-    node = 0;
-    rpm = 0.0;
-    counts = 0;
-    return false;
-  }
-  if (frame.can_id == cia301::kTpdo1 + 1 || frame.can_id == cia301::kTpdo1 + 2) {
-    node = static_cast<std::uint8_t>(frame.can_id - cia301::kTpdo1);
-    const std::uint32_t position = little_endian::Load32(frame.data);
-    counts = static_cast<int>(position);
-    rpm = motion::Rpm(position, g_previous_position[node - 1].exchange(position),
-                      kCountsPerRevolution, pdo_period_);
-  }
-  return true;
+  return g_feedback.Take(*this, kCountsPerRevolution, pdo_period_, node, rpm, counts);
 }
 
 bool TtDriver::CheckStatus(std::uint8_t node) {
   // Stays in force after the return, as the class comment says: deliberate.
-  const std::uint32_t filter[] = {cia301::kTpdo1 + node, cia301::kBaseIdMask};
-  CanFiltersConfig(filter, sizeof(filter));
-  ClearReadQueue();
-  for (int attempt = 0; attempt < kStatusAttempts; ++attempt) {
-    CanDelayMs(10U * pdo_period_);
-    CanFrame frame = {};
-    if (GetCanFrame(frame) && frame.can_id == cia301::kTpdo1 + node) {
-      CORVEL_LOG_INFO("node{} motor works\n", node);
-      return true;
-    }
+  HearOnly(*this, cia301::kTpdo1 + node);
+  const bool reports = ReportsPosition(*this, node, pdo_period_);
+  // Both texts carry their own line end: deliberate.
+  if (reports) {
+    CORVEL_LOG_INFO("node{} motor works\n", node);
+  } else {
+    CORVEL_LOG_ERROR("node{} motor error\r\n", node);
   }
-  CORVEL_LOG_ERROR("node{} motor error\r\n", node);
-  return false;
+  return reports;
 }
 
 bool TtDriver::SaveAllParams(std::uint8_t node) {

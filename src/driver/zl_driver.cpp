@@ -4,6 +4,7 @@
 #include <atomic>
 
 #include "canopen.h"
+#include "feedback.h"
 #include "filter_scope.h"
 #include "little_endian.h"
 #include "log/console.h"
@@ -23,7 +24,6 @@ constexpr std::uint16_t kCurrentLimit2016 = 0x2016;
 
 constexpr std::uint32_t kCountsPerRevolution = 4096;
 constexpr std::uint16_t kHeartbeatPeriodMs = 2000;
-constexpr int kStatusAttempts = 10;
 
 constexpr std::uint8_t kReadErrorCommand = 0x43;  // deliberate: this make answers it as an upload
 
@@ -181,18 +181,14 @@ bool ZlDriver::GetSpeed(std::uint8_t&, double& rpm1, int& counts1, double& rpm2,
 
 bool ZlDriver::CheckStatus(std::uint8_t node) {
   const OnlyHearing tpdo1(*this, cia301::kTpdo1 + node);
-  ClearReadQueue();
-  for (int attempt = 0; attempt < kStatusAttempts; ++attempt) {
-    CanDelayMs(10U * pdo_period_);
-    CanFrame frame = {};
-    if (GetCanFrame(frame) && frame.can_id == cia301::kTpdo1 + node) {
-      // Both texts carry their own line end: deliberate.
-      CORVEL_LOG_INFO("node{} motor works\n", node);
-      return true;
-    }
+  const bool reports = ReportsPosition(*this, node, pdo_period_);
+  // Both texts carry their own line end: deliberate.
+  if (reports) {
+    CORVEL_LOG_INFO("node{} motor works\n", node);
+  } else {
+    CORVEL_LOG_ERROR("node{} motor error\r\n", node);
   }
-  CORVEL_LOG_ERROR("node{} motor error\r\n", node);
-  return false;
+  return reports;
 }
 
 bool ZlDriver::SaveAllParams(std::uint8_t node) {
