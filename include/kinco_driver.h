@@ -5,13 +5,16 @@
 #include <driver_common.h>
 
 #include <atomic>
-#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <unordered_map>
+
+namespace motor_driver::kinco {
+class NodeTable;
+}  // namespace motor_driver::kinco
 
 /// Period in milliseconds given last to KincoDriver::Init() of any object; 0 before.
 extern MOTOR_DRIVER_EXPORT std::uint16_t g_period;
@@ -157,11 +160,9 @@ class MOTOR_DRIVER_EXPORT KincoDriver : public DriverCommon {
   bool ResetEmergencyStatus(std::uint8_t node);
 
  private:
-  using StatusMap = std::unordered_map<std::uint8_t, std::uint16_t>;
   using TextMap = std::unordered_map<std::uint8_t, std::string>;
 
   void DispatchStatusFrame(std::uint32_t can_id, const std::uint8_t* data, std::uint8_t len);
-  void PauseWhileRunning(std::chrono::milliseconds pause) const;
 
   const unsigned long pulses_per_revolution_;
   const std::string interface_name_;
@@ -171,12 +172,8 @@ class MOTOR_DRIVER_EXPORT KincoDriver : public DriverCommon {
   TextMap motor_status_texts_;
   std::atomic<std::int32_t> emergency_reset_wait_ms_{1000};
 
-  mutable std::mutex status_mutex_;  // the five maps below, by node
-  StatusMap heartbeat_state_;
-  StatusMap status_low_;
-  StatusMap status_high_;
-  StatusMap error_code_;
-  StatusMap inputs_;
+  mutable std::mutex status_mutex_;  // *nodes_
+  const std::unique_ptr<motor_driver::kinco::NodeTable> nodes_;
 
   std::unique_ptr<DriverCan> loop_can_;
   std::atomic<bool> loop_running_{false};
