@@ -8,8 +8,8 @@
 
 #include "canopen.h"
 #include "filter_scope.h"
-#include "little_endian.h"
 #include "log/logger.h"
+#include "sdo_frame.h"
 #include "sdo_observer.h"
 
 namespace {
@@ -17,8 +17,6 @@ namespace {
 constexpr auto kSdoTimeout = std::chrono::milliseconds(100);
 constexpr auto kSdoPoll = std::chrono::milliseconds(1);
 
-constexpr std::uint8_t kSdoFrameSize = 8;
-constexpr std::uint8_t kSdoHeaderSize = 4;  // command, index, sub-index
 constexpr std::uint32_t kSdoResponseOffset = cia301::kSdoRequest - cia301::kSdoResponse;
 
 constexpr std::uint8_t kRestartsReported = 3;
@@ -26,39 +24,6 @@ constexpr std::uint8_t kRestartsReported = 3;
 // One counter for the whole process: deliberate, a restart of the drives' common supply shows as
 // pre-operational heartbeats of any nodes in a row.
 std::atomic<std::uint8_t> g_restart_count{0};
-
-struct SdoFrame {
-  std::uint8_t command;
-  std::uint16_t index;
-  std::uint8_t sub_index;
-  std::uint32_t data;
-};
-
-// Takes an SDO frame apart; false for one too short to name its object.
-bool ParseSdo(const std::uint8_t* bytes, std::uint8_t len, SdoFrame& sdo) {
-  if (len < kSdoHeaderSize) {
-    return false;
-  }
-  sdo.command = bytes[0];
-  sdo.index = little_endian::Load16(bytes + 1);
-  sdo.sub_index = bytes[3];
-  sdo.data = len >= kSdoFrameSize ? little_endian::Load32(bytes + 4) : 0;
-  return true;
-}
-
-bool IsAccepted(std::uint8_t request, std::uint8_t response) {
-  switch (request) {
-    case cia301::kDownload1:
-    case cia301::kDownload2:
-    case cia301::kDownload3:
-    case cia301::kDownload4:
-      return response == cia301::kDownloadConfirmed;
-    case cia301::kUpload:
-      return (response & cia301::kUploadConfirmedMask) == cia301::kUploadConfirmed;
-    default:
-      return false;
-  }
-}
 
 // A template because the outcome's own type is private to the class.
 template <typename Outcome>
@@ -183,22 +148,6 @@ DriverStatus DriverCommon::GetDriverStatus(std::uint8_t) { return DriverStatus::
 
 std::string DriverCommon::GetDriverStatusDetails(std::uint8_t) const { return {}; }
 
-bool DriverCommon::HandleCanFrame(const CanFrame& frame) {
-  const std::lock_guard<std::mutex> lock(heartbeat_mutex_);
-  HeartbeatEntry* entry = FindHeartbeat(frame.can_id);
-  if (entry == nullptr) {
-    return false;
-  }
-  entry->record.state = frame.data[0];
-  entry->record.received = true;
-  entry->record.heard = true;
-  entry->record.last_receipt = std::chrono::steady_clock::now();
-  if (entry->callback) {
-    entry->callback(entry->record);
-  }
-  return true;
-}
-
 bool DriverCommon::WriteData(std::uint32_t can_id, const std::uint8_t* data, std::uint8_t len) {
   return CanWrite(can_id, data, len);
 }
@@ -222,46 +171,6 @@ void DriverCommon::CanDelayMs(std::uint32_t ms) { ::usleep(ms * 1000); }
 
 bool DriverCommon::IsNormal() { return true; }
 
-void DriverCommon::AddHeartbeatId(const std::uint32_t& id) {
-  const std::lock_guard<std::mutex> lock(heartbeat_mutex_);
-  if (FindHeartbeat(id) == nullptr) {
-    heartbeats_.push_back(
-        {{id, 0, false, false, {}}, [this](HeartbeatTimeout& hb) { HeartbeatCallback(hb); }});
-  }
-}
-
-void DriverCommon::AddHeartbeatCallback(const std::uint32_t& id,
-                                        std::function<void(HeartbeatTimeout&)> callback) {
-  const std::lock_guard<std::mutex> lock(heartbeat_mutex_);
-  if (HeartbeatEntry* entry = FindHeartbeat(id)) {
-    entry->callback = std::move(callback);
-    return;
-  }
-  heartbeats_.push_back({{id, 0, false, false, {}}, std::move(callback)});
-}
-
-void DriverCommon::SetHeartbeatTimeOut(double seconds) { heartbeat_timeout_s_ = seconds; }
-
-bool DriverCommon::IsManagedNode(std::uint8_t node) {
-  const std::lock_guard<std::mutex> lock(heartbeat_mutex_);
-  return FindHeartbeat(cia301::kHeartbeat + node) != nullptr;
-}
-
-bool DriverCommon::IsNodeOnline(std::uint8_t node) {
-  const std::lock_guard<std::mutex> lock(heartbeat_mutex_);
-  const HeartbeatEntry* entry = FindHeartbeat(cia301::kHeartbeat + node);
-  if (entry == nullptr || !entry->record.heard) {
-    return false;
-  }
-  const double timeout_s = heartbeat_timeout_s_;
-  if (timeout_s <= 0.0) {
-    return true;
-  }
-  const std::chrono::duration<double, std::nano> elapsed =
-      std::chrono::steady_clock::now() - entry->record.last_receipt;
-  return timeout_s * 1'000'000'000 >= elapsed.count();
-}
-
 void DriverCommon::set_is_initialized(bool value) { is_initialized_ = value; }
 
 void DriverCommon::set_speed_command_enabled(bool value) {
@@ -270,9 +179,8 @@ void DriverCommon::set_speed_command_enabled(bool value) {
 
 bool DriverCommon::SdoWrite(std::uint32_t can_id, std::uint8_t command, std::uint16_t index,
                             std::uint8_t sub_index, std::uint32_t data) {
-  std::uint8_t request[kSdoFrameSize] = {command, 0, 0, sub_index, 0, 0, 0, 0};
-  little_endian::Store16(index, request + 1);
-  little_endian::Store32(data, request + 4);
+  std::uint8_t request[kSdoFrameSize] = {};
+  StoreSdo({command, index, sub_index, data}, request);
   return WriteData(can_id, request, sizeof(request));
 }
 
@@ -334,12 +242,6 @@ bool DriverCommon::SdoWriteWithFeedbackData(std::uint32_t can_id, std::uint8_t c
                     can_id - kSdoResponseOffset, index, sub_index);
   }
   return outcome == SdoOutcome::kAccepted;
-}
-
-DriverCommon::HeartbeatEntry* DriverCommon::FindHeartbeat(std::uint32_t id) {
-  const auto entry = std::find_if(heartbeats_.begin(), heartbeats_.end(),
-                                  [id](const HeartbeatEntry& e) { return e.record.id == id; });
-  return entry != heartbeats_.end() ? &*entry : nullptr;
 }
 
 DriverCommon::SdoOutcome DriverCommon::TransferSdo(std::uint32_t can_id, std::uint8_t command,
