@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "sim/can_socket.h"
+#include "sim/makes.h"
 #include "sim/node.h"
 
 namespace {

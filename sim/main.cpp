@@ -12,6 +12,7 @@
 #include <system_error>
 #include <vector>
 
+#include "sim/makes.h"
 #include "sim/simulated_drive.h"
 
 namespace {

@@ -28,9 +28,4 @@ struct Make {
   bool has_parameter_channel = false;
 };
 
-const std::vector<const Make*>& AllMakes();
-
-/// Throws std::invalid_argument, naming the makes there are, on an unknown one.
-const Make& FindMake(std::string_view name);
-
 }  // namespace sim

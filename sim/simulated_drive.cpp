@@ -12,6 +12,8 @@
 #include <system_error>
 #include <utility>
 
+#include "sim/makes.h"
+
 namespace sim {
 namespace {
 

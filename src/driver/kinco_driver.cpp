@@ -3,7 +3,7 @@
 #include <chrono>
 #include <stdexcept>
 
-#include "blocked_signals.h"
+#include "base/blocked_signals.h"
 #include "canopen.h"
 #include "driver/kinco/status.h"
 #include "driver/kinco/supervision.h"

@@ -7,7 +7,7 @@
 #include <chrono>
 #include <utility>
 
-#include "blocked_signals.h"
+#include "base/blocked_signals.h"
 #include "driver_can.h"
 
 namespace {

@@ -9,11 +9,7 @@
 #include <memory>
 #include <string>
 
-#if defined(__GNUC__)
-#define CORVEL_EXPORT __attribute__((visibility("default")))
-#else
-#define CORVEL_EXPORT
-#endif
+#include "base/export.h"
 
 namespace corvel {
 

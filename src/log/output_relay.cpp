@@ -18,7 +18,7 @@
 #include <utility>
 #include <vector>
 
-#include "driver/blocked_signals.h"
+#include "base/blocked_signals.h"
 #include "logger.h"
 #include "relay.h"
 

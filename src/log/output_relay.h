@@ -4,14 +4,14 @@
 // repository; not installed.
 #pragma once
 
-#include <driver_can.h>
+#include "base/export.h"
 
 namespace motor_driver {
 
 // While one exists, everything said through the logger and through Print() goes its way, from all
 // threads of the process. Several may exist; the last to go writes what is left, for 100 ms at
 // most.
-class MOTOR_DRIVER_EXPORT OutputRelay {
+class CORVEL_EXPORT OutputRelay {
  public:
   OutputRelay();
   ~OutputRelay();

@@ -2,7 +2,7 @@
 #include <algorithm>
 #include <exception>
 
-#include "driver/blocked_signals.h"
+#include "base/blocked_signals.h"
 #include "wheels/control.h"
 #include "wheels/troubles.h"
 

@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-#include "driver/blocked_signals.h"
+#include "base/blocked_signals.h"
 #include "log/logger.h"
 #include "wheels/realtime.h"
 

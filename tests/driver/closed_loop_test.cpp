@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "bus_environment.h"
-#include "sim/make.h"
+#include "sim/makes.h"
 #include "wheels/makes.h"
 
 namespace {

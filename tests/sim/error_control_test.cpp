@@ -1,6 +1,7 @@
 // Heartbeats watched, errors reported and remembered (CiA 301).
 #include "sim/error_control.h"
 
+#include "sim/makes.h"
 #include "sim/zl_drive.h"
 #include "tests/sim/node_fixture.h"
 

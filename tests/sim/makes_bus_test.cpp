@@ -2,6 +2,7 @@
 #include <cmath>
 #include <cstdint>
 
+#include "sim/makes.h"
 #include "tests/driver/makes.h"
 #include "tests/sim/candump_text.h"
 #include "tests/sim/drive_on_bus.h"

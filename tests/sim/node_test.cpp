@@ -6,6 +6,7 @@
 #include <stdexcept>
 #include <string_view>
 
+#include "sim/makes.h"
 #include "sim/zl_drive.h"
 #include "tests/sim/node_fixture.h"
 

@@ -3,6 +3,7 @@
 #include <cmath>
 
 #include "sim/kinco_drive.h"
+#include "sim/makes.h"
 #include "tests/sim/node_fixture.h"
 
 namespace sim {

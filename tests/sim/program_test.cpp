@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <string>
 
-#include "sim/make.h"
+#include "sim/makes.h"
 #include "tests/sim/shell.h"
 
 namespace {

@@ -1,5 +1,6 @@
 // What stops a motor besides its target: halt, quick stop and the loss of the host (CiA 402).
 #include "sim/kinco_drive.h"
+#include "sim/makes.h"
 #include "sim/zl_drive.h"
 #include "tests/driver/hls_script.h"
 #include "tests/sim/node_fixture.h"

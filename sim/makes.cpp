@@ -1,4 +1,4 @@
-#include "sim/make.h"
+#include "sim/makes.h"
 
 #include <stdexcept>
 #include <string>
