@@ -12,11 +12,13 @@
 #include <thread>
 #include <vector>
 
-/// Marks what the shared library exports.
+/// Marks what the shared library exports, and of an exported class what it keeps to itself.
 #if defined(__GNUC__)
 #define MOTOR_DRIVER_EXPORT __attribute__((visibility("default")))
+#define MOTOR_DRIVER_LOCAL __attribute__((visibility("hidden")))
 #else
 #define MOTOR_DRIVER_EXPORT
+#define MOTOR_DRIVER_LOCAL
 #endif
 
 /// One classic CAN frame.
@@ -173,10 +175,10 @@ class MOTOR_DRIVER_EXPORT DriverCan {
   class FrameQueue {
    public:
     std::size_t size() const { return count_; }
-    void Push(const CanFrame& frame);
-    bool Pop(CanFrame& frame);
+    MOTOR_DRIVER_LOCAL void Push(const CanFrame& frame);
+    MOTOR_DRIVER_LOCAL bool Pop(CanFrame& frame);
     // Empties the queue; what has to be freed goes to `freed`. In constant time.
-    void Drop(FrameQueue& freed);
+    MOTOR_DRIVER_LOCAL void Drop(FrameQueue& freed);
 
    private:
     static constexpr std::size_t kBlock = 32;
@@ -186,8 +188,8 @@ class MOTOR_DRIVER_EXPORT DriverCan {
     std::size_t count_ = 0;
   };
 
-  bool StartReceiveThread();
-  void EndReader(std::thread& reader);
+  MOTOR_DRIVER_LOCAL bool StartReceiveThread();
+  MOTOR_DRIVER_LOCAL void EndReader(std::thread& reader);
 
   std::atomic<int> socket_{-1};       // -1 when closed; the receive thread reads it without a lock
   std::atomic<bool> closing_{false};  // a stop waits for socket_mutex_: writers give way

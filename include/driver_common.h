@@ -279,9 +279,10 @@ class MOTOR_DRIVER_EXPORT DriverCommon : public DriverCan {
   };
   enum class SdoOutcome { kNotSent, kTimedOut, kRefused, kAccepted };
 
-  HeartbeatEntry* FindHeartbeat(std::uint32_t id);
-  SdoOutcome TransferSdo(std::uint32_t can_id, std::uint8_t command, std::uint16_t index,
-                         std::uint8_t sub_index, std::uint32_t data, std::uint32_t* response_data);
+  MOTOR_DRIVER_LOCAL HeartbeatEntry* FindHeartbeat(std::uint32_t id);
+  MOTOR_DRIVER_LOCAL SdoOutcome TransferSdo(std::uint32_t can_id, std::uint8_t command,
+                                            std::uint16_t index, std::uint8_t sub_index,
+                                            std::uint32_t data, std::uint32_t* response_data);
 
   std::mutex heartbeat_mutex_;  // heartbeats_
   // Held for a whole SDO transfer. Recursive: the thread in a transfer may read frames itself.

@@ -162,7 +162,8 @@ class MOTOR_DRIVER_EXPORT KincoDriver : public DriverCommon {
  private:
   using TextMap = std::unordered_map<std::uint8_t, std::string>;
 
-  void DispatchStatusFrame(std::uint32_t can_id, const std::uint8_t* data, std::uint8_t len);
+  MOTOR_DRIVER_LOCAL void DispatchStatusFrame(std::uint32_t can_id, const std::uint8_t* data,
+                                              std::uint8_t len);
 
   const unsigned long pulses_per_revolution_;
   const std::string interface_name_;

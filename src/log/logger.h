@@ -34,7 +34,7 @@ class CORVEL_EXPORT Logger {
   std::int32_t level = 2;
 
  private:
-  explicit Logger(const std::string& name);
+  CORVEL_LOCAL explicit Logger(const std::string& name);
 };
 
 // `checked_text` is the literal `text` as FMT_STRING made it: the compiler holds it against the
