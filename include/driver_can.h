@@ -181,7 +181,7 @@ class MOTOR_DRIVER_EXPORT DriverCan {
     MOTOR_DRIVER_LOCAL void Drop(FrameQueue& freed);
 
    private:
-    static constexpr std::size_t kBlock = 32;
+    static constexpr std::size_t kBlock = 256;  // 4 KiB
 
     std::list<std::array<CanFrame, kBlock>> blocks_;
     std::size_t first_ = 0;  // of the oldest frame in the first block

@@ -177,12 +177,16 @@ bool DriverCan::CanWrite(unsigned int can_id, const unsigned char* data, unsigne
 }
 
 bool DriverCan::CanRead(unsigned int* can_id, unsigned char* data, unsigned char* len) {
-  can_frame frame = {};
+  can_frame frame;  // NOLINT(cppcoreguidelines-pro-type-member-init): written by the kernel
   const ssize_t bytes = CancellableRead(socket_, frame);
   if (bytes == sizeof(frame)) {
     *can_id = frame.can_id;
     *len = frame.can_dlc;
-    std::copy_n(frame.data, frame.can_dlc, data);
+    if (frame.can_dlc == sizeof(frame.data)) {
+      std::copy_n(frame.data, sizeof(frame.data), data);  // as one word, where most frames are full
+    } else {
+      std::copy_n(frame.data, frame.can_dlc, data);
+    }
     return true;
   }
   if (bytes < 0) {

@@ -63,6 +63,9 @@ bool DriverCommon::IsNodeOnline(std::uint8_t node) {
 }
 
 DriverCommon::HeartbeatEntry* DriverCommon::FindHeartbeat(std::uint32_t id) {
+  if (heartbeats_.empty()) {
+    return nullptr;  // at once: every received frame comes here
+  }
   const auto entry = std::find_if(heartbeats_.begin(), heartbeats_.end(),
                                   [id](const HeartbeatEntry& e) { return e.record.id == id; });
   return entry != heartbeats_.end() ? &*entry : nullptr;

@@ -53,11 +53,10 @@ void DriverCan::Callback(void* arg) {
     if (!self.running_) {
       return;
     }
-    std::function<bool(const CanFrame&)> handler;
-    {
+    const std::function<bool(const CanFrame&)> handler = [&self] {
       const std::lock_guard<std::mutex> lock(self.handler_mutex_);
-      handler = self.frame_handler_;
-    }
+      return self.frame_handler_;
+    }();
     if (handler && handler(frame)) {
       continue;
     }
