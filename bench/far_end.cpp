@@ -39,15 +39,15 @@ void SleepUntil(std::int64_t deadline) {
   }
 }
 
-// While a burst is sent the reader must not run, even on a single CPU: a bus is not held up by the
-// host. Where this is not permitted bursts are torn, the figures of both sides alike.
+// A bus is not held up by the host: the reader must not delay a frame nor tear a burst, even on a
+// single CPU. Where this is not permitted they are, the figures of both sides alike.
 void SetRealTime(bool on) {
   const sched_param priority = {on ? 1 : 0};
   ::sched_setscheduler(0, on ? SCHED_FIFO : SCHED_OTHER, &priority);
 }
 
 Sent SendAll(RawCan& can, const Traffic& traffic) {
-  SetRealTime(traffic.burst > 1);
+  SetRealTime(true);
   const std::int64_t start = Now();
   std::uint32_t sent = 0;
   for (std::uint32_t i = 0; i < traffic.count; ++i) {
