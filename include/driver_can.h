@@ -63,10 +63,10 @@ class MOTOR_DRIVER_EXPORT DriverCan {
   DriverCan& operator=(const DriverCan&) = delete;
 
   /// Opens, configures and binds a new socket and puts it in place of the old one, which is closed.
-  /// A fresh socket receives every frame. An interface that is down is no failure: error 3 follows
-  /// from the receive thread. False leaves the old socket as it was, with error 1 (no socket: no
-  /// SocketCAN in the kernel, no descriptor left, or the limit of descriptors lowered below the old
-  /// socket) or 2 (interface unknown, bind failed).
+  /// A fresh socket receives every frame. An interface that is down is not a failure: error 3
+  /// follows from the receive thread. False leaves the old socket as it was, with error 1 (no
+  /// socket: no SocketCAN in the kernel, out of file descriptors, or their limit lowered below the
+  /// old socket) or 2 (interface unknown, bind failed).
   /// Starts no thread and clears no error: hosts call CanRecover() instead. Waits at most for
   /// writes of other threads, see CanWrite().
   bool InitCanSocket();
@@ -90,9 +90,9 @@ class MOTOR_DRIVER_EXPORT DriverCan {
   /// 32-bit words (identifier, mask) as in CAN_RAW_FILTER, 8 bytes each. Stored also while the
   /// socket is closed, and put in force again by CanRecover(). The kernel's refusal is not
   /// reported. `len` 0 removes all filters: the open socket then receives nothing, but a recovered
-  /// one receives everything. A `len` that is no multiple of 8 stores the whole records only, and
-  /// the kernel refuses the rest. A negative `len` throws std::length_error and changes nothing.
-  /// Waits at most for writes of other threads, see CanWrite().
+  /// one receives everything. A `len` that is not a multiple of 8 stores the whole records only,
+  /// and the kernel refuses the rest. A negative `len` throws std::length_error and changes
+  /// nothing. Waits at most for writes of other threads, see CanWrite().
   void CanFiltersConfig(const void* filters, int len);
 
   /// One filter that lets every frame through (identifier 0, mask 0), set as by CanFiltersConfig().

@@ -213,8 +213,8 @@ class MOTOR_DRIVER_EXPORT DriverCommon : public DriverCan {
   /// callback.
   bool IsManagedNode(std::uint8_t node);
 
-  /// Whether the node is registered, was heard, and was heard within the time-out. Nothing watches
-  /// by itself: a host asks once per control cycle. Waits for a heartbeat callback that runs. Not
+  /// Whether the node is registered, was heard, and was heard within the time-out. There is no
+  /// watchdog: a host asks once per control cycle. Waits for a heartbeat callback that runs. Not
   /// from a callback.
   bool IsNodeOnline(std::uint8_t node);
 

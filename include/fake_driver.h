@@ -11,7 +11,7 @@
 /// operation writes one log line (INFO; speeds DEBUG) and answers with a fixed success, the speed
 /// readers with fixed, recognisable numbers. None of its own operations fails or blocks.
 ///
-/// An interface that does not exist is no obstacle: the object works all the same (its
+/// An interface that does not exist is not an obstacle: the object works all the same (its
 /// GetCanError() is then not 0). What is inherited unchanged, such as SetHeartbeatPacket(),
 /// IsActived() and the SDO client, does go to the bus if there is one. Any thread may call.
 class MOTOR_DRIVER_EXPORT FakeDriver : public DriverCommon {

@@ -50,8 +50,8 @@ class MOTOR_DRIVER_EXPORT KincoDriver : public DriverCommon {
   using DriverCommon::SetSpeed;
 
   /// Enables the node (0x6040), reads its error code (0x603F) and, if there is one, resets the
-  /// fault, trying ten times. True when there is no error or the reset was confirmed. At most 1.2
-  /// s.
+  /// fault, trying ten times. True when there is no error or the reset was confirmed. At most
+  /// 1.2 s.
   bool ActiveNode(std::uint8_t node) override;
 
   /// Nothing on the bus: this make is not to be reset over NMT. True.
@@ -65,8 +65,8 @@ class MOTOR_DRIVER_EXPORT KincoDriver : public DriverCommon {
   std::uint16_t SetSpeedMode(std::uint8_t node) override;
 
   /// SetSpeedMode, the PDO set-up (0x1400, 0x1600, 0x1800, 0x1803, 0x1A00, 0x1A03) and a heartbeat
-  /// every 2000 ms (0x1017). `period_ms`: 1 to 255. Number of failed writes, 0 to 24. At most 2.4
-  /// s.
+  /// every 2000 ms (0x1017). `period_ms`: 1 to 255. Number of failed writes, 0 to 24. At most
+  /// 2.4 s.
   std::uint16_t EnableSpeedModeAndPdoMode(std::uint8_t node, std::uint16_t period_ms) override;
 
   /// Target velocity in rpm (RPDO1), converted to the drive's unit of counts per revolution x 512 /
@@ -109,7 +109,7 @@ class MOTOR_DRIVER_EXPORT KincoDriver : public DriverCommon {
   /// Loads the texts and the emergency reset wait from a YAML file (see
   /// share/motor_driver/kinco.yaml) on top of what was loaded before. False, with an ERROR line,
   /// when the file cannot be read or has the wrong shape; entries before the faulty one stay.
-  /// Throws std::invalid_argument or std::out_of_range when a "code" or "err_code" is no number.
+  /// Throws std::invalid_argument or std::out_of_range when a "code" or "err_code" is not a number.
   /// Reads a file: may block on it. Takes no lock: not while another thread looks up texts.
   bool LoadDriverConfig(const std::string& path) override;
 

@@ -74,10 +74,9 @@ struct SetUpFailure;  // for programs that show every write that was not taken
 /// of its own; what cannot be written in time is dropped and counted there.
 ///
 /// Threads: BringUp(), Stop() and Clear() are for one thread at a time; a second call waits, for
-/// itself when it is made from `progress` or `cancelled`. Not for a forked child: it has no control
-/// thread.
-/// Everything else may be called from any thread at any time. One object per CAN interface and
-/// process.
+/// itself when it is made from `progress` or `cancelled`. Everything else may be called from any
+/// thread at any time. Not for a forked child: it has no control thread. One object per CAN
+/// interface and process.
 class MOTOR_DRIVER_WHEELS_EXPORT Wheels {
  public:
   /// Checks the vehicle; throws VehicleError when it makes no sense or when another object of this
@@ -100,8 +99,8 @@ class MOTOR_DRIVER_WHEELS_EXPORT Wheels {
   /// steps: true ends with kInterrupted. An exception of either ends likewise and comes out.
   /// True: kReady. False: GetReport() tells why; the state is kOff when nothing was enabled, kFault
   /// with zeros flowing otherwise. In kReady true at once, sending nothing; in kRunning, kStopping
-  /// and kFault false. Takes some 0.5 s per node and up to a third of heartbeat_timeout; at most 5
-  /// s more for each that does not answer.
+  /// and kFault false. Takes some 0.5 s per node and up to a third of heartbeat_timeout; at most
+  /// 5 s more for each that does not answer.
   bool BringUp(const std::function<void(const std::string&)>& progress = {},
                const std::function<bool()>& cancelled = {});
 

@@ -59,7 +59,7 @@ Meaning DecodeHeartbeat(const LoggedFrame& frame, unsigned node) {
           {{"node", node}, {"state", text}}};
 }
 
-// ---- PDOs, as the table of makes lays them out
+// --- PDOs, as the table of makes lays them out ---------------------------------------------------
 
 struct PdoField {
   std::string name;
@@ -138,7 +138,7 @@ Meaning DecodePdo(const LoggedFrame& frame, std::uint32_t base, const Make* make
   return meaning;
 }
 
-// ---- Frames
+// --- Frames --------------------------------------------------------------------------------------
 
 Meaning WithNode(const char* title, unsigned node, Meaning meaning) {
   nlohmann::ordered_json fields = {{"node", node}};

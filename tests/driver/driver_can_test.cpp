@@ -159,8 +159,7 @@ void AllowDescriptors(rlim_t count) {
   EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
 }
 
-// ---- construction
-// --------------------------------------------------------------------------------
+// --- construction --------------------------------------------------------------------------------
 
 class DriverCanOpen : public bus::BusTest {};
 
@@ -369,8 +368,7 @@ TEST_F(DriverCanOpen, AFailedInitCanSocketKeepsTheOldSocket) {
   bus::Command("ip link delete moved0");
 }
 
-// ---- writing
-// -------------------------------------------------------------------------------------
+// --- writing -------------------------------------------------------------------------------------
 
 class DriverCanBus : public bus::BusTest {
  protected:
@@ -615,8 +613,7 @@ TEST_F(DriverCanBus, AShortWriteIsAFailedWrite) {
   EXPECT_EQ(can_.GetWriteErrorCount(), 1U);
 }
 
-// ---- filters
-// -------------------------------------------------------------------------------------
+// --- filters -------------------------------------------------------------------------------------
 
 TEST_F(DriverCanBus, WithoutFiltersEveryFrameIsReceived) {
   for (const char* frame : {"000#", "7FF#01", "1ABCDEF0#02", "123#R"}) {
@@ -745,8 +742,7 @@ TEST_F(DriverCanFilters, ARefusalIsReportedWhenApplyingOnly) {
   EXPECT_EQ(Passing(2), (Texts{"480#03", "4FF#04"}));
 }
 
-// ---- reading
-// -------------------------------------------------------------------------------------
+// --- reading -------------------------------------------------------------------------------------
 
 TEST_F(DriverCanBus, ReadsOnAfterTheInterfaceCameBack) {
   OutputCapture output;
@@ -833,8 +829,7 @@ TEST_F(DriverCanBus, ASocketClosedBehindItsBackIsSilent) {
   EXPECT_EQ(can_.GetCanError(), 0U);
 }
 
-// ---- queue and handler
-// ---------------------------------------------------------------------------
+// --- queue and handler ---------------------------------------------------------------------------
 
 std::string Numbered(unsigned number) {
   char text[32];
@@ -1092,8 +1087,7 @@ TEST_F(DriverCanBus, AnExceptionOutOfTheHandlerEndsTheProcess) {
   EXPECT_EQ(result.signal, SIGABRT);
 }
 
-// ---- stopping
-// ------------------------------------------------------------------------------------
+// --- stopping ------------------------------------------------------------------------------------
 
 TEST_F(DriverCanBus, FramesQueuedBeforeTheStopCanBeTakenAfterIt) {
   far_end_.Send("181#01");
@@ -1294,8 +1288,7 @@ TEST_F(DriverCanOpen, LeavesNoDescriptorAndNoThreadBehind) {
   EXPECT_TRUE(support::WaitThreads(1));
 }
 
-// ---- signals
-// -------------------------------------------------------------------------------------
+// --- signals -------------------------------------------------------------------------------------
 
 std::atomic<pid_t> handled_by{0};
 
@@ -1385,8 +1378,7 @@ TEST_F(DriverCanOpen, ChangesNoDispositionAndNoMaskOfTheHost) {
   EXPECT_EQ(mask(), mask_before);
 }
 
-// ---- recovery
-// ------------------------------------------------------------------------------------
+// --- recovery ------------------------------------------------------------------------------------
 
 TEST_F(DriverCanBus, RecoveryOnAHealthyBusKeepsHandlerAndFiltersOnly) {
   std::atomic<int> heartbeats{0};

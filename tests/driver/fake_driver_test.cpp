@@ -18,8 +18,8 @@ constexpr auto kNoInterface = "nocan0";
 constexpr auto kConstructed = "constructed\n";
 constexpr auto kUsed = "used\n";
 
-// What `use` writes to standard output, the log at `level` included. What constructor
-// and destructor say is cut off: it depends on the kernel.
+// What `use` writes to standard output, the log at `level` included. What constructor and
+// destructor say is cut off: it depends on the kernel.
 std::string OutputOf(const char* level, const std::function<void(FakeDriver&)>& use) {
   const support::ProcessResult child = support::RunForked([&] {
     setenv("SPDLOG_STDOUT", "true", 1);

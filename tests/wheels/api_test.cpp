@@ -40,8 +40,7 @@ Vehicle Fake() {
 
 class ApiTest : public FaultTest {};
 
-// --- Objects and calls
-// ----------------------------------------------------------------------------
+// --- Objects and calls ---------------------------------------------------------------------------
 
 TEST_F(ApiTest, AnObjectThatIsRefusedSendsNothing) {
   bus::FarEnd far_end;
@@ -131,8 +130,7 @@ TEST_F(ApiTest, ACommandThatIsNoneIsRefused) {
   EXPECT_EQ(wheels.GetReport().state, State::kRunning);
 }
 
-// --- Speeds on the wire
-// ---------------------------------------------------------------------------
+// --- Speeds on the wire --------------------------------------------------------------------------
 
 struct Sent {
   bus::Clock::time_point time;
@@ -220,8 +218,7 @@ TEST_F(ApiTest, SpeedsApproachACommandAsFastAsTheVehicleMay) {
   }
 }
 
-// --- What a log says
-// ------------------------------------------------------------------------------
+// --- What a log says -----------------------------------------------------------------------------
 
 std::vector<std::string> LinesWith(const std::string& words, const std::string& text) {
   std::vector<std::string> lines;
@@ -268,8 +265,7 @@ TEST_F(ApiTest, TheLogHasALineForEveryStateAndEveryFault) {
   EXPECT_EQ(LinesWith("] wheels: ", capture.Out()), expected);
 }
 
-// --- No bus
-// ---------------------------------------------------------------------------------------
+// --- No bus --------------------------------------------------------------------------------------
 
 TEST_F(ApiTest, AFakeVehicleReportsWhatItWasCommandedWithoutABus) {
   bus::FarEnd far_end;
