@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <utility>
 
 namespace motorctl {
 namespace {
@@ -33,10 +34,58 @@ std::string Text(const char* format, Values... values) {
   return text;
 }
 
+// 1, 2, 5, 10, 20, 50 and so on times `smallest`.
+double NextRoundStep(double step, double smallest) {
+  double decade = smallest;
+  while (decade * 10 <= step * 1.001) decade *= 10;
+  for (const int factor : {2, 5}) {
+    if (step * 1.001 < decade * factor) return decade * factor;
+  }
+  return decade * 10;
+}
+
+// Round marks of an axis, as multiples of `step`.
+struct Marks {
+  double step = 1;
+  int first = 0;
+  int last = 0;
+};
+
+// Some marks between the ends, and beyond them only where an end is well off the next one.
+Marks MarksOf(const Range& range, double smallest_step) {
+  constexpr int kMost = 8;
+  constexpr double kNear = 0.1;  // of a step
+  Marks marks;
+  marks.step = smallest_step;
+  while ((range.high - range.low) / marks.step > kMost + 2 * kNear) {
+    marks.step = NextRoundStep(marks.step, smallest_step);
+  }
+  marks.first = static_cast<int>(std::floor(range.low / marks.step + kNear));
+  marks.last = static_cast<int>(std::ceil(range.high / marks.step - kNear));
+  return marks;
+}
+
+std::string Escaped(const std::string& text) {
+  std::string escaped;
+  for (const char letter : text) {
+    switch (letter) {
+      case '<':
+        escaped += "&lt;";
+        break;
+      case '&':
+        escaped += "&amp;";
+        break;
+      default:
+        escaped += letter;
+    }
+  }
+  return escaped;
+}
+
 // A line through all samples, in the coordinates of the picture.
 class Curve {
  public:
-  explicit Curve(const char* style) : style_(style) {}
+  explicit Curve(std::string style) : style_(std::move(style)) {}
   void Add(double x, double y) { points_ += Text("%.1f,%.1f ", x, y); }
   std::string Element() const {
     return "<polyline fill=\"none\" " + style_ + " points=\"" + points_ + "\"/>\n";
@@ -55,9 +104,16 @@ std::vector<std::string> DrawChart(const Samples& samples, std::size_t wheel, st
   const std::size_t columns = std::max<std::size_t>(width, kLabel + 10) - kLabel;
   std::vector<std::string> rows(height, std::string(columns, ' '));
   const Range range = SpeedRange(samples, wheel, wheel + 1);
+  const long most = static_cast<long>(height) - 1;
+  double step = 1;
+  while (std::lround(range.high / step) - std::lround(range.low / step) > most) {
+    step = NextRoundStep(step, 1);
+  }
+  // Rows that are left over continue the side that the wheel turns to.
+  const long lowest = std::lround(range.low / step);
+  const long top = lowest == 0 ? most : std::lround(range.high / step);
   const auto row = [&](double rpm) {
-    const double share = (range.high - rpm) / (range.high - range.low);
-    return static_cast<std::size_t>(std::lround(share * static_cast<double>(height - 1)));
+    return static_cast<std::size_t>(std::clamp(top - std::lround(rpm / step), 0L, most));
   };
   std::fill(rows[row(0)].begin(), rows[row(0)].end(), '.');
   for (const char mark : {'-', '*'}) {
@@ -68,9 +124,7 @@ std::vector<std::string> DrawChart(const Samples& samples, std::size_t wheel, st
     }
   }
   for (std::size_t i = 0; i < height; ++i) {
-    const double rpm = range.high - (range.high - range.low) * static_cast<double>(i) /
-                                        static_cast<double>(height - 1);
-    rows[i] = Text("%7.1f |", rpm) + rows[i];
+    rows[i] = Text("%7g |", static_cast<double>(top - static_cast<long>(i)) * step) + rows[i];
   }
   return rows;
 }
@@ -79,7 +133,7 @@ std::string Csv(const Samples& samples, std::size_t wheels) {
   std::string text = "second,target_rpm,measured_rpm";
   for (std::size_t wheel = 2; wheel <= wheels; ++wheel) {
     const std::string number = std::to_string(wheel);
-    text += ",target" + number + "_rpm,measured" + number + "_rpm";
+    text.append(",target").append(number).append("_rpm,measured").append(number).append("_rpm");
   }
   text += '\n';
   for (const Sample& sample : samples) {
@@ -92,19 +146,21 @@ std::string Csv(const Samples& samples, std::size_t wheels) {
   return text;
 }
 
-std::string Svg(const Samples& samples, std::size_t wheels, const std::string& title) {
+std::string Svg(const Samples& samples, const std::vector<std::string>& wheels,
+                const std::string& title) {
   constexpr double kWidth = 800;
   constexpr double kHeight = 400;
   constexpr double kLeft = 60;
   constexpr double kRight = 20;
   constexpr double kTop = 40;
   constexpr double kBottom = 50;
-  static const char* const target_styles[] = {
-      "stroke=\"#888\" stroke-width=\"2\"",
-      "stroke=\"#888\" stroke-width=\"2\" stroke-dasharray=\"6 4\""};
-  static const char* const measured_styles[] = {"stroke=\"#06c\" stroke-width=\"1.5\"",
-                                                "stroke=\"#c60\" stroke-width=\"1.5\""};
-  const Range range = SpeedRange(samples, 0, wheels);
+  constexpr double kLegendLine = 16;
+  static const char* const colours[kMaxWheels] = {"#06c", "#c60", "#084", "#a0a",
+                                                  "#a00", "#088", "#666", "#860"};
+  Range range = SpeedRange(samples, 0, wheels.size());
+  const Marks speeds = MarksOf(range, 1);
+  range.low = std::min(range.low, speeds.first * speeds.step);
+  range.high = std::max(range.high, speeds.last * speeds.step);
   const double seconds = samples.empty() ? 1 : std::max(samples.back().second, 0.001);
   const auto x = [&](double second) {
     return kLeft + second / seconds * (kWidth - kLeft - kRight);
@@ -114,32 +170,43 @@ std::string Svg(const Samples& samples, std::size_t wheels, const std::string& t
   };
   std::string svg = Text(
       "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"%.0f\" height=\"%.0f\" "
-      "font-family=\"sans-serif\" font-size=\"12\">\n<rect width=\"100%%\" height=\"100%%\" "
-      "fill=\"white\"/>\n",
-      kWidth, kHeight);
-  svg += Text("<text x=\"%.0f\" y=\"22\" font-size=\"14\">", kLeft) + title + "</text>\n";
-  constexpr int kTicks = 5;
-  for (int i = 0; i <= kTicks; ++i) {
-    const double rpm = range.low + (range.high - range.low) * i / kTicks;
-    svg += Text("<line x1=\"%.1f\" y1=\"%.1f\" x2=\"%.1f\" y2=\"%.1f\" stroke=\"#ddd\"/>\n", kLeft,
-                y(rpm), kWidth - kRight, y(rpm));
-    svg += Text("<text x=\"%.1f\" y=\"%.1f\" text-anchor=\"end\">%.1f</text>\n", kLeft - 6,
+      "viewBox=\"0 0 %.0f %.0f\" font-family=\"sans-serif\" font-size=\"12\">\n",
+      kWidth, kHeight, kWidth, kHeight);
+  svg += "<rect width=\"100%\" height=\"100%\" fill=\"white\"/>\n";
+  svg += Text("<text x=\"%.0f\" y=\"22\" font-size=\"14\">", kLeft) + Escaped(title) + "</text>\n";
+  for (int mark = speeds.first; mark <= speeds.last; ++mark) {
+    const double rpm = mark * speeds.step;
+    svg += Text("<line x1=\"%.1f\" y1=\"%.1f\" x2=\"%.1f\" y2=\"%.1f\" stroke=\"%s\"/>\n", kLeft,
+                y(rpm), kWidth - kRight, y(rpm), mark == 0 ? "#999" : "#ddd");
+    svg += Text("<text x=\"%.1f\" y=\"%.1f\" text-anchor=\"end\">%g</text>\n", kLeft - 6,
                 y(rpm) + 4, rpm);
-    const double second = seconds * i / kTicks;
-    svg += Text("<text x=\"%.1f\" y=\"%.1f\" text-anchor=\"middle\">%.1f</text>\n", x(second),
+  }
+  const Marks times = MarksOf({0, seconds}, 0.001);
+  for (int mark = 0; mark * times.step <= seconds; ++mark) {
+    const double second = mark * times.step;
+    svg += Text("<text x=\"%.1f\" y=\"%.1f\" text-anchor=\"middle\">%g</text>\n", x(second),
                 kHeight - kBottom + 18, second);
   }
   svg += Text("<text x=\"%.1f\" y=\"%.1f\" text-anchor=\"middle\">seconds</text>\n", kWidth / 2,
               kHeight - 12);
-  svg += Text("<text x=\"12\" y=\"%.1f\">rpm</text>\n", kTop - 8);
-  for (std::size_t wheel = 0; wheel < wheels; ++wheel) {
-    Curve target(target_styles[wheel % 2]);
-    Curve measured(measured_styles[wheel % 2]);
+  svg += "<text x=\"12\" y=\"22\">rpm</text>\n";
+  for (std::size_t wheel = 0; wheel < wheels.size(); ++wheel) {
+    const std::string colour = Text("stroke=\"%s\"", colours[wheel % kMaxWheels]);
+    Curve target(colour + " stroke-dasharray=\"5 4\"");
+    Curve measured(colour + " stroke-width=\"1.5\"");
+    double reported = -1;
     for (const Sample& sample : samples) {
       target.Add(x(sample.second), y(sample.target[wheel]));
-      measured.Add(x(sample.second), y(sample.measured[wheel]));
+      // Without a new report there is no new speed: nothing is drawn, a zero least of all.
+      const double middle = sample.reported[wheel] - kMeanSeconds / 2;
+      if (sample.reported[wheel] == reported || middle < 0) continue;
+      reported = sample.reported[wheel];
+      measured.Add(x(middle), y(sample.measured[wheel]));
     }
     svg += target.Element() + measured.Element();
+    svg += Text("<text x=\"%.1f\" y=\"%.1f\" text-anchor=\"end\" fill=\"%s\">", kWidth - kRight - 4,
+                kTop + kLegendLine * static_cast<double>(wheel + 1), colours[wheel % kMaxWheels]) +
+           Escaped(wheels[wheel]) + "</text>\n";
   }
   return svg + "</svg>\n";
 }

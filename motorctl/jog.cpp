@@ -84,6 +84,7 @@ void Jog::Record() {
     const motor_driver::WheelReport report = wheels_.GetWheel(wheel);
     sample.target[wheel] = static_cast<float>(report.target_rpm);
     sample.measured[wheel] = static_cast<float>(report.measured_rpm);
+    sample.reported[wheel] = std::chrono::duration<double>(report.measured_at - start_).count();
   }
   samples_.push_back(sample);
   view_.Show(sample);

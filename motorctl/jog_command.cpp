@@ -104,6 +104,15 @@ ExitStatus Confirm(const Context& context, const Options& options, const Vehicle
   return status;
 }
 
+std::string Picture(const Vehicle& vehicle, const Samples& samples) {
+  std::vector<std::string> names;
+  for (const motor_driver::Wheel& wheel : vehicle.wheels) names.push_back(wheel.name);
+  char title[80];
+  std::snprintf(title, sizeof(title), ": target (dashed) and measured speed (mean of %.0f ms)",
+                kMeanSeconds * 1000);
+  return Svg(samples, names, vehicle.make + " " + NodeNames(vehicle) + title);
+}
+
 int Run(const Context& context, const Options& options) {
   const JogPlan plan = Plan(context, options);
   const ExitStatus confirmed = Confirm(context, options, plan.vehicle);
@@ -132,9 +141,7 @@ int Run(const Context& context, const Options& options) {
     }
     const std::size_t wheels = plan.vehicle.wheels.size();
     if (!csv.Write(Csv(jog.samples(), wheels))) jog.Fail("cannot write " + options.csv);
-    if (!svg.Write(Svg(jog.samples(), wheels,
-                       plan.vehicle.make + " " + NodeNames(plan.vehicle) +
-                           ": target (grey) and measured speed"))) {
+    if (!svg.Write(Picture(plan.vehicle, jog.samples()))) {
       jog.Fail("cannot write " + options.svg);
     }
     failure = jog.failure();

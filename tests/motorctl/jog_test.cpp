@@ -159,6 +159,8 @@ TEST_F(JogTest, WritesTableAndPicture) {
   text << picture.rdbuf();
   EXPECT_TRUE(StartsWith(text.str(), "<svg "));
   EXPECT_TRUE(Contains(text.str(), "</svg>"));
+  EXPECT_TRUE(Contains(text.str(), ">node 1 motor 2</text>"));
+  EXPECT_FALSE(Contains(text.str(), "points=\"\"")) << "a curve without a point";
   EXPECT_EQ(Motorctl(JogLine("zl", {"2", "--csv", "/absent/file"})).status, 1);
 }
 
