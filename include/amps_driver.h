@@ -9,8 +9,10 @@
 /// Drives two nodes (1 and 2 are read back) that keep their own PDO set-up: velocity goes out as an
 /// unconfirmed SDO write, position comes in the second half of TPDO1.
 ///
-/// Usual order: Init, StartNode for each node, then SetSpeed and GetSpeed once per period. Every
-/// write that is not confirmed prints its text on standard output without a line break.
+/// Usual order: zero into the target velocity of each node (0x2FF0 sub 9, by SdoWriteWithFeedback
+/// with command 0x2B), Init, StartNode for each node, then SetSpeed and GetSpeed once per period.
+/// Without the zeros a wheel may turn as soon as Init enables it. Every write that is not confirmed
+/// prints its text on standard output without a line break.
 ///
 /// Previous positions are kept once for the whole process: read speeds of all AMPSDriver objects
 /// from one thread. Lifetime and other thread rules: DriverCommon.

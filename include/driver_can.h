@@ -103,18 +103,11 @@ class MOTOR_DRIVER_EXPORT DriverCan {
   /// threads, see CanWrite().
   bool ApplyCurrentFilters();
 
-  /// Why the transport failed last; stays until CanRecover() or another failure.
-  ///
-  /// | Code | Meaning |
-  /// |---|---|
-  /// | 0 | none |
-  /// | 1 | no socket could be created, or it was closed during a recovery |
-  /// | 2 | interface not found, bind failed, or filters not restored in recovery |
-  /// | 3 | read failed (interface down: errno 100, removed: errno 19) |
-  /// | 4 | incomplete frame read |
-  /// | 5 | writing disabled: socket closed, or ten failed writes in a row |
-  ///
-  /// Any value but 0 means that CanRecover() is needed. Never blocks.
+  /// Why the transport failed last; stays until CanRecover() or another failure. 0: it did not.
+  /// 1: no socket. 2: not bound to the interface, or filters not restored. 3: reading failed. 4: an
+  /// incomplete frame was read. 5: writing is disabled. docs/threads-and-failures.md has what sets
+  /// each of them and what a host does. Any value but 0 means that CanRecover() is needed. Never
+  /// blocks.
   std::uint32_t GetCanError() const;
 
   /// Failed writes since the last good one. Never blocks.

@@ -12,8 +12,11 @@
 ///
 /// The direction of rotation is mirrored, in SetSpeed and in GetSpeed alike.
 ///
-/// Usual order: ActiveNode, EnableSpeedModeAndPdoMode, Init, then SetSpeed and GetSpeed once per
-/// period. Every write that is not confirmed prints one line on standard output.
+/// Usual order, for each node: zero into the target velocity (0x60FF sub 0, by
+/// SdoWriteWithFeedback), ActiveNode, EnableSpeedModeAndPdoMode, StartNode; then SetSpeed and
+/// GetSpeed once per period. Without the zero a wheel may turn as soon as it is enabled. Init is
+/// not enough: it starts node 2 only. Every write that is not confirmed prints one line on standard
+/// output.
 ///
 /// PDOs after EnableSpeedModeAndPdoMode, on the drive's default identifiers: RPDO1 (0x200 + node)
 /// target velocity in tenths of rpm; TPDO1 position, every period; TPDO4 error code and statusword.

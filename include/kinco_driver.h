@@ -22,8 +22,9 @@ extern MOTOR_DRIVER_EXPORT std::uint16_t g_period;
 /// Drives nodes with one motor each in the make's immediate-speed mode, and supervises them.
 ///
 /// Usual order: LoadDriverConfig, AddHeartbeatId for every node, StartErrorParsingLoop, then for
-/// each node Init, ActiveNode, EnableSpeedModeAndPdoMode; set_speed_command_enabled(true); then
-/// SetSpeed and GetSpeed once per period.
+/// each node Init, zero into the target velocity (0x60FF sub 0, by SdoWriteWithFeedback),
+/// ActiveNode, EnableSpeedModeAndPdoMode; set_speed_command_enabled(true); then SetSpeed and
+/// GetSpeed once per period. Without the zero a wheel may turn as soon as ActiveNode enables it.
 ///
 /// PDOs after EnableSpeedModeAndPdoMode: RPDO1 (0x200 + node) target velocity; TPDO1 (0x180 + node)
 /// position, every period; TPDO4 (0x480 + node), which this make counts as its TPDO3, error code,
@@ -42,7 +43,7 @@ class MOTOR_DRIVER_EXPORT KincoDriver : public DriverCommon {
   /// motor revolution, above 0.
   KincoDriver(const char* can_name, unsigned long pulses_per_revolution);
 
-  /// Stops the loop, then as DriverCommon. At most 200 ms, see StopErrorParsingLoop().
+  /// Stops the loop, then as DriverCommon: at most 100 ms more than StopErrorParsingLoop().
   ~KincoDriver() override;
 
   using DriverCommon::GetSpeed;
@@ -145,8 +146,9 @@ class MOTOR_DRIVER_EXPORT KincoDriver : public DriverCommon {
   /// thread can be started; StopErrorParsingLoop() then, before another attempt.
   void StartErrorParsingLoop();
 
-  /// Ends the loop and closes its socket; nothing to do when it does not run. At most 100 ms; on a
-  /// bus that takes no frame, up to 60 ms more for each node that is just being reset.
+  /// Ends the loop and closes its socket; nothing to do when it does not run. At most 100 ms,
+  /// 200 ms while the loop rebuilds its socket; on a bus that takes no frame, up to 60 ms more for
+  /// each node that is just being reset.
   void StopErrorParsingLoop();
 
   /// One pass of the emergency-stop supervision, run by the loop every 5 ms, not by the host: once

@@ -8,9 +8,11 @@
 
 /// Drives nodes with one motor each in profile velocity mode. Nodes 1 and 2 are read back.
 ///
-/// Usual order: ActiveNode, EnableSpeedModeAndPdoMode, StartNode, then SetSpeed and GetSpeed once
-/// per period. Every write that is not confirmed prints its text on standard output without a line
-/// break.
+/// Usual order: ActiveNode, which wakes the node, AddHeartbeatId, zero into the target velocity
+/// (0x60FF sub 0, by SdoWriteWithFeedback), EnableSpeedModeAndPdoMode, StartNode, then SetSpeed and
+/// GetSpeed once per period. Without the zero a wheel may turn as soon as it is enabled. A node
+/// that sleeps answers nothing before ActiveNode. Every write that is not confirmed prints its text
+/// on standard output without a line break.
 ///
 /// PDOs after EnableSpeedModeAndPdoMode: RPDO1 (0x200 + node) target velocity; TPDO1 (0x180 + node)
 /// position, every period.

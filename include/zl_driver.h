@@ -9,8 +9,10 @@
 /// Drives nodes with two motors each, addressed as sub-index 1 and 2 of the CiA 402 objects, in
 /// profile velocity mode.
 ///
-/// Usual order: ResetNode, ActiveNode, EnableSpeedModeAndPdoMode, StartNode, then SetSpeed and
-/// GetSpeed once per period. Every write that is not confirmed prints one line on standard output.
+/// Usual order: ResetNode, the time to boot, zero into both target velocities (0x60FF sub 1 and 2,
+/// by SdoWriteWithFeedback), ActiveNode, EnableSpeedModeAndPdoMode, StartNode, then SetSpeed and
+/// GetSpeed once per period. Without the zeros a wheel may turn as soon as it is enabled. Every
+/// write that is not confirmed prints one line on standard output.
 ///
 /// PDOs after EnableSpeedModeAndPdoMode: RPDO1 (0x200 + node) two target velocities; TPDO1
 /// (0x180 + node) two positions, every period; TPDO4 (0x480 + node) error code and statusword.
