@@ -65,9 +65,13 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "iproute2, kmod")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS
   "can-utils, user-mode-linux, qemu-system-x86, busybox-static, cpio")
 set(CPACK_DEBIAN_TOOLS_DESCRIPTION "servo drives of wheeled robots over CAN, programs
-Simulated servo drives on a CAN interface, a launcher that gives any command a
-kernel with SocketCAN, and an example configuration with the texts of error
-codes, for working with libmotor_driver with and without hardware.")
+motorctl commissions and diagnoses servo drives from the command line: it
+checks the bus, finds nodes, reads and writes their objects, turns a wheel and
+stops it, and stops the wheels when a host dies (motorctl guard).
+
+motor-drive-sim simulates drives on a CAN interface; with-can gives any command
+a kernel with SocketCAN. The package also contains the documents, the examples,
+descriptions of vehicles to begin with and the texts of error codes.")
 
 # The libraries' own package, which dpkg does not know while the packages are being made. One package
 # for both: they have the same version and change together.

@@ -42,6 +42,19 @@ install(FILES
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/packaging/vehicles
   DESTINATION ${CMAKE_INSTALL_DATADIR}/motor_driver COMPONENT tools)
 
+# The documents for hosts and the examples that they name, as they lie here, so that links lead
+# somewhere.
+if(MOTOR_DRIVER_DEBIAN)
+  set(documents_dir ${CMAKE_INSTALL_DATADIR}/doc/motor-driver-tools)
+else()
+  set(documents_dir ${CMAKE_INSTALL_DOCDIR})
+endif()
+install(FILES ${PROJECT_SOURCE_DIR}/README.md DESTINATION ${documents_dir} COMPONENT tools)
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs ${PROJECT_SOURCE_DIR}/examples
+  DESTINATION ${documents_dir} COMPONENT tools
+  FILES_MATCHING PATTERN *.md PATTERN *.svg PATTERN *.cpp PATTERN *.h
+  PATTERN adding_a_make.md EXCLUDE PATTERN reference EXCLUDE)
+
 if(MOTOR_DRIVER_TOOLS)
   install(TARGETS motor-drive-sim DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
   install(PROGRAMS ${PROJECT_SOURCE_DIR}/tools/with-can

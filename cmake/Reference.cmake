@@ -1,7 +1,12 @@
 # The reference as HTML, in reference/index.html of the build directory: target "reference".
 find_package(Doxygen QUIET)
 if(NOT DOXYGEN_FOUND)
-  message(STATUS "Doxygen not found: no target \"reference\"")
+  # Who asks for it is told what is missing.
+  add_custom_target(reference
+    COMMAND ${CMAKE_COMMAND} -E echo
+            "The reference needs Doxygen: tools/install-dependencies all, then configure again"
+    COMMAND ${CMAKE_COMMAND} -E false
+    VERBATIM)
   return()
 endif()
 
