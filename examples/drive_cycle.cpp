@@ -184,7 +184,8 @@ int ParseAndRun(int argc, char** argv) {
   std::vector<CLI::Option*> vehicle_options = {
       app.add_option("--interface", options.vehicle.interface, "CAN interface"),
       app.add_option("--node", options.nodes, "node-ID, may be given several times"),
-      app.add_option("--make", options.vehicle.make, "make of drive"),
+      app.add_option("--make", options.vehicle.make,
+                     "make of drive, as motor-drive-sim --list-makes names it"),
       app.add_option("--period-ms", options.period_ms, "PDO and control period"),
       app.add_option("--heartbeat-timeout", options.heartbeat_timeout_s,
                      "seconds without heartbeat that make a node dead")

@@ -21,6 +21,7 @@ function target(link, at) {
   if (at > 0) return "#" page(substr(link, 1, at - 1)) "-" substr(link, at + 1)
   return link ~ /\.md$/ ? "#" page(link) : ""
 }
+# An image keeps the name of its file alone: Doxygen looks for it in IMAGE_PATH.
 function links(line, out, text, link) {
   out = ""
   while (match(line, /\[[^]]*\]\([^)]*\)/)) {
@@ -29,7 +30,11 @@ function links(line, out, text, link) {
     sub(/^\[/, "", text)
     sub(/^.*\]\(/, "", link)
     sub(/\)$/, "", link)
-    link = target(link)
+    if (RSTART > 1 && substr(line, RSTART - 1, 1) == "!") {
+      sub(/^.*\//, "", link)
+    } else {
+      link = target(link)
+    }
     out = out substr(line, 1, RSTART - 1) (link == "" ? "`" text "`" : "[" text "](" link ")")
     line = substr(line, RSTART + RLENGTH)
   }

@@ -1,20 +1,25 @@
 #!/usr/bin/env bash
 # Installs the Debian packages of a directory into a scratch root, with the packages of this machine as
 # what is there already, and uses them as a host's developer does. Packages for another architecture
-# are only looked at.
+# are only looked at. tools/make-packages makes them, and "tools/install-dependencies all" installs what
+# this needs besides: dpkg-dev, lintian, CMake, Ninja, pkg-config and the compiler CXX.
 # Usage: debian_packages_test.sh DIRECTORY CXX
 set -euo pipefail
 
-directory=$(cd "$1" && pwd)
-cxx=$2
 here=$(cd "$(dirname "$0")" && pwd)
 # shellcheck source=/dev/null
 source "$here/installed_prefix.bash"
+directory=$(realpath "$1")
+cxx=$2
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 root=$scratch/root
 
+for program in dpkg-shlibdeps lintian cmake ninja pkg-config "$cxx"; do
+  command -v "$program" > /dev/null || fail "no $program: tools/install-dependencies all"
+done
 packages=("$directory"/*.deb)
+[[ -e ${packages[0]} ]] || fail "no packages in $directory: tools/make-packages makes them"
 names=$(for package in "${packages[@]}"; do dpkg-deb --field "$package" Package; done)
 names=$(sort <<< "$names" | tr '\n' ' ')
 [[ $names =~ ^libmotor-driver-dev\ libmotor-driver[0-9.]+\ motor-driver-tools\ $ ]] ||
@@ -47,7 +52,7 @@ dpkg_scratch=(dpkg --instdir="$root" --admindir="$scratch/dpkg" --force-not-root
 # The loader looks there without being told.
 LD_LIBRARY_PATH=$(dirname "$(find "$root" -name libmotor_driver.so)")
 export LD_LIBRARY_PATH
-check_installed_prefix "$root/usr" "$cxx" "$scratch"
+check_installed_prefix "$root/usr" "$cxx" "$scratch" motor-driver-tools
 
 # A host packaged in turn depends on the runtime package.
 mkdir -p "$scratch/host/debian" "$root/DEBIAN"

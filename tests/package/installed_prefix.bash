@@ -22,10 +22,29 @@ expect_output() {
   [[ $actual == "$expected" ]] || fail "$program printed: $actual"
 }
 
-# check_installed_prefix PREFIX CXX SCRATCH_DIRECTORY
+# check_documented_builds SOURCE_DIRECTORY PREFIX SCRATCH_DIRECTORY
+# What the documents tell a host's developer to type, with pkg-config set up for the prefix.
+check_documented_builds() {
+  local source=$1 prefix=$2 scratch=$3 command
+  command=$(grep '^g++ ' "$source/README.md")
+  (cd "$source" && bash -ec "${command/% -o first_turn/ -o $scratch/first_turn}") ||
+    fail "README: $command"
+  [[ -x $scratch/first_turn ]] || fail "README: $command made no program"
+
+  mkdir "$scratch/my_robot"
+  awk '/^```cmake$/ { inside = 1; next } /^```$/ { inside = 0 } inside' "$source/docs/install.md" \
+    > "$scratch/my_robot/CMakeLists.txt"
+  cp "$source/examples/without_hardware.cpp" "$scratch/my_robot/my_robot.cpp"
+  command=$(grep '^cmake -G ' "$source/docs/install.md")
+  (cd "$scratch/my_robot" && CMAKE_PREFIX_PATH=$prefix bash -ec "$command" > "$scratch/my_robot.log") ||
+    fail "docs/install.md: $command"
+  [[ -x $scratch/my_robot/build/my_robot ]] || fail "docs/install.md: no program"
+}
+
+# check_installed_prefix PREFIX CXX SCRATCH_DIRECTORY NAME_OF_DOCUMENTATION
 # Builds hosts against PREFIX, once with find_package and once with pkg-config, and runs them.
 check_installed_prefix() {
-  local prefix=$1 cxx=$2 scratch=$3
+  local prefix=$1 cxx=$2 scratch=$3 documents=$1/share/doc/$4
   local here version libdir headers header library soname program flags
   here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
   version=$(sed -n 's/^project(motor_driver VERSION \([0-9.]*\).*/\1/p' "$here/../../CMakeLists.txt")
@@ -51,6 +70,14 @@ check_installed_prefix() {
   done
   [[ -s $prefix/share/motor_driver/motor-host@.service ]] ||
     fail "motor-host@.service is not installed"
+
+  local document
+  for document in README.md docs/motorctl.md docs/wheels.md docs/jog.svg examples/drive_cycle.cpp; do
+    cmp "$here/../../$document" "$documents/$document" || fail "$document is not installed"
+  done
+  LD_LIBRARY_PATH=$libdir "$prefix/bin/motorctl" --version > "$scratch/version" ||
+    fail "motorctl --version"
+  [[ $(< "$scratch/version") == *"$version"* ]] || fail "motorctl is $(< "$scratch/version")"
 
   for header in $headers; do
     "$cxx" -std=c++17 "${warnings[@]}" -fsyntax-only -x c++ -I"$prefix/include/motor_driver" \
@@ -83,6 +110,8 @@ check_installed_prefix() {
   "$cxx" -std=c++17 "${warnings[@]}" "$here/../../examples/without_hardware.cpp" \
     -Wl,-rpath,"$libdir",--as-needed "${flags[@]}" -o "$scratch/without_hardware" || fail "build of without_hardware"
   "$scratch/without_hardware" > "$scratch/without_hardware.log" 2>&1 || fail "without_hardware"
+
+  check_documented_builds "$here/../.." "$prefix" "$scratch"
 
   echo "find_package and pkg-config consumers built and ran"
 }

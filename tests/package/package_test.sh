@@ -12,4 +12,4 @@ trap 'rm -rf "$scratch"' EXIT
 cmake --install "$1" --prefix "$scratch/first" > "$scratch/install.log"
 # A prefix may be staged in one place and used in another.
 mv "$scratch/first" "$scratch/prefix"
-check_installed_prefix "$scratch/prefix" "$2" "$scratch"
+check_installed_prefix "$scratch/prefix" "$2" "$scratch" motor_driver
