@@ -1,10 +1,14 @@
 #include "network.h"
 
+#include <net/if.h>
 #include <sched.h>
 #include <spawn.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <stdexcept>
 #include <system_error>
@@ -37,4 +41,18 @@ void EnterOwnNetwork(const std::string& interface, const std::string& far_interf
       {"ip", "link", "add", "dev", interface, "type", "vxcan", "peer", "name", far_interface});
   RunCommand({"ip", "link", "set", interface, "up"});
   RunCommand({"ip", "link", "set", far_interface, "up"});
+}
+
+void SetInterface(const std::string& interface, bool up) {
+  const int any = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  ifreq request = {};
+  std::copy_n(interface.data(), std::min(interface.size(), sizeof(request.ifr_name) - 1),
+              request.ifr_name);
+  bool done = ::ioctl(any, SIOCGIFFLAGS, &request) == 0;
+  const int flags = up ? request.ifr_flags | IFF_UP : request.ifr_flags & ~IFF_UP;
+  request.ifr_flags = static_cast<short>(flags);
+  done = done && ::ioctl(any, SIOCSIFFLAGS, &request) == 0;
+  const int error = errno;
+  ::close(any);
+  if (!done) throw std::system_error(error, std::generic_category(), interface);
 }
