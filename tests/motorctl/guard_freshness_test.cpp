@@ -4,12 +4,17 @@
 
 #include <chrono>
 #include <string>
+#include <thread>
 
 #include "guarded.h"
 
 namespace {
 
 using std::chrono::milliseconds;
+
+Arguments HangingLine(const std::string& deceleration, const Arguments& options = {}) {
+  return GuardLine({HANGING_HOST, deceleration}, options);
+}
 
 TEST_F(GuardTest, StopsTheWheelsOfAStoppedCommandAndLetsItGoOn) {
   Process guard(GuardedJog("8"));
@@ -59,6 +64,44 @@ TEST_F(GuardTest, LeavesACommandAloneWhoseWheelsAreOff) {
 TEST_F(GuardTest, FindsAHealthyHostFreshToItsEnd) {
   Process guard(GuardedJog("3", {"--fresh-ms", "300"}));
   EXPECT_EQ(guard.Wait(), 0) << guard.Err();
+  ExpectStanding();
+}
+
+// Without a guard's help.
+TEST_F(GuardTest, LeavesAHostAloneOfWhichOneThreadHangs) {
+  Process guard(HangingLine("300"));
+  ASSERT_TRUE(Turns()) << guard.Err();
+  const pid_t host = Host(guard);
+  EXPECT_TRUE(Eventually([this] { return drive_.SpeedRpm() == 0.0; }));
+  ExpectStanding();
+  EXPECT_TRUE(Lives(host));
+  EXPECT_EQ(guard.Err(), "");
+  guard.Signal(SIGTERM);
+  EXPECT_EQ(guard.Wait(), 128 + SIGTERM) << guard.Err();
+}
+
+TEST_F(GuardTest, FindsAHostFreshOfWhichOneThreadHangsOnceItsWheelStands) {
+  Process guard(HangingLine("300", {"--fresh-ms", "1000"}));
+  ASSERT_TRUE(Turns()) << guard.Err();
+  const pid_t host = Host(guard);
+  EXPECT_TRUE(Eventually([this] { return drive_.SpeedRpm() == 0.0; }));
+  std::this_thread::sleep_for(milliseconds(1500));
+  EXPECT_TRUE(Lives(host)) << guard.Err();
+  guard.Signal(SIGTERM);
+  EXPECT_EQ(guard.Wait(), 128 + SIGTERM) << guard.Err();
+}
+
+// The ramp of `Wheels` would take 12 s.
+TEST_F(GuardTest, EndsAHostOfWhichOneThreadHangsWhileItsWheelTurns) {
+  Process guard(HangingLine("5", {"--fresh-ms", "300"}));
+  ASSERT_TRUE(Turns()) << guard.Err();
+  ASSERT_TRUE(Eventually([this] { return drive_.SpeedRpm() > 59.5; }));
+  ASSERT_TRUE(Eventually([this] { return drive_.SpeedRpm() < 59.5; }));
+  const auto falls = bus::Clock::now();
+  EXPECT_EQ(guard.Wait(), 128 + SIGKILL) << guard.Err();
+  EXPECT_LT(bus::Clock::now() - falls, std::chrono::seconds(6));
+  EXPECT_TRUE(Contains(guard.Err(), "was ended (no sign of life for 300 ms) and ended by signal 9"))
+      << guard.Err();
   ExpectStanding();
 }
 
