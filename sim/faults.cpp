@@ -8,7 +8,15 @@
 namespace sim {
 namespace {
 
-enum class Form { kNothing, kNumber, kNumberAndAbort, kObject, kObjectAndAbort, kTimeAndError };
+enum class Form {
+  kNothing,
+  kNumber,
+  kNumberAndAbort,
+  kObject,
+  kObjectAndAbort,
+  kObjectAndValue,
+  kTimeAndError
+};
 
 struct Syntax {
   const char* name;
@@ -22,6 +30,7 @@ constexpr Syntax kSyntax[] = {
     {"ignore-write",       Fault::Kind::kIgnoreWrite,       Form::kNumber},
     {"abort-object",       Fault::Kind::kAbortObject,       Form::kObjectAndAbort},
     {"ignore-object",      Fault::Kind::kIgnoreObject,      Form::kObject},
+    {"abort-value",        Fault::Kind::kAbortValue,        Form::kObjectAndValue},
     {"delay-replies-ms",   Fault::Kind::kDelayReplies,      Form::kNumber},
     {"duplicate-replies",  Fault::Kind::kDuplicateReplies,  Form::kNothing},
     {"truncate-replies",   Fault::Kind::kTruncateReplies,   Form::kNumber},
@@ -77,6 +86,7 @@ const char* FaultHelp() {
          "  ignore-write=N                     neither perform nor answer the N-th SDO write\n"
          "  abort-object=INDEX[:SUB][/ABORT]   refuse every access to an object\n"
          "  ignore-object=INDEX[:SUB]          neither perform nor answer any access to an object\n"
+         "  abort-value=INDEX[:SUB]/VALUE      refuse every write of this value to an object\n"
          "  delay-replies-ms=N                 SDO replies leave N ms late\n"
          "  duplicate-replies                  send every SDO reply twice\n"
          "  truncate-replies=N                 cut SDO replies to N bytes, 0 to 7\n"
@@ -115,6 +125,11 @@ Fault ParseFault(std::string_view text) {
               ParseNumber(*code, text, std::numeric_limits<std::uint32_t>::max()));
         }
         break;
+      case Form::kObjectAndValue:
+        code = SplitOff(value, '/');
+        if (!code) Refuse(text, "needs an object and a value");
+        fault.number = ParseNumber(*code, text, std::numeric_limits<std::uint32_t>::max());
+        break;
       case Form::kTimeAndError:
         code = SplitOff(value, '/');
         if (!code) Refuse(text, "needs a time and an error code");
@@ -125,7 +140,8 @@ Fault ParseFault(std::string_view text) {
       case Form::kObject:
         break;
     }
-    if (syntax.form == Form::kObject || syntax.form == Form::kObjectAndAbort) {
+    if (syntax.form == Form::kObject || syntax.form == Form::kObjectAndAbort ||
+        syntax.form == Form::kObjectAndValue) {
       ParseObject(value, text, fault);
       return fault;
     }
@@ -167,7 +183,9 @@ SdoFaults::Verdict SdoFaults::Judge(const SdoRequest& request) {
   for (Fault& fault : faults_) {
     const bool of_object =
         access && fault.index == request.index && fault.sub.value_or(request.sub) == request.sub;
-    const bool counted_out = write && fault.number != 0 && --fault.number == 0;
+    const bool counts =
+        fault.kind == Fault::Kind::kAbortWrite || fault.kind == Fault::Kind::kIgnoreWrite;
+    const bool counted_out = counts && write && fault.number != 0 && --fault.number == 0;
     switch (fault.kind) {
       case Fault::Kind::kAbortWrite:
         if (counted_out) verdict = {Verdict::Action::kAbort, fault.abort_code};
@@ -177,6 +195,11 @@ SdoFaults::Verdict SdoFaults::Judge(const SdoRequest& request) {
         break;
       case Fault::Kind::kAbortObject:
         if (of_object) verdict = {Verdict::Action::kAbort, fault.abort_code};
+        break;
+      case Fault::Kind::kAbortValue:
+        if (of_object && write && request.value == fault.number) {
+          verdict = {Verdict::Action::kAbort, fault.abort_code};
+        }
         break;
       case Fault::Kind::kIgnoreObject:
         if (of_object) verdict = {Verdict::Action::kIgnore, AbortCode::kNone};

@@ -19,6 +19,7 @@ struct Fault {
     kIgnoreWrite,         // the number-th SDO write from now on is neither performed nor answered
     kAbortObject,         // every access to the object is refused with abort_code
     kIgnoreObject,        // no access to the object is performed or answered
+    kAbortValue,          // every write of `number` to the object is refused with abort_code
     kDelayReplies,        // SDO replies leave `number` ms late
     kDuplicateReplies,    // every SDO reply is sent twice
     kTruncateReplies,     // SDO replies are cut to `number` bytes

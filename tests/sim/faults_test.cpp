@@ -28,6 +28,11 @@ TEST(ParseFaultTest, ReadsEveryForm) {
   EXPECT_EQ(object.index, 0x6060);
   EXPECT_EQ(object.sub, 1);
   EXPECT_EQ(object.abort_code, AbortCode::kDeviceState);
+  const Fault value = ParseFault("abort-value=0x6060:1/0xFFFFFFFD");
+  EXPECT_EQ(value.kind, Fault::Kind::kAbortValue);
+  EXPECT_EQ(value.index, 0x6060);
+  EXPECT_EQ(value.sub, 1);
+  EXPECT_EQ(value.number, 0xFFFFFFFDU);
   EXPECT_EQ(ParseFault("ignore-object=24672").index, 0x6060);
   EXPECT_FALSE(ParseFault("ignore-object=0x6060").sub.has_value());
 
@@ -62,6 +67,9 @@ TEST(ParseFaultTest, RefusesWhatIsMalformed) {
                            "ignore-object=:1",
                            "ignore-object=0x6060:",
                            "ignore-object=0x6060/1",
+                           "abort-value=0x6060",
+                           "abort-value=0x6060/",
+                           "abort-value=0x6060/4294967296",
                            "truncate-replies=8",
                            "wrong-index=1",
                            "duplicate-replies=",
@@ -86,9 +94,9 @@ TEST(ParseFaultTest, SaysWhichFaultIsWrong) {
 
 TEST(ParseFaultTest, HelpNamesEveryFault) {
   for (const char* name :
-       {"abort-write", "ignore-write", "abort-object", "ignore-object", "delay-replies-ms",
-        "duplicate-replies", "truncate-replies", "wrong-index", "power-cut-after-ms",
-        "power-on-after-ms", "error-after-ms", "no-heartbeat-after-ms"}) {
+       {"abort-write", "ignore-write", "abort-object", "ignore-object", "abort-value",
+        "delay-replies-ms", "duplicate-replies", "truncate-replies", "wrong-index",
+        "power-cut-after-ms", "power-on-after-ms", "error-after-ms", "no-heartbeat-after-ms"}) {
     EXPECT_NE(std::string(FaultHelp()).find(name), std::string::npos) << name;
   }
 }
@@ -122,6 +130,20 @@ TEST(SdoFaultsTest, StrikesAnObjectInBothDirections) {
   EXPECT_EQ(faults.Judge(kRead).action, Action::kIgnore);
   EXPECT_EQ(faults.Judge(kWriteSub1).action, Action::kServe);
   EXPECT_EQ(faults.Judge(kWriteOther).action, Action::kServe);
+}
+
+TEST(SdoFaultsTest, StrikesOneValueOfAnObject) {
+  SdoFaults faults;
+  faults.Inject(ParseFault("abort-value=0x6060:0/3"));
+  SdoRequest other_value = kWrite;
+  other_value.value = 2;
+  for (int again = 0; again < 4; ++again) {
+    EXPECT_EQ(faults.Judge(kWrite).action, Action::kAbort);
+    EXPECT_EQ(faults.Judge(other_value).action, Action::kServe);
+    EXPECT_EQ(faults.Judge(kRead).action, Action::kServe);
+    EXPECT_EQ(faults.Judge(kWriteSub1).action, Action::kServe);
+    EXPECT_EQ(faults.Judge(kWriteOther).action, Action::kServe);
+  }
 }
 
 TEST(SdoFaultsTest, StrikesEverySubIndexWhenNoneIsGiven) {

@@ -114,6 +114,40 @@ TEST_P(DriveWatchdogTest, ADriveThatCannotWatchIsRefusedAndNamed) {
   }
 }
 
+// Quick stop is better: without voltage a wheel rolls until friction stops it.
+TEST_P(DriveWatchdogTest, ADriveWithoutQuickStopSwitchesItsMotorOff) {
+  SimulatedDrives drives(GetParam());
+  drives[2].Inject("abort-value=0x6007:0/3");
+  Wheels wheels(Watched(GetParam()));
+  ASSERT_TRUE(BroughtUp(wheels)) << wheels.GetReport().reason;
+  EXPECT_EQ(drives[1].ReadObject(0x6007, 0), 3U);
+  EXPECT_EQ(drives[2].ReadObject(0x6007, 0), 2U);
+  const Commanding host(wheels, 60);
+  ASSERT_TRUE(TurnsAt(drives, 60)) << wheels.GetReport().reason;
+  bus::TrafficControl("netem loss 100%", "can0");
+  EXPECT_TRUE(Eventually([&] { return drives.FastestRpm() < 0.5; }));
+  EXPECT_EQ(drives[2].ReadObject(0x603F, 0) & 0xFFFF, 0x8130U);
+  EXPECT_NE(drives[2].Statusword() & 0x6F, 0x27) << "still enabled";
+  bus::Command("tc qdisc del dev can0 root");
+  ASSERT_TRUE(WaitState(wheels, State::kFault));
+  EXPECT_EQ(wheels.GetReport().fault, Fault::kDriveError) << wheels.GetReport().reason;
+}
+
+TEST_P(DriveWatchdogTest, ADriveThatCannotActIsRefusedAndNamed) {
+  SimulatedDrives drives(GetParam());
+  drives[2].Inject("abort-value=0x6007:0/3");
+  drives[2].Inject("abort-value=0x6007:0/2");
+  Wheels wheels(Watched(GetParam()));
+  EXPECT_FALSE(wheels.BringUp());
+  const motor_driver::Report report = wheels.GetReport();
+  EXPECT_EQ(report.state, State::kOff);
+  EXPECT_EQ(report.fault, Fault::kSetUpRefused);
+  EXPECT_EQ(report.node, 2);
+  EXPECT_NE(report.reason.find("0x6007"), std::string::npos) << report.reason;
+  EXPECT_NE(report.reason.find("drive_watchdog 0 drives without"), std::string::npos)
+      << report.reason;
+}
+
 INSTANTIATE_TEST_SUITE_P(Makes, DriveWatchdogTest, ::testing::ValuesIn(wire::DriveMakes()),
                          NameOfMake<wire::DriveMake>);
 
