@@ -148,6 +148,34 @@ TEST_P(DriveWatchdogTest, ADriveThatCannotActIsRefusedAndNamed) {
       << report.reason;
 }
 
+// A transfer to it lasts 100 ms, and there are several.
+TEST_P(DriveWatchdogTest, ANodeThatIsSilentWhileItIsLookedAtTripsNoOther) {
+  SimulatedDrives drives(GetParam());
+  bus::FarEnd recorder;
+  Wheels wheels(Watched(GetParam()));
+  ASSERT_TRUE(BroughtUp(wheels)) << wheels.GetReport().reason;
+  {
+    const Commanding host(wheels, 60);
+    ASSERT_TRUE(TurnsAt(drives, 60)) << wheels.GetReport().reason;
+    ASSERT_FALSE(wheels.Stop(milliseconds(0))) << "a fault of no node";
+  }
+  ASSERT_TRUE(Eventually([&] { return drives.FastestRpm() == 0; }));
+  drives.Unplug(2);
+  recorder.Forget();
+  EXPECT_FALSE(wheels.Clear());
+  EXPECT_EQ(wheels.GetReport().node, 2) << wheels.GetReport().reason;
+  EXPECT_EQ(drives[1].ReadObject(0x603F, 0), 0U);
+  // Until nobody is to be watched any more.
+  std::size_t heartbeats = 0;
+  for (const std::string& frame : recorder.Frames()) {
+    if (frame == wire::SdoRequest(1) + "#2316100100000000") {
+      break;
+    }
+    heartbeats += frame == "77F#05" ? 1 : 0;
+  }
+  EXPECT_GE(heartbeats, 3U) << "during 300 ms of silence";
+}
+
 INSTANTIATE_TEST_SUITE_P(Makes, DriveWatchdogTest, ::testing::ValuesIn(wire::DriveMakes()),
                          NameOfMake<wire::DriveMake>);
 
