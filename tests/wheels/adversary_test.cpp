@@ -43,25 +43,18 @@ class AdversaryOfPdosTest : public AdversaryTest {};
 // Standstill that was measured before its reports ended proves nothing afterwards.
 TEST_P(AdversaryTest, AStopIsNotConfirmedByReportsFromBefore) {
   const wire::DriveMake& make = GetParam();
-  SimulatedDrives drives(make);
-  Wheels wheels(Patient(make));
-  ASSERT_TRUE(BroughtUp(wheels)) << wheels.GetReport().reason;
+  ReadyVehicle ready(make, Patient(make));
   std::this_thread::sleep_for(milliseconds(500));
-  drives.Unplug(2);
-  ASSERT_TRUE(WaitState(wheels, State::kFault));
-  EXPECT_FALSE(wheels.Stop(milliseconds(500))) << "wheel 2 cannot be measured";
+  ready.drives.Unplug(2);
+  ASSERT_TRUE(WaitState(ready.wheels, State::kFault));
+  EXPECT_FALSE(ready.wheels.Stop(milliseconds(500))) << "wheel 2 cannot be measured";
 }
 
 TEST_P(AdversaryTest, AnyStopLimitCounts) {
   const wire::DriveMake& make = GetParam();
-  SimulatedDrives drives(make);
-  Wheels wheels(Patient(make));
-  ASSERT_TRUE(BroughtUp(wheels)) << wheels.GetReport().reason;
-  {
-    const Commanding host(wheels, 30);
-    ASSERT_TRUE(TurnsAt(drives, 30));
-  }
-  EXPECT_TRUE(wheels.Stop(milliseconds::max())) << wheels.GetReport().reason;
+  ReadyVehicle ready(make, Patient(make));
+  { const TurningHost host(ready, 30); }
+  EXPECT_TRUE(ready.wheels.Stop(milliseconds::max())) << ready.wheels.GetReport().reason;
 }
 
 TEST_P(AdversaryTest, TheLongestHeartbeatTimeGetsReady) {
@@ -76,20 +69,16 @@ TEST_P(AdversaryTest, TheLongestHeartbeatTimeGetsReady) {
 // Neither PDO nor SDO is served in that state.
 TEST_P(AdversaryTest, ANodeThatAnotherMasterStoppedIsZeroedAndComesBack) {
   const wire::DriveMake& make = GetParam();
-  SimulatedDrives drives(make);
-  Wheels wheels(Patient(make));
-  ASSERT_TRUE(BroughtUp(wheels)) << wheels.GetReport().reason;
+  ReadyVehicle ready(make, Patient(make));
   bus::FarEnd other_master;
   {
-    const Commanding host(wheels, 60);
-    ASSERT_TRUE(TurnsAt(drives, 60));
+    const TurningHost host(ready, 60);
     other_master.Send("000#0202");
-    ASSERT_TRUE(WaitState(wheels, State::kFault));
+    ASSERT_TRUE(WaitState(ready.wheels, State::kFault));
   }
-  EXPECT_TRUE(Eventually([&] { return drives[2].SpeedRpm(1) == 0; }));
-  EXPECT_TRUE(wheels.Clear()) << wheels.GetReport().reason;
-  const Commanding host(wheels, 60);
-  EXPECT_TRUE(TurnsAt(drives, 60)) << wheels.GetReport().reason;
+  EXPECT_TRUE(Eventually([&] { return ready.drives[2].SpeedRpm(1) == 0; }));
+  EXPECT_TRUE(ready.wheels.Clear()) << ready.wheels.GetReport().reason;
+  const TurningHost host(ready, 60);
 }
 
 TEST_P(AdversaryTest, ANodeThatAnotherMasterStoppedBeforeIsBroughtUp) {
@@ -104,68 +93,57 @@ TEST_P(AdversaryTest, ANodeThatAnotherMasterStoppedBeforeIsBroughtUp) {
 // Its PDOs were taken away, but it serves SDOs.
 TEST_P(AdversaryOfPdosTest, AWheelThatHearsNoPdoAnyMoreIsZeroedByObject) {
   const wire::DriveMake& make = GetParam();
-  SimulatedDrives drives(make);
-  Wheels wheels(Patient(make));
-  ASSERT_TRUE(BroughtUp(wheels)) << wheels.GetReport().reason;
+  ReadyVehicle ready(make, Patient(make));
   {
-    const Commanding host(wheels, 60);
-    ASSERT_TRUE(TurnsAt(drives, 60));
-    drives[2].WriteObject(0x1400, 1, 0x80000202U);
+    const TurningHost host(ready, 60);
+    ready.drives[2].WriteObject(0x1400, 1, 0x80000202U);
   }
-  ASSERT_TRUE(WaitState(wheels, State::kFault));
-  EXPECT_TRUE(Eventually([&] { return drives[2].SpeedRpm(1) == 0; })) << "turns on for ever";
-  EXPECT_TRUE(wheels.Clear() || wheels.Clear()) << wheels.GetReport().reason;
+  ASSERT_TRUE(WaitState(ready.wheels, State::kFault));
+  EXPECT_TRUE(Eventually([&] { return ready.drives[2].SpeedRpm(1) == 0; })) << "turns on for ever";
+  EXPECT_TRUE(ready.wheels.Clear() || ready.wheels.Clear()) << ready.wheels.GetReport().reason;
   if (make.name == "hls") {
     return;  // whose set-up leaves the identifiers of its PDOs alone
   }
-  const Commanding host(wheels, 60);
-  EXPECT_TRUE(TurnsAt(drives, 60)) << wheels.GetReport().reason;
+  const TurningHost host(ready, 60);
 }
 
 // Both messages between two looks.
 TEST_P(AdversaryTest, ARestartWithinAPeriodIsAFault) {
   const wire::DriveMake& make = GetParam();
-  SimulatedDrives drives(make);
-  Wheels wheels(Patient(make));
-  ASSERT_TRUE(BroughtUp(wheels)) << wheels.GetReport().reason;
+  ReadyVehicle ready(make, Patient(make));
   bus::FarEnd liar;
   for (int i = 0; i < 20; ++i) {
     liar.Send("702#00");
     liar.Send("702#05");
     std::this_thread::sleep_for(milliseconds(3));
   }
-  ASSERT_TRUE(WaitState(wheels, State::kFault));
-  EXPECT_EQ(wheels.GetReport().fault, Fault::kNodeRestarted);
-  EXPECT_EQ(wheels.GetReport().node, 2);
-  EXPECT_TRUE(wheels.Clear()) << wheels.GetReport().reason;
+  ASSERT_TRUE(WaitState(ready.wheels, State::kFault));
+  EXPECT_EQ(ready.wheels.GetReport().fault, Fault::kNodeRestarted);
+  EXPECT_EQ(ready.wheels.GetReport().node, 2);
+  EXPECT_TRUE(ready.wheels.Clear()) << ready.wheels.GetReport().reason;
 }
 
 TEST_P(AdversaryTest, AnEmergencyMessageThatIsTakenBackWithinAPeriodIsAFault) {
   const wire::DriveMake& make = GetParam();
-  SimulatedDrives drives(make);
-  Wheels wheels(Patient(make));
-  ASSERT_TRUE(BroughtUp(wheels)) << wheels.GetReport().reason;
+  ReadyVehicle ready(make, Patient(make));
   bus::FarEnd liar;
   for (int i = 0; i < 20; ++i) {
     liar.Send("082#1081010000000000");
     liar.Send("082#0000000000000000");
     std::this_thread::sleep_for(milliseconds(3));
   }
-  ASSERT_TRUE(WaitState(wheels, State::kFault));
-  EXPECT_EQ(wheels.GetReport().fault, Fault::kDriveError);
-  EXPECT_EQ(wheels.GetReport().node, 2);
-  EXPECT_TRUE(wheels.Clear()) << wheels.GetReport().reason;
+  ASSERT_TRUE(WaitState(ready.wheels, State::kFault));
+  EXPECT_EQ(ready.wheels.GetReport().fault, Fault::kDriveError);
+  EXPECT_EQ(ready.wheels.GetReport().node, 2);
+  EXPECT_TRUE(ready.wheels.Clear()) << ready.wheels.GetReport().reason;
 }
 
 // Extended identifiers, remote requests and cut frames of the same numbers.
 TEST_P(AdversaryTest, FramesThatOnlyLookLikeTheirsChangeNothing) {
   const wire::DriveMake& make = GetParam();
-  SimulatedDrives drives(make);
-  Wheels wheels(Patient(make));
-  ASSERT_TRUE(BroughtUp(wheels)) << wheels.GetReport().reason;
+  ReadyVehicle ready(make, Patient(make));
   bus::FarEnd liar;
-  const Commanding host(wheels, 60);
-  ASSERT_TRUE(TurnsAt(drives, 60));
+  const TurningHost host(ready, 60);
   std::vector<std::string> frames = {"082#1081",
                                      "182#112233",
                                      "182#",
@@ -185,31 +163,27 @@ TEST_P(AdversaryTest, FramesThatOnlyLookLikeTheirsChangeNothing) {
     }
     std::this_thread::sleep_for(milliseconds(20));
   }
-  EXPECT_EQ(wheels.GetReport().state, State::kRunning) << wheels.GetReport().reason;
-  EXPECT_NEAR(wheels.GetWheel(1).measured_rpm, 60, 15);
+  EXPECT_EQ(ready.wheels.GetReport().state, State::kRunning) << ready.wheels.GetReport().reason;
+  EXPECT_NEAR(ready.wheels.GetWheel(1).measured_rpm, 60, 15);
 }
 
 // The interface goes every 50 ms, for a while.
 TEST_P(AdversaryTest, AFlappingInterfaceIsSurvived) {
   const wire::DriveMake& make = GetParam();
-  SimulatedDrives drives(make);
-  Wheels wheels(Patient(make));
-  ASSERT_TRUE(BroughtUp(wheels)) << wheels.GetReport().reason;
+  ReadyVehicle ready(make, Patient(make));
   {
-    const Commanding host(wheels, 60);
-    ASSERT_TRUE(TurnsAt(drives, 60));
+    const TurningHost host(ready, 60);
     for (int i = 0; i < 20; ++i) {
       bus::SetDown("can0");
       std::this_thread::sleep_for(milliseconds(50));
       bus::SetUp("can0");
       std::this_thread::sleep_for(milliseconds(50));
     }
-    EXPECT_TRUE(WaitState(wheels, State::kFault));
-    EXPECT_TRUE(Eventually([&] { return drives.FastestRpm() == 0; }));
+    EXPECT_TRUE(WaitState(ready.wheels, State::kFault));
+    EXPECT_TRUE(Eventually([&] { return ready.drives.FastestRpm() == 0; }));
   }
-  EXPECT_TRUE(wheels.Clear() || wheels.Clear()) << wheels.GetReport().reason;
-  const Commanding host(wheels, 60);
-  EXPECT_TRUE(TurnsAt(drives, 60)) << wheels.GetReport().reason;
+  EXPECT_TRUE(ready.wheels.Clear() || ready.wheels.Clear()) << ready.wheels.GetReport().reason;
+  const TurningHost host(ready, 60);
 }
 
 TEST_P(AdversaryTest, FlappingWhileItIsCleared) {

@@ -36,6 +36,15 @@ std::size_t CountOf(const std::vector<std::string>& records, const std::string& 
   return count;
 }
 
+void ExpectNode2Refused(const motor_driver::Report& report, const std::string& object) {
+  EXPECT_EQ(report.state, State::kOff);
+  EXPECT_EQ(report.fault, Fault::kSetUpRefused);
+  EXPECT_EQ(report.node, 2);
+  for (const std::string& text : {object, std::string("drive_watchdog 0 drives without")}) {
+    EXPECT_NE(report.reason.find(text), std::string::npos) << report.reason;
+  }
+}
+
 using DriveWatchdogTest = EveryMakeTest;
 
 TEST_P(DriveWatchdogTest, IsSetUpBeforeAnythingIsEnabledAndFedAllTheWhile) {
@@ -103,12 +112,7 @@ TEST_P(DriveWatchdogTest, ADriveThatCannotWatchIsRefusedAndNamed) {
   bus::FarEnd recorder;
   Wheels wheels(Watched(GetParam()));
   EXPECT_FALSE(wheels.BringUp());
-  const motor_driver::Report report = wheels.GetReport();
-  EXPECT_EQ(report.state, State::kOff);
-  EXPECT_EQ(report.fault, Fault::kSetUpRefused);
-  EXPECT_EQ(report.node, 2);
-  EXPECT_NE(report.reason.find("drive_watchdog 0 drives without"), std::string::npos)
-      << report.reason;
+  ExpectNode2Refused(wheels.GetReport(), "0x1016");
   for (const std::string& record : recorder.Frames()) {
     EXPECT_FALSE(wire::Enables(1, record) || wire::Enables(2, record)) << record;
   }
@@ -139,13 +143,7 @@ TEST_P(DriveWatchdogTest, ADriveThatCannotActIsRefusedAndNamed) {
   drives[2].Inject("abort-value=0x6007:0/2");
   Wheels wheels(Watched(GetParam()));
   EXPECT_FALSE(wheels.BringUp());
-  const motor_driver::Report report = wheels.GetReport();
-  EXPECT_EQ(report.state, State::kOff);
-  EXPECT_EQ(report.fault, Fault::kSetUpRefused);
-  EXPECT_EQ(report.node, 2);
-  EXPECT_NE(report.reason.find("0x6007"), std::string::npos) << report.reason;
-  EXPECT_NE(report.reason.find("drive_watchdog 0 drives without"), std::string::npos)
-      << report.reason;
+  ExpectNode2Refused(wheels.GetReport(), "0x6007");
 }
 
 // A transfer to it lasts 100 ms, and there are several.

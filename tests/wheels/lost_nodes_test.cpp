@@ -24,21 +24,18 @@ class LostNodesTest : public EveryMakeTest {
   // Node 2 is sent this NMT command while both wheels turn, and says the given heartbeat.
   void ExpectAllZeroedAfter(const std::string& command, const std::string& heartbeat) {
     const wire::DriveMake& make = GetParam();
-    SimulatedDrives drives(make);
-    Wheels wheels(TwoWheels(make));
-    ASSERT_TRUE(BroughtUp(wheels)) << wheels.GetReport().reason;
+    ReadyVehicle ready(make, TwoWheels(make));
     bus::FarEnd bus_record;
     {
-      const Commanding host(wheels, 60);
-      ASSERT_TRUE(TurnsAt(drives, 60));
+      const TurningHost host(ready, 60);
       bus_record.Send(command);
-      ASSERT_TRUE(WaitState(wheels, State::kFault));
+      ASSERT_TRUE(WaitState(ready.wheels, State::kFault));
       std::this_thread::sleep_for(milliseconds(650));
     }
-    EXPECT_EQ(wheels.GetReport().fault, Fault::kNodeRestarted);
-    EXPECT_EQ(wheels.GetReport().node, 2);
-    EXPECT_EQ(drives[1].SpeedRpm(), 0);
-    EXPECT_EQ(drives[2].SpeedRpm(), 0);
+    EXPECT_EQ(ready.wheels.GetReport().fault, Fault::kNodeRestarted);
+    EXPECT_EQ(ready.wheels.GetReport().node, 2);
+    EXPECT_EQ(ready.drives[1].SpeedRpm(), 0);
+    EXPECT_EQ(ready.drives[2].SpeedRpm(), 0);
 
     const Records records = bus_record.Records();
     const auto said = std::find_if(records.begin(), records.end(),
@@ -63,13 +60,10 @@ class LostNodesTest : public EveryMakeTest {
       EXPECT_LE(zeros.size(), 9U) << "but no oftener";
     }
     bus_record.Forget();
-    ASSERT_TRUE(wheels.Clear()) << wheels.GetReport().reason;
-    EXPECT_EQ(wheels.GetReport().fault, Fault::kNone);
-    {
-      const Commanding host(wheels, 60);
-      EXPECT_TRUE(TurnsAt(drives, 60)) << wheels.GetReport().reason;
-    }
-    EXPECT_TRUE(wheels.Stop());
+    ASSERT_TRUE(ready.wheels.Clear()) << ready.wheels.GetReport().reason;
+    EXPECT_EQ(ready.wheels.GetReport().fault, Fault::kNone);
+    { const TurningHost host(ready, 60); }
+    EXPECT_TRUE(ready.wheels.Stop());
     wire::ExpectZeroConfirmedFirst(make, {2}, bus_record.Records());
   }
 };
@@ -82,32 +76,28 @@ TEST_P(LostNodesTest, OneOfTwoNodesResetStopsBoth) { ExpectAllZeroedAfter("000#8
 
 TEST_P(LostNodesTest, ABusThatWasAwayForSixSecondsHearsZeroFirst) {
   const wire::DriveMake& make = GetParam();
-  SimulatedDrives drives(make);
-  Wheels wheels(TwoWheels(make));
-  ASSERT_TRUE(BroughtUp(wheels)) << wheels.GetReport().reason;
+  ReadyVehicle ready(make, TwoWheels(make));
   bus::FarEnd bus_record;
   {
-    const Commanding host(wheels, 60);
-    ASSERT_TRUE(TurnsAt(drives, 60));
+    const TurningHost host(ready, 60);
     bus::SetDown("can0");
-    ASSERT_TRUE(WaitState(wheels, State::kFault));
-    EXPECT_EQ(wheels.GetReport().fault, Fault::kBusFailed);
+    ASSERT_TRUE(WaitState(ready.wheels, State::kFault));
+    EXPECT_EQ(ready.wheels.GetReport().fault, Fault::kBusFailed);
     std::this_thread::sleep_for(seconds(6));
-    EXPECT_NEAR(drives.FastestRpm(), 60, 0.5) << "nobody can tell them";
+    EXPECT_NEAR(ready.drives.FastestRpm(), 60, 0.5) << "nobody can tell them";
     bus_record.Forget();
     bus::SetUp("can0");
-    EXPECT_TRUE(Eventually([&] { return drives.FastestRpm() == 0; }));
+    EXPECT_TRUE(Eventually([&] { return ready.drives.FastestRpm() == 0; }));
   }
   for (const bus::RecordedFrame& record : bus_record.Records()) {
     for (const int node : TwoNodes()) {
       EXPECT_EQ(wire::CommandedRpm(make, node, record.text).value_or(0), 0) << record.text;
     }
   }
-  EXPECT_EQ(wheels.GetReport().state, State::kFault) << "until the host clears it";
-  EXPECT_EQ(wheels.GetReport().fault, Fault::kBusFailed);
-  ASSERT_TRUE(wheels.Clear()) << wheels.GetReport().reason;
-  const Commanding host(wheels, 60);
-  EXPECT_TRUE(TurnsAt(drives, 60)) << wheels.GetReport().reason;
+  EXPECT_EQ(ready.wheels.GetReport().state, State::kFault) << "until the host clears it";
+  EXPECT_EQ(ready.wheels.GetReport().fault, Fault::kBusFailed);
+  ASSERT_TRUE(ready.wheels.Clear()) << ready.wheels.GetReport().reason;
+  const TurningHost host(ready, 60);
 }
 
 // As a host leaves it that crashed: enabled, and with a speed.
@@ -147,55 +137,49 @@ class EmergencyStopTest : public WheelsTest {
 };
 
 TEST_F(EmergencyStopTest, StaysAtZeroAfterTheReleaseUntilItIsCleared) {
-  SimulatedDrives drives(make_);
-  Wheels wheels(TwoWheels(make_));
-  ASSERT_TRUE(BroughtUp(wheels)) << wheels.GetReport().reason;
+  ReadyVehicle ready(make_, TwoWheels(make_));
   for (int round = 0; round < 2; ++round) {
-    const Commanding host(wheels, 60);
-    ASSERT_TRUE(TurnsAt(drives, 60)) << wheels.GetReport().reason;
+    const TurningHost host(ready, 60);
     bus::FarEnd bus_record;
-    PressAndRelease(drives, wheels);
+    PressAndRelease(ready.drives, ready.wheels);
     EXPECT_TRUE(pressed_in_time_);
-    EXPECT_EQ(wheels.GetReport().fault, Fault::kEmergencyStop);
+    EXPECT_EQ(ready.wheels.GetReport().fault, Fault::kEmergencyStop);
     const bus::Clock::time_point released = bus::Clock::now();
     // The drive class leads them out by itself, which enables them.
     ASSERT_TRUE(Eventually([&] {
-      return (drives[1].Statusword() & 0x6F) == 0x27 && (drives[2].Statusword() & 0x6F) == 0x27;
+      return (ready.drives[1].Statusword() & 0x6F) == 0x27 &&
+             (ready.drives[2].Statusword() & 0x6F) == 0x27;
     }));
     double fastest = 0;
     for (int i = 0; i < 100; ++i) {
-      fastest = std::max(fastest, drives.FastestRpm());
+      fastest = std::max(fastest, ready.drives.FastestRpm());
       std::this_thread::sleep_for(milliseconds(10));
     }
     EXPECT_EQ(fastest, 0);
-    EXPECT_EQ(wheels.GetReport().state, State::kFault);
+    EXPECT_EQ(ready.wheels.GetReport().state, State::kFault);
     for (const bus::RecordedFrame& record : bus_record.Records()) {
       if (record.time > released) {
         EXPECT_EQ(wire::CommandedRpm(make_, 1, record.text).value_or(0), 0) << record.text;
       }
     }
-    ASSERT_TRUE(wheels.Clear()) << wheels.GetReport().reason;
+    ASSERT_TRUE(ready.wheels.Clear()) << ready.wheels.GetReport().reason;
   }
-  EXPECT_TRUE(wheels.Stop());
+  EXPECT_TRUE(ready.wheels.Stop());
 }
 
 TEST_F(EmergencyStopTest, IsNotClearedWhileItIsPressed) {
-  SimulatedDrives drives(make_);
-  Wheels wheels(TwoWheels(make_));
-  ASSERT_TRUE(BroughtUp(wheels)) << wheels.GetReport().reason;
-  drives[2].PressEmergencyStop();
-  ASSERT_TRUE(WaitState(wheels, State::kFault));
-  EXPECT_FALSE(wheels.Clear());
-  EXPECT_EQ(wheels.GetReport().fault, Fault::kEmergencyStop);
-  EXPECT_EQ(wheels.GetReport().node, 2);
-  drives[2].ReleaseEmergencyStop();
-  EXPECT_TRUE(wheels.Clear()) << wheels.GetReport().reason;
+  ReadyVehicle ready(make_, TwoWheels(make_));
+  ready.drives[2].PressEmergencyStop();
+  ASSERT_TRUE(WaitState(ready.wheels, State::kFault));
+  EXPECT_FALSE(ready.wheels.Clear());
+  EXPECT_EQ(ready.wheels.GetReport().fault, Fault::kEmergencyStop);
+  EXPECT_EQ(ready.wheels.GetReport().node, 2);
+  ready.drives[2].ReleaseEmergencyStop();
+  EXPECT_TRUE(ready.wheels.Clear()) << ready.wheels.GetReport().reason;
 }
 
 TEST_F(EmergencyStopTest, WithHeldOutputsPressedAndReleasedStopsNoZeros) {
-  SimulatedDrives drives(make_);
-  Wheels wheels(TwoWheels(make_));
-  ASSERT_TRUE(BroughtUp(wheels)) << wheels.GetReport().reason;
+  ReadyVehicle ready(make_, TwoWheels(make_));
   bus::FarEnd bus_record;
   double fastest = 0;
   bool turned = false;
@@ -205,13 +189,13 @@ TEST_F(EmergencyStopTest, WithHeldOutputsPressedAndReleasedStopsNoZeros) {
   {
     const HeldOutput held_out(1);
     const HeldOutput held_error(2);
-    const Commanding host(wheels, 60);
-    turned = TurnsAt(drives, 60);
-    PressAndRelease(drives, wheels);
+    const Commanding host(ready.wheels, 60);
+    turned = TurnsAt(ready.drives, 60);
+    PressAndRelease(ready.drives, ready.wheels);
     begin = bus::Clock::now();
-    report = wheels.GetReport();
+    report = ready.wheels.GetReport();
     for (int i = 0; i < 300; ++i) {
-      fastest = std::max(fastest, drives.FastestRpm());
+      fastest = std::max(fastest, ready.drives.FastestRpm());
       std::this_thread::sleep_for(milliseconds(10));
     }
     end = bus::Clock::now();
@@ -233,7 +217,7 @@ TEST_F(EmergencyStopTest, WithHeldOutputsPressedAndReleasedStopsNoZeros) {
   }
   EXPECT_GT(zeros, 200) << "of 300 periods";
   EXPECT_LT(longest, milliseconds(200));
-  ASSERT_TRUE(wheels.Clear()) << wheels.GetReport().reason;
+  ASSERT_TRUE(ready.wheels.Clear()) << ready.wheels.GetReport().reason;
 }
 
 }  // namespace

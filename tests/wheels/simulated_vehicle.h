@@ -7,6 +7,7 @@
 #include <atomic>
 #include <chrono>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -151,3 +152,25 @@ inline bool TurnsAt(SimulatedDrives& drives, double rpm) {
 inline bool WaitState(const motor_driver::Wheels& wheels, motor_driver::State state) {
   return Eventually([&] { return wheels.GetReport().state == state; });
 }
+
+// The vehicle on its drives, brought up.
+struct ReadyVehicle {
+  ReadyVehicle(const wire::DriveMake& make, const motor_driver::Vehicle& vehicle)
+      : drives(make), wheels(vehicle) {
+    if (!BroughtUp(wheels)) {
+      throw std::runtime_error(wheels.GetReport().reason);
+    }
+  }
+
+  SimulatedDrives drives;
+  motor_driver::Wheels wheels;
+};
+
+// A host, and both wheels turn as it commands.
+struct TurningHost : Commanding {
+  TurningHost(ReadyVehicle& ready, double rpm) : Commanding(ready.wheels, rpm) {
+    if (!TurnsAt(ready.drives, rpm)) {
+      throw std::runtime_error("not turning: " + ready.wheels.GetReport().reason);
+    }
+  }
+};

@@ -112,19 +112,16 @@ TEST_F(StopOfAnyMakeTest, IsTrueAndSendsNothingBeforeTheBringUp) {
 }
 
 TEST_F(StopOfAnyMakeTest, InAFaultMeasuresAndLeavesTheFirstFault) {
-  SimulatedDrives drives(make_);
-  Wheels wheels(TwoWheels(make_));
-  ASSERT_TRUE(BroughtUp(wheels)) << wheels.GetReport().reason;
+  ReadyVehicle ready(make_, TwoWheels(make_));
   {
-    const Commanding host(wheels, 60);
-    ASSERT_TRUE(TurnsAt(drives, 60));
-    drives[2].LatchError(0x2310);
-    ASSERT_TRUE(WaitState(wheels, State::kFault));
+    const TurningHost host(ready, 60);
+    ready.drives[2].LatchError(0x2310);
+    ASSERT_TRUE(WaitState(ready.wheels, State::kFault));
   }
-  EXPECT_TRUE(wheels.Stop());
-  EXPECT_EQ(wheels.GetReport().state, State::kFault);
-  EXPECT_EQ(wheels.GetReport().fault, Fault::kDriveError);
-  EXPECT_EQ(wheels.GetReport().node, 2);
+  EXPECT_TRUE(ready.wheels.Stop());
+  EXPECT_EQ(ready.wheels.GetReport().state, State::kFault);
+  EXPECT_EQ(ready.wheels.GetReport().fault, Fault::kDriveError);
+  EXPECT_EQ(ready.wheels.GetReport().node, 2);
 }
 
 TEST_F(StopOfAnyMakeTest, WithBothOutputsHeldAndAWheelThatGoesOnTurningEndsInTime) {
