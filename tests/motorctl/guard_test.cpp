@@ -128,7 +128,7 @@ TEST_F(GuardTest, TakesItsHostDownWhenItIsKilledItself) {
   const pid_t host = Host(guard);
   guard.Signal(SIGKILL);
   EXPECT_EQ(guard.Wait(), -1);
-  EXPECT_TRUE(Eventually([this, host] { return !Lives(host); }));
+  EXPECT_TRUE(Eventually([host] { return !Lives(host); }));
   ExpectStanding();
 }
 
