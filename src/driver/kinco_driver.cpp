@@ -223,11 +223,10 @@ void KincoDriver::StopErrorParsingLoop() {
 }
 
 void KincoDriver::CheckEmergencyStop() {
-  kinco::NodeTable nodes;
-  {
+  const kinco::NodeTable nodes = [this] {
     const std::lock_guard<std::mutex> lock(status_mutex_);
-    nodes = *nodes_;
-  }
+    return *nodes_;
+  }();
   kinco::EmergencyStop& stop = kinco::g_emergency_stop;
   const bool input_active = nodes.AnyInput();
   if (!input_active && !nodes.AnyEmergency()) {
@@ -258,8 +257,8 @@ void KincoDriver::CheckEmergencyStop() {
       break;
   }
   bool all_reset = true;
-  for (std::uint8_t node = 0; node < kinco::NodeTable::kNodes; ++node) {
-    if (nodes.At(node).InEmergency() && !ResetDriverStatus(node, DriverStatus::EmergencyStop)) {
+  for (std::uint8_t node = 0; node < nodes.end(); ++node) {
+    if (nodes.Of(node).InEmergency() && !ResetDriverStatus(node, DriverStatus::EmergencyStop)) {
       CORVEL_LOG_ERROR("EmergencyStop reset failed. node: {}", node);
       all_reset = false;
     }

@@ -52,12 +52,12 @@ std::string Details(const NodeState& state) {
 }
 
 bool NodeTable::AnyEmergency() const {
-  return std::any_of(nodes_.begin(), nodes_.end(),
+  return std::any_of(nodes_.data(), nodes_.data() + end_,
                      [](const NodeState& state) { return state.InEmergency(); });
 }
 
 bool NodeTable::AnyInput() const {
-  return std::any_of(nodes_.begin(), nodes_.end(),
+  return std::any_of(nodes_.data(), nodes_.data() + end_,
                      [](const NodeState& state) { return state.HasInput(); });
 }
 

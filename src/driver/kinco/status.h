@@ -3,8 +3,8 @@
 
 #include <driver_common.h>
 
+#include <algorithm>
 #include <array>
-#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -43,18 +43,25 @@ std::string Details(const NodeState& state);
 // Every node there can be. Without a lock, and so that a copy allocates nothing.
 class NodeTable {
  public:
-  static constexpr std::size_t kNodes = 128;
+  static constexpr std::uint8_t kNodes = 128;
 
   // `node`: below kNodes.
-  NodeState& At(std::size_t node) { return nodes_[node]; }
+  NodeState& At(std::uint8_t node) {
+    end_ = std::max(end_, static_cast<std::uint8_t>(node + 1));
+    return nodes_[node];
+  }
   // Of any other node nothing is ever reported.
-  NodeState Of(std::size_t node) const { return node < kNodes ? nodes_[node] : NodeState(); }
+  NodeState Of(std::uint8_t node) const { return node < kNodes ? nodes_[node] : NodeState(); }
+
+  // Above the highest node heard: every pass looks at all below, and most vehicles have a few.
+  std::uint8_t end() const { return end_; }
 
   bool AnyEmergency() const;
   bool AnyInput() const;
 
  private:
   std::array<NodeState, kNodes> nodes_;
+  std::uint8_t end_ = 0;
 };
 
 }  // namespace motor_driver::kinco
