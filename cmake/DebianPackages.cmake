@@ -61,9 +61,9 @@ This package contains headers, the CMake package and the pkg-config files.")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME motor-driver-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
 # What with-can, a script, calls: no tool can compute that.
-set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "iproute2, kmod")
+set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "iproute2, kmod, python3")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS
-  "can-utils, user-mode-linux, qemu-system-x86, busybox-static, cpio")
+  "can-utils, user-mode-linux, qemu-system-x86, busybox-static, cpio, qemu-system-arm")
 set(CPACK_DEBIAN_TOOLS_DESCRIPTION "servo drives of wheeled robots over CAN, programs
 motorctl commissions and diagnoses servo drives from the command line: it
 checks the bus, finds nodes, reads and writes their objects, turns a wheel and

@@ -57,7 +57,23 @@ install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs ${PROJECT_SOURCE_DIR}/examples
 
 if(MOTOR_DRIVER_TOOLS)
   install(TARGETS motor-drive-sim DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
-  install(PROGRAMS ${PROJECT_SOURCE_DIR}/tools/with-can
+  # The launcher finds what it calls beside itself, as in the sources.
+  set(launcher_dir ${CMAKE_INSTALL_LIBEXECDIR}/motor_driver)
+  set(launcher_sources ${PROJECT_SOURCE_DIR}/tools)
+  install(PROGRAMS
+    ${launcher_sources}/with-can ${launcher_sources}/arm64-sysroot
+    ${launcher_sources}/install-dependencies
+    DESTINATION ${launcher_dir} COMPONENT tools)
+  install(PROGRAMS
+    ${launcher_sources}/guest/image ${launcher_sources}/guest/init ${launcher_sources}/guest/run
+    DESTINATION ${launcher_dir}/guest COMPONENT tools)
+  install(FILES
+    ${launcher_sources}/guest/initramfs-init ${launcher_sources}/guest/shared.sh
+    ${launcher_sources}/guest/kernels.py ${launcher_sources}/guest/streams.py
+    DESTINATION ${launcher_dir}/guest COMPONENT tools)
+  file(RELATIVE_PATH launcher /${CMAKE_INSTALL_BINDIR} /${launcher_dir}/with-can)
+  file(CREATE_LINK ${launcher} ${PROJECT_BINARY_DIR}/with-can SYMBOLIC)
+  install(FILES ${PROJECT_BINARY_DIR}/with-can
     DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
   install(FILES
     ${PROJECT_SOURCE_DIR}/packaging/man/motor-drive-sim.1
