@@ -1,6 +1,7 @@
 // Set-up of node 1 of an AMPS drive with a period of 10 ms.
 #pragma once
 
+#include <cstddef>
 #include <vector>
 
 #include "set_up_script.h"
@@ -26,5 +27,15 @@ inline std::vector<SetUpStep> WholeSetUp() {
   script.insert(script.end(), kPdos.begin(), kPdos.end());
   return script;
 }
+
+// Inhibit time.
+inline const std::vector<std::size_t> kVarying = {2};
+
+inline const std::vector<SetUpVariant> kVariants = {
+    {1, 10, "601", {"#2B0018030A000000"}, {}},
+    {2, 300, "602", {"#2B0018032C010000"}, {}},
+    {127, 65535, "67F", {"#2B001803FFFF0000"}, {}},
+    {3, 0, "603", {"#2B00180300000000"}, {}},
+};
 
 }  // namespace amps_script

@@ -1,6 +1,7 @@
 // Set-up of node 1 of an HLS drive with a period of 10 ms.
 #pragma once
 
+#include <cstddef>
 #include <vector>
 
 #include "set_up_script.h"
@@ -47,5 +48,17 @@ inline std::vector<SetUpStep> WholeSetUp() {
   script.push_back(kHeartbeat);
   return script;
 }
+
+// Event timer and inhibit time.
+inline const std::vector<std::size_t> kVarying = {12, 13};
+
+// The period is cut to one byte before it is sent: deliberate.
+inline const std::vector<SetUpVariant> kVariants = {
+    {1, 10, "601", {"#2F0018050A000000", "#2F0018030A000000"}, {}},
+    {2, 300, "602", {"#2F0018052C000000", "#2F0018032C000000"}, {}},
+    {127, 255, "67F", {"#2F001805FF000000", "#2F001803FF000000"}, {}},
+    {3, 65535, "603", {"#2F001805FF000000", "#2F001803FF000000"}, {}},
+    {1, 256, "601", {"#2F00180500000000", "#2F00180300000000"}, {}},
+};
 
 }  // namespace hls_script

@@ -1,6 +1,8 @@
 // Set-up of node 1 of a Kinco drive with a period of 10 ms.
 #pragma once
 
+#include <cstddef>
+#include <string>
 #include <vector>
 
 #include "set_up_script.h"
@@ -49,5 +51,42 @@ inline std::vector<SetUpStep> WholeSetUp() {
   script.push_back(kHeartbeat);
   return script;
 }
+
+// RPDO1, TPDO1, event timer, inhibit time, TPDO4.
+inline const std::vector<std::size_t> kVarying = {6, 10, 12, 13, 19};
+
+// The texts of three of them name the identifier.
+inline std::vector<std::string> VaryingTexts(const std::string& rpdo1, const std::string& tpdo1,
+                                             const std::string& tpdo4) {
+  return {"write error 0x1400, 0x01, " + rpdo1 + "\n", "write error 0x1800, 0x01, " + tpdo1 + "\n",
+          "write error 0x1800, 0x03, period*2\n", "write error 0x1800, 0x05, period*2\n",
+          "write error 0x1803, 0x01, " + tpdo4 + "\n"};
+}
+
+// clang-format off
+inline const std::vector<SetUpVariant> kVariants = {
+    {1, 1, "601",
+     {"#2300140101020000", "#2300180181010000",
+      "#2F00180501000000", "#2F00180301000000", "#2303180181040000"},
+     VaryingTexts("201", "181", "481")},
+    {2, 255, "602",
+     {"#2300140102020000", "#2300180182010000",
+      "#2F001805FF000000", "#2F001803FF000000", "#2303180182040000"},
+     VaryingTexts("202", "182", "482")},
+    // The period does not fit the byte: it goes out as it is.
+    {10, 300, "60A",
+     {"#230014010A020000", "#230018018A010000",
+      "#2F0018052C010000", "#2F0018032C010000", "#230318018A040000"},
+     VaryingTexts("20a", "18a", "48a")},
+    {127, 65535, "67F",
+     {"#230014017F020000", "#23001801FF010000",
+      "#2F001805FFFF0000", "#2F001803FFFF0000", "#23031801FF040000"},
+     VaryingTexts("27f", "1ff", "4ff")},
+    {3, 0, "603",
+     {"#2300140103020000", "#2300180183010000",
+      "#2F00180500000000", "#2F00180300000000", "#2303180183040000"},
+     VaryingTexts("203", "183", "483")},
+};
+// clang-format on
 
 }  // namespace kinco_script

@@ -2,8 +2,8 @@
 // library's own tables.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
-#include <ostream>
 #include <string>
 #include <vector>
 
@@ -39,16 +39,27 @@ inline std::string PrintedBy(const std::vector<SetUpStep>& script) {
   return text;
 }
 
-// What a case of a set-up test varies; the cases of a make add the frames that follow from it.
-struct NodeAndPeriod {
+// The set-up of another node, or with another period: what differs from that of node 1 with 10 ms.
+struct SetUpVariant {
   std::uint8_t node;
   std::uint16_t period_ms;
+  std::string request;               // identifier
+  std::vector<std::string> frames;   // the steps that vary, after the request identifier
+  std::vector<std::string> printed;  // their texts; none: all as those of node 1
 };
 
-inline std::ostream& operator<<(std::ostream& out, const NodeAndPeriod& varied) {
-  return out << "node " << int{varied.node} << ", period " << varied.period_ms << " ms";
-}
-
-inline std::string NameOf(const NodeAndPeriod& varied) {
-  return "Node" + std::to_string(varied.node) + "Period" + std::to_string(varied.period_ms);
+// `varying`: the positions of the steps that vary, counted from 0.
+inline std::vector<SetUpStep> Varied(std::vector<SetUpStep> script,
+                                     const std::vector<std::size_t>& varying,
+                                     const SetUpVariant& variant) {
+  for (std::size_t i = 0; i < varying.size(); ++i) {
+    script.at(varying[i]).frame = variant.frames.at(i);
+    if (!variant.printed.empty()) {
+      script[varying[i]].printed = variant.printed.at(i);
+    }
+  }
+  for (SetUpStep& step : script) {
+    step.frame = variant.request + step.frame.substr(step.frame.find('#'));
+  }
+  return script;
 }
