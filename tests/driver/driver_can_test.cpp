@@ -34,6 +34,7 @@
 #include <vector>
 
 #include "bus_environment.h"
+#include "eventually.h"
 #include "far_end.h"
 #include "output_capture.h"
 #include "processes.h"
@@ -41,6 +42,7 @@
 namespace {
 
 using std::chrono::milliseconds;
+using support::Eventually;
 using support::OutputCapture;
 using support::WithoutNumbers;
 using Texts = std::vector<std::string>;
@@ -78,18 +80,6 @@ std::string Repeated(const std::string& text, int times) {
   return result;
 }
 
-template <typename Condition>
-bool WaitUntil(Condition condition, milliseconds timeout = milliseconds(2000)) {
-  const auto deadline = bus::Clock::now() + timeout;
-  while (!condition()) {
-    if (bus::Clock::now() >= deadline) {
-      return false;
-    }
-    std::this_thread::sleep_for(milliseconds(1));
-  }
-  return true;
-}
-
 // Runs an operation that must not hang and tells how long it took.
 template <typename Operation>
 milliseconds TimeOf(const char* what, Operation operation) {
@@ -119,7 +109,7 @@ bool Write(DriverCan& can, const std::string& text) {
 
 // Everything in the queue, once it holds `count` frames.
 Texts Take(DriverCan& can, std::size_t count) {
-  EXPECT_TRUE(WaitUntil([&] { return can.GetReadQueueSize() >= count; }))
+  EXPECT_TRUE(Eventually([&] { return can.GetReadQueueSize() >= count; }))
       << can.GetReadQueueSize() << " frames of " << count;
   Texts texts;
   CanFrame taken;
@@ -337,7 +327,7 @@ TEST_F(DriverCanOpen, InitCanSocketReplacesTheSocketAndKeepsErrorAndCount) {
   DriverCan can("can0");
   bus::FarEnd far_end;
   bus::SetDown("can0");
-  ASSERT_TRUE(WaitUntil([&] { return can.GetCanError() == 3; }));
+  ASSERT_TRUE(Eventually([&] { return can.GetCanError() == 3; }));
   for (int i = 0; i < 9; ++i) {
     EXPECT_FALSE(Write(can, "123#"));
   }
@@ -351,7 +341,7 @@ TEST_F(DriverCanOpen, InitCanSocketReplacesTheSocketAndKeepsErrorAndCount) {
   EXPECT_EQ(can.GetWriteErrorCount(), 9U);
   far_end.Send("181#01");  // ends the read of the old socket
   far_end.Send("182#02");
-  EXPECT_TRUE(WaitUntil([&] { return can.GetReadQueueSize() >= 2; }));
+  EXPECT_TRUE(Eventually([&] { return can.GetReadQueueSize() >= 2; }));
   EXPECT_EQ(Take(can, 0).back(), "182#02");
 }
 
@@ -374,7 +364,7 @@ class DriverCanBus : public bus::BusTest {
  protected:
   // A socket that nobody reads any more reports the error of an interface that went down or away.
   void WaitForReadError() {
-    ASSERT_TRUE(WaitUntil([this] { return can_.GetCanError() == 3; }));
+    ASSERT_TRUE(Eventually([this] { return can_.GetCanError() == 3; }));
     std::this_thread::sleep_for(milliseconds(50));
   }
 
@@ -389,7 +379,7 @@ class DriverCanBus : public bus::BusTest {
   // Until the receive thread is blocked in its read.
   void WaitForReader() {
     far_end_.Send("7FF#");
-    EXPECT_TRUE(WaitUntil([this] { return can_.DropOneCanFrame(); }));
+    EXPECT_TRUE(Eventually([this] { return can_.DropOneCanFrame(); }));
     std::this_thread::sleep_for(milliseconds(50));
   }
 
@@ -436,7 +426,7 @@ TEST_F(DriverCanBus, ReadsIdentifiersWithTheirFlagsAndEveryLength) {
   for (const std::string& frame : frames) {
     far_end_.Send(frame);
   }
-  ASSERT_TRUE(WaitUntil([&] { return can_.GetReadQueueSize() == frames.size(); }));
+  ASSERT_TRUE(Eventually([&] { return can_.GetReadQueueSize() == frames.size(); }));
   const std::uint32_t identifiers[] = {0,
                                        0x7FF,
                                        0x123,
@@ -792,7 +782,7 @@ TEST_F(DriverCanBus, AnIncompleteFrameIsError4) {
   OutputCapture output;
   ASSERT_EQ(::write(ends[1], "short", 5), 5);
   far_end_.Send("181#01");
-  EXPECT_TRUE(WaitUntil([this] { return can_.GetCanError() == 4; }));
+  EXPECT_TRUE(Eventually([this] { return can_.GetCanError() == 4; }));
   EXPECT_EQ(WithoutNumbers(output.Out()), "[ERROR] read: incomplete CAN frame, bytes read: 5\n");
   EXPECT_EQ(Take(can_, 1), Texts{"181#01"});
   // Still read afterwards.
@@ -843,7 +833,7 @@ TEST_F(DriverCanBus, QueuesEveryFrameInOrder) {
     frames.push_back(Numbered(i));
     far_end_.Send(frames.back());
     if (i % 100 == 99) {  // the kernel's buffer holds 278
-      ASSERT_TRUE(WaitUntil([&] { return can_.GetReadQueueSize() == i + 1; }));
+      ASSERT_TRUE(Eventually([&] { return can_.GetReadQueueSize() == i + 1; }));
     }
   }
   EXPECT_EQ(Take(can_, frames.size()), frames);
@@ -872,7 +862,7 @@ TEST_F(DriverCanBus, AnEmptyQueueGivesNoFrameAndTouchesLittle) {
 
 TEST_F(DriverCanBus, UnpackedFramesCarryTheirPayloadOnly) {
   far_end_.Send("181#AABB");
-  ASSERT_TRUE(WaitUntil([this] { return can_.GetReadQueueSize() == 1; }));
+  ASSERT_TRUE(Eventually([this] { return can_.GetReadQueueSize() == 1; }));
   unsigned int can_id = 0;
   unsigned char data[8] = {1, 2, 3, 4, 5, 6, 7, 8};
   unsigned char len = 0;
@@ -886,7 +876,7 @@ TEST_F(DriverCanBus, UnpackedFramesCarryTheirPayloadOnly) {
 TEST_F(DriverCanBus, AFrameBeginsZeroed) {
   far_end_.Send("181#FFFFFFFFFFFFFFFF");
   far_end_.Send("182#01");
-  ASSERT_TRUE(WaitUntil([this] { return can_.GetReadQueueSize() == 2; }));
+  ASSERT_TRUE(Eventually([this] { return can_.GetReadQueueSize() == 2; }));
   EXPECT_TRUE(can_.DropOneCanFrame());
   CanFrame frame;
   ASSERT_TRUE(can_.GetCanFrame(frame));
@@ -898,7 +888,7 @@ TEST_F(DriverCanBus, DropsTheOldestFrame) {
   for (const char* frame : {"181#01", "182#02", "183#03"}) {
     far_end_.Send(frame);
   }
-  ASSERT_TRUE(WaitUntil([this] { return can_.GetReadQueueSize() == 3; }));
+  ASSERT_TRUE(Eventually([this] { return can_.GetReadQueueSize() == 3; }));
   EXPECT_TRUE(can_.DropOneCanFrame());
   EXPECT_EQ(can_.GetReadQueueSize(), 2U);
   EXPECT_EQ(Take(can_, 2), (Texts{"182#02", "183#03"}));
@@ -906,7 +896,7 @@ TEST_F(DriverCanBus, DropsTheOldestFrame) {
 
 TEST_F(DriverCanBus, ClearingKeepsOnlyWhatArrivesLater) {
   far_end_.Send("181#01");
-  ASSERT_TRUE(WaitUntil([this] { return can_.GetReadQueueSize() == 1; }));
+  ASSERT_TRUE(Eventually([this] { return can_.GetReadQueueSize() == 1; }));
   can_.ClearReadQueue();
   EXPECT_EQ(can_.GetReadQueueSize(), 0U);
   far_end_.Send("182#02");
@@ -929,7 +919,7 @@ TEST_F(DriverCanBus, ClearingWhileFramesArriveLosesNoLaterFrame) {
   const unsigned before = sent;
   can_.ClearReadQueue();
   sender.join();
-  ASSERT_TRUE(WaitUntil([this] {
+  ASSERT_TRUE(Eventually([this] {
     far_end_.Send("7FF#");
     std::this_thread::sleep_for(milliseconds(10));
     return can_.GetReadQueueSize() > 0;
@@ -956,7 +946,7 @@ TEST_F(DriverCanBus, TheHandlerConsumesWhatItAnswersWithTrue) {
   for (const char* frame : {"701#05", "181#01", "701#05", "702#05", "182#02"}) {
     far_end_.Send(frame);
   }
-  ASSERT_TRUE(WaitUntil([&] { return seen == 5; }));
+  ASSERT_TRUE(Eventually([&] { return seen == 5; }));
   EXPECT_EQ(Take(can_, 3), (Texts{"181#01", "702#05", "182#02"}));
 }
 
@@ -979,7 +969,7 @@ TEST_F(DriverCanBus, TheHandlerSeesWholeFramesInOrderOnTheReceiveThread) {
     frames.push_back(Numbered(i));
     far_end_.Send(frames.back());
   }
-  EXPECT_TRUE(WaitUntil([&] {
+  EXPECT_TRUE(Eventually([&] {
     const std::lock_guard<std::mutex> lock(mutex);
     return seen.size() == frames.size();
   }));
@@ -1053,7 +1043,7 @@ TEST_F(DriverCanBus, AHandlerIsReplacedWithoutWaitingForTheOneThatRuns) {
 
 TEST_F(DriverCanBus, TheQueueIsFreeWhileAHandlerRuns) {
   far_end_.Send("181#01");
-  ASSERT_TRUE(WaitUntil([this] { return can_.GetReadQueueSize() == 1; }));
+  ASSERT_TRUE(Eventually([this] { return can_.GetReadQueueSize() == 1; }));
   Gate gate;
   can_.SetFrameHandler([&](const CanFrame&) {
     gate.Pass();
@@ -1092,7 +1082,7 @@ TEST_F(DriverCanBus, AnExceptionOutOfTheHandlerEndsTheProcess) {
 TEST_F(DriverCanBus, FramesQueuedBeforeTheStopCanBeTakenAfterIt) {
   far_end_.Send("181#01");
   far_end_.Send("182#02");
-  ASSERT_TRUE(WaitUntil([this] { return can_.GetReadQueueSize() == 2; }));
+  ASSERT_TRUE(Eventually([this] { return can_.GetReadQueueSize() == 2; }));
   can_.StopReading();
   far_end_.Send("183#03");
   EXPECT_EQ(Take(can_, 2), (Texts{"181#01", "182#02"}));
@@ -1153,7 +1143,7 @@ TEST_F(DriverCanBus, StopsWithin100MsOnABusyBus) {
   OutputCapture output;
   const auto prepare = [&] {
     EXPECT_TRUE(can_.CanRecover());
-    EXPECT_TRUE(WaitUntil([this] { return can_.GetReadQueueSize() > 10; }));
+    EXPECT_TRUE(Eventually([this] { return can_.GetReadQueueSize() > 10; }));
     output.Clear();
   };
   EXPECT_LT(FastestTimeOf("stop on a busy bus", prepare, [this] { can_.StopReading(); }),
@@ -1259,7 +1249,7 @@ TEST_F(DriverCanBus, StopsWhileWritersWaitForAFullSendBuffer) {
       }
     });
   }
-  EXPECT_TRUE(WaitUntil([this] { return can_.GetWriteErrorCount() > 0; }));
+  EXPECT_TRUE(Eventually([this] { return can_.GetWriteErrorCount() > 0; }));
   const std::uint32_t failed_before = can_.GetWriteErrorCount();
   EXPECT_LT(TimeOf("stop while writers wait", [this] { can_.StopReading(); }), kHangs);
   for (std::thread& writer : writers) {
@@ -1337,11 +1327,11 @@ TEST_F(DriverCanOpen, ItsThreadBlocksEverySignalButTheFaultsOfItsOwn) {
   }
   DriverCan can("can0");
   // While it starts, a thread blocks even more.
-  EXPECT_TRUE(WaitUntil([&] { return BlockedByOtherThread() == expected; }))
+  EXPECT_TRUE(Eventually([&] { return BlockedByOtherThread() == expected; }))
       << std::hex << BlockedByOtherThread() << " instead of " << expected;
   EXPECT_TRUE(can.CanRecover());
   EXPECT_TRUE(support::WaitThreads(2));
-  EXPECT_TRUE(WaitUntil([&] { return BlockedByOtherThread() == expected; }))
+  EXPECT_TRUE(Eventually([&] { return BlockedByOtherThread() == expected; }))
       << std::hex << BlockedByOtherThread() << " instead of " << expected;
 }
 
@@ -1388,7 +1378,7 @@ TEST_F(DriverCanBus, RecoveryOnAHealthyBusKeepsHandlerAndFiltersOnly) {
   });
   SetFilters(can_, {{0x700, 0x780}, {0x181, 0x7FF}});
   far_end_.Send("181#01");
-  ASSERT_TRUE(WaitUntil([this] { return can_.GetReadQueueSize() == 1; }));
+  ASSERT_TRUE(Eventually([this] { return can_.GetReadQueueSize() == 1; }));
   const std::size_t descriptors = support::OpenDescriptors();
   const std::size_t threads = support::Threads();
   OutputCapture output;
@@ -1427,7 +1417,7 @@ TEST_F(DriverCanBus, RecoveryUnlatchesWriting) {
 
 TEST_F(DriverCanBus, RecoveryWithTheInterfaceAbsentFailsUntilItIsBack) {
   far_end_.Send("181#01");
-  ASSERT_TRUE(WaitUntil([this] { return can_.GetReadQueueSize() == 1; }));
+  ASSERT_TRUE(Eventually([this] { return can_.GetReadQueueSize() == 1; }));
   const std::size_t descriptors = support::OpenDescriptors();
   const std::size_t threads = support::Threads();
   bus::DeletePair();

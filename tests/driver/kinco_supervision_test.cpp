@@ -88,12 +88,11 @@ class KincoSupervisionTest : public bus::BusTest {
 
   // Passes every few milliseconds until one says something.
   static std::string NextWords(KincoDriver& driver) {
-    const auto deadline = bus::Clock::now() + milliseconds(3000);
     std::string words;
-    while (words.empty() && bus::Clock::now() < deadline) {
+    Eventually([&] {
       words = Pass(driver);
-      std::this_thread::sleep_for(milliseconds(2));
-    }
+      return !words.empty();
+    });
     return words;
   }
 };

@@ -5,13 +5,12 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
 #include <cstdint>
 #include <cstring>
 #include <string>
-#include <thread>
 #include <vector>
 
+#include "eventually.h"
 #include "far_end.h"
 
 // The least that is a drive: every operation that has a default keeps it. Counts its heartbeats.
@@ -33,18 +32,7 @@ class ObservedDriver : public DriverCommon {
   std::atomic<int> heartbeats{0};
 };
 
-// Polls until `condition` holds; false when it does not within two seconds.
-template <typename Condition>
-bool Eventually(Condition condition) {
-  const auto deadline = bus::Clock::now() + std::chrono::seconds(2);
-  while (!condition()) {
-    if (bus::Clock::now() > deadline) {
-      return false;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return true;
-}
+using support::Eventually;
 
 inline bool WaitQueued(DriverCan& driver, std::uint32_t count) {
   return Eventually([&] { return driver.GetReadQueueSize() >= count; });

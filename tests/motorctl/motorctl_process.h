@@ -14,9 +14,9 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
+#include "eventually.h"
 #include "makes.h"
 #include "processes.h"
 
@@ -24,6 +24,8 @@ using Json = nlohmann::json;
 using Arguments = std::vector<std::string>;
 
 constexpr auto kLongest = std::chrono::seconds(60);
+// The process under test needs the processor more than who looks at it.
+constexpr auto kPause = std::chrono::milliseconds(10);
 
 // kFullPipe: standard output is a pipe that nobody reads and that takes nothing any more.
 enum class Output { kFile, kTerminal, kFullPipe };
@@ -98,15 +100,14 @@ class Process {
 
   // The exit status, -1 when a signal ended it. Fails the test when it does not end.
   int Wait() {
-    const auto deadline = std::chrono::steady_clock::now() + kLongest;
     int status = 0;
-    while (::waitpid(child_, &status, WNOHANG) == 0) {
-      if (std::chrono::steady_clock::now() > deadline) {
-        ADD_FAILURE() << "motorctl does not end\n" << Out() << Err();
-        return -1;
-      }
-      Out();
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    const auto has_ended = [&] {
+      Out();  // or it waits for a reader of its terminal
+      return ::waitpid(child_, &status, WNOHANG) != 0;
+    };
+    if (!support::Eventually(has_ended, kLongest, kPause)) {
+      ADD_FAILURE() << "motorctl does not end\n" << Out() << Err();
+      return -1;
     }
     child_ = -1;
     Out();
@@ -161,15 +162,10 @@ inline Result Motorctl(const Arguments& arguments, const std::string& path = "",
   return result;
 }
 
-// Waits until the condition holds; false when it never does.
+// As long as a process may take.
 template <typename Condition>
 bool Eventually(Condition condition) {
-  const auto deadline = std::chrono::steady_clock::now() + kLongest;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  return true;
+  return support::Eventually(condition, kLongest, kPause);
 }
 
 inline bool Contains(const std::string& text, const std::string& part) {

@@ -2,17 +2,17 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "bus_environment.h"
+#include "eventually.h"
 #include "far_end.h"
 #include "sim/simulated_drive.h"
 
 namespace sim {
 
+using support::Eventually;
 using Texts = std::vector<std::string>;
 
 /// The drive on can1, a host's raw socket on can0.
@@ -30,15 +30,6 @@ class DriveOnBus : public bus::BusTest {
     for (const std::string& request : requests) {
       EXPECT_EQ(Exchange(host, request), Texts{"581#60" + request.substr(6, 6) + "00000000"});
     }
-  }
-
-  template <typename Condition>
-  static bool Eventually(Condition condition) {
-    for (int i = 0; i < 500; ++i) {
-      if (condition()) return true;
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return false;
   }
 };
 

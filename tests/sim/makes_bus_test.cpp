@@ -142,8 +142,9 @@ TEST_F(MakesOnBusTest, EachMakeStopsWhenTheHeartbeatOfItsHostCeases) {
   bus::FarEnd host("can0");
   for (const Make* make : AllMakes()) {
     SCOPED_TRACE(make->name);
+    host.Forget();
     SimulatedDrive drive(Of(std::string(make->name)));
-    ASSERT_TRUE(Eventually([&] { return drive.State() == NmtState::kPreOperational; }));
+    ASSERT_TRUE(host.WaitFrames(1)) << "its boot-up message";
     const std::string velocity = make->name == "zl" ? "601#23FF6001" : "601#23FF6000";
     WriteAll(host, {"601#2F60600003000000", "601#2B40600006000000", "601#2B4060000F000000",
                     velocity + "64000000", "601#2B07600003000000", "601#23161001F4017F00"});
@@ -156,7 +157,7 @@ TEST_F(MakesOnBusTest, EachMakeStopsWhenTheHeartbeatOfItsHostCeases) {
     EXPECT_TRUE(Eventually([&] { return drive.SpeedRpm() == 0.0; }));
     ASSERT_TRUE(host.WaitFrames(1));
     EXPECT_EQ(host.Frames()[0], "081#3081110000000000");
-    EXPECT_EQ(drive.Statusword() & 0xFF, 0x50);
+    EXPECT_TRUE(Eventually([&] { return (drive.Statusword() & 0xFFU) == 0x50; }));
   }
 }
 

@@ -9,6 +9,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "eventually.h"
+
 namespace bus {
 namespace {
 
@@ -29,13 +31,10 @@ bool Run(const std::string& command) { return std::system(command.c_str()) == 0;
 // The kernel lets frames through only some time after the second end was set up: what is sent
 // before is lost without an error.
 void WaitUntilCarrying() {
-  constexpr int kAttempts = 250;
-  for (int attempt = 0; attempt < kAttempts && IsUp("can0") && IsUp("can1"); ++attempt) {
-    if (Run("ip -br link show type vxcan | awk '$2 != \"UP\" { exit 1 }'")) {
-      return;
-    }
-    ::usleep(20'000);
-  }
+  support::Eventually([] {
+    const bool are_up = IsUp("can0") && IsUp("can1");
+    return !are_up || Run("ip -br link show type vxcan | awk '$2 != \"UP\" { exit 1 }'");
+  });
 }
 
 void Touch(const std::string& command) {

@@ -18,6 +18,8 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "eventually.h"
+
 namespace bus {
 namespace {
 
@@ -276,20 +278,13 @@ void FarEnd::Forget() {
 
 template <typename Condition>
 bool FarEnd::WaitFor(Condition condition, milliseconds timeout) {
-  const auto deadline = Clock::now() + timeout;
-  for (;;) {
-    Drain();
-    {
-      const std::lock_guard<std::mutex> lock(mutex_);
-      if (condition()) {
-        return true;
-      }
-    }
-    if (Clock::now() >= deadline) {
-      return false;
-    }
-    std::this_thread::sleep_for(milliseconds(1));
-  }
+  return support::Eventually(
+      [&] {
+        Drain();
+        const std::lock_guard<std::mutex> lock(mutex_);
+        return condition();
+      },
+      timeout);
 }
 
 bool FarEnd::WaitFrames(std::size_t count, milliseconds timeout) {

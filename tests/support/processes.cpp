@@ -13,6 +13,8 @@
 #include <iostream>
 #include <thread>
 
+#include "eventually.h"
+
 namespace support {
 namespace {
 
@@ -121,13 +123,7 @@ std::size_t Threads() {
 }
 
 bool WaitThreads(std::size_t count) {
-  for (int i = 0; i < 200; ++i) {
-    if (ThreadsNow() == count) {
-      return true;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return false;
+  return Eventually([count] { return ThreadsNow() == count; }, std::chrono::seconds(1));
 }
 
 }  // namespace support

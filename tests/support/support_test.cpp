@@ -8,6 +8,7 @@
 #include <iostream>
 
 #include "bus_environment.h"
+#include "eventually.h"
 #include "far_end.h"
 #include "output_capture.h"
 #include "processes.h"
@@ -131,6 +132,16 @@ TEST(OutputCaptureTest, CutsRollingNumbersOnly) {
   EXPECT_EQ(support::LogNumbers("  7 [INFO] a\nx\n127 [ERROR] c\n"), (std::vector<int>{7, 127}));
   EXPECT_TRUE(support::AreConsecutive({126, 127, 0, 1}));
   EXPECT_FALSE(support::AreConsecutive({1, 1}));
+}
+
+TEST(EventuallyTest, LooksUntilItHoldsOrTheTimeIsOver) {
+  int looks = 0;
+  EXPECT_TRUE(support::Eventually([&] { return ++looks == 3; }));
+  EXPECT_EQ(looks, 3);
+  const auto begin = bus::Clock::now();
+  EXPECT_FALSE(support::Eventually([] { return false; }, milliseconds(50)));
+  EXPECT_GE(bus::Clock::now() - begin, milliseconds(50));
+  EXPECT_TRUE(support::Eventually([] { return true; }, milliseconds(0))) << "looks once at least";
 }
 
 TEST(ProcessesTest, TellHowAChildEnded) {

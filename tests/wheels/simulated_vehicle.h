@@ -12,10 +12,12 @@
 #include <thread>
 #include <vector>
 
+#include "eventually.h"
 #include "far_end.h"
-#include "observed_driver.h"  // Eventually
 #include "sim/simulated_drive.h"
 #include "wire.h"
+
+using support::Eventually;
 
 // Times are short where a test waits for them.
 inline motor_driver::Vehicle TwoWheels(const wire::DriveMake& make) {

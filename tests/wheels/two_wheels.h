@@ -11,8 +11,10 @@
 #include <thread>
 #include <vector>
 
-#include "observed_driver.h"  // Eventually
+#include "eventually.h"
 #include "sim/simulated_drive.h"
+
+using support::Eventually;
 
 namespace two_wheels {
 
