@@ -51,6 +51,15 @@ class ClosedLoop {
     return failures;
   }
 
+  // Several times where an answer is lost or too late, as a host does; whether nothing failed.
+  bool ComesUp() {
+    bool up = BringUp() == 0;
+    for (int again = 0; again < 2 && !up; ++again) {
+      up = BringUp() == 0;
+    }
+    return up;
+  }
+
   bool Command(int rpm) {
     return make_.motors == 2 ? driver_->SetSpeed(kNode, rpm, -rpm) : driver_->SetSpeed(kNode, rpm);
   }

@@ -69,14 +69,3 @@ inline void ExpectHearsEverything(DriverCan& driver, bus::FarEnd& far_end) {
   Queue(driver, far_end, everything);
   EXPECT_EQ(TakeQueued(driver), everything);
 }
-
-// The outcome of an attempt of many SDO transfers. A machine that stalls for 100 ms makes a
-// time-out, which tells nothing: what is not as expected is tried again, twice at most.
-template <typename Outcome, typename Attempt>
-Outcome UpToThreeTimes(const Outcome& expected, Attempt attempt) {
-  Outcome outcome = attempt();
-  for (int again = 0; again < 2 && !(outcome == expected); ++again) {
-    outcome = attempt();
-  }
-  return outcome;
-}

@@ -53,72 +53,56 @@ class Observer : public SdoObserver {
 
 using Heard = std::vector<std::string>;
 
+// What an observer hears of a transfer with a node that answers this request so; empty: silence.
+template <typename Transfer>
+Heard HeardOf(const std::string& request, const std::string& answer, Transfer transfer) {
+  bus::FarEnd far_end;
+  auto expectation = far_end.Expect(request);
+  if (!answer.empty()) {
+    expectation.Reply(answer);
+  }
+  ObservedDriver driver("can0");
+  const Observer observer;
+  transfer(driver);
+  return observer.heard;
+}
+
+void Enable(ObservedDriver& driver) {
+  driver.SdoWriteWithFeedback(0x601, kDownload2, 0x6040, 0, 0x000F);
+}
+
 class SdoObserverTest : public bus::BusTest {};
 
 TEST_F(SdoObserverTest, CallsTheLateAnswerToAnotherRequestNoRefusal) {
-  const Heard expected = {"601 40 6040:00 00000000: misanswered, 0000000F"};
-  EXPECT_EQ(UpToThreeTimes(expected,
-                           [] {
-                             bus::FarEnd drive;
-                             drive.Expect("601#4040600000000000").Reply("581#604060000F000000");
-                             ObservedDriver driver("can0");
-                             const Observer observer;
-                             driver.SdoWriteWithFeedback(0x601, kUpload, 0x6040, 0, 0);
-                             return observer.heard;
-                           }),
-            expected);
+  EXPECT_EQ(HeardOf("601#4040600000000000", "581#604060000F000000",
+                    [](ObservedDriver& driver) {
+                      driver.SdoWriteWithFeedback(0x601, kUpload, 0x6040, 0, 0);
+                    }),
+            Heard{"601 40 6040:00 00000000: misanswered, 0000000F"});
 }
 
 TEST_F(SdoObserverTest, HearsOfAnAcceptedWrite) {
-  const Heard expected = {"601 2B 6040:00 0000000F: accepted, 00000000"};
-  EXPECT_EQ(UpToThreeTimes(expected,
-                           [] {
-                             bus::FarEnd far_end;
-                             ObservedDriver driver("can0");
-                             const Observer observer;
-                             far_end.Expect("601#2B4060000F000000").Reply("581#6040600000000000");
-                             driver.SdoWriteWithFeedback(0x601, kDownload2, 0x6040, 0, 0x000F);
-                             return observer.heard;
-                           }),
-            expected);
+  EXPECT_EQ(HeardOf("601#2B4060000F000000", "581#6040600000000000", Enable),
+            Heard{"601 2B 6040:00 0000000F: accepted, 00000000"});
 }
 
 TEST_F(SdoObserverTest, HearsTheValueOfAnAcceptedRead) {
-  const Heard expected = {"602 40 6064:01 00000000: accepted, 89ABCDEF"};
-  EXPECT_EQ(UpToThreeTimes(expected,
-                           [] {
-                             bus::FarEnd far_end;
-                             ObservedDriver driver("can0");
-                             const Observer observer;
-                             std::uint32_t value = 0;
-                             far_end.Expect("602#4064600100000000").Reply("582#43646001EFCDAB89");
-                             driver.SdoWriteWithFeedbackData(0x602, kUpload, 0x6064, 1, 0, &value);
-                             return observer.heard;
-                           }),
-            expected);
+  EXPECT_EQ(HeardOf("602#4064600100000000", "582#43646001EFCDAB89",
+                    [](ObservedDriver& driver) {
+                      std::uint32_t value = 0;
+                      driver.SdoWriteWithFeedbackData(0x602, kUpload, 0x6064, 1, 0, &value);
+                    }),
+            Heard{"602 40 6064:01 00000000: accepted, 89ABCDEF"});
 }
 
 TEST_F(SdoObserverTest, HearsTheAbortCodeOfARefusal) {
-  const Heard expected = {"601 2B 6040:00 0000000F: refused, 06090030"};
-  EXPECT_EQ(UpToThreeTimes(expected,
-                           [] {
-                             bus::FarEnd far_end;
-                             ObservedDriver driver("can0");
-                             const Observer observer;
-                             far_end.Expect("601#2B4060000F000000").Reply("581#8040600030000906");
-                             driver.SdoWriteWithFeedback(0x601, kDownload2, 0x6040, 0, 0x000F);
-                             return observer.heard;
-                           }),
-            expected);
+  EXPECT_EQ(HeardOf("601#2B4060000F000000", "581#8040600030000906", Enable),
+            Heard{"601 2B 6040:00 0000000F: refused, 06090030"});
 }
 
 TEST_F(SdoObserverTest, HearsOfSilence) {
-  bus::FarEnd far_end;
-  ObservedDriver driver("can0");
-  const Observer observer;
-  far_end.Expect("601#2B4060000F000000");
-  EXPECT_FALSE(driver.SdoWriteWithFeedback(0x601, kDownload2, 0x6040, 0, 0x000F));
-  EXPECT_EQ(observer.heard, Heard{"601 2B 6040:00 0000000F: silent, 00000000"});
+  EXPECT_EQ(HeardOf("601#2B4060000F000000", "", Enable),
+            Heard{"601 2B 6040:00 0000000F: silent, 00000000"});
 }
 
 TEST_F(SdoObserverTest, HearsOfWhatWasNotSent) {
@@ -144,17 +128,13 @@ TEST_F(SdoObserverTest, HearsEveryTransferOfASetUpInOrder) {
       "601 2B 6040:00 00000007: accepted, 00000000",
       "601 2B 6040:00 0000000F: accepted, 00000000",
   };
-  EXPECT_EQ(UpToThreeTimes(expected,
-                           [] {
-                             bus::FarEnd far_end;
-                             far_end.AnswerSdo(1).Abort(1, 0x08000022);
-                             KincoDriver driver("can0", 10000);
-                             const support::OutputCapture capture;
-                             const Observer observer;
-                             driver.SetSpeedMode(1);
-                             return observer.heard;
-                           }),
-            expected);
+  bus::FarEnd far_end;
+  far_end.AnswerSdo(1).Abort(1, 0x08000022);
+  KincoDriver driver("can0", 10000);
+  const support::OutputCapture capture;
+  const Observer observer;
+  driver.SetSpeedMode(1);
+  EXPECT_EQ(observer.heard, expected);
 }
 
 TEST_F(SdoObserverTest, HearsOfNoOtherThread) {

@@ -50,7 +50,7 @@ TEST_P(AllocationsTest, CommandAndGetWheelTakeNoMemory) {
     return allocations - before;
   };
   EXPECT_EQ(count(), 0U) << "off";
-  ASSERT_TRUE(two_wheels::BroughtUp(wheels));
+  ASSERT_TRUE(BroughtUp(wheels));
   EXPECT_EQ(count(), 0U) << "ready";
   ASSERT_TRUE(Eventually([&] {
     EXPECT_EQ(count(), 0U);

@@ -23,7 +23,6 @@ using motor_driver::VehicleError;
 using motor_driver::WheelReport;
 using motor_driver::Wheels;
 using std::chrono::milliseconds;
-using two_wheels::BroughtUp;
 using two_wheels::DriveMake;
 using two_wheels::DriveMakes;
 using two_wheels::Drives;

@@ -22,7 +22,7 @@ TEST_P(OdometryBusTest, CountsEveryRevolutionWhateverTheBusDoesToReports) {
   vehicle.command_timeout = vehicle.feedback_timeout = std::chrono::seconds(5);
   vehicle.heartbeat_timeout = std::chrono::seconds(10);
   motor_driver::Wheels wheels(vehicle);
-  ASSERT_TRUE(two_wheels::BroughtUp(wheels));
+  ASSERT_TRUE(BroughtUp(wheels));
   const std::int32_t begin[] = {drives.Position(0), drives.Position(1)};
   EXPECT_EQ(wheels.GetWheel(0).revolutions, 0);
 

@@ -63,7 +63,7 @@ TEST_P(RealtimeTest, TheThreadsThatCarryMotionHaveItAfterARecoveryToo) {
   Vehicle vehicle = two_wheels::VehicleOf(GetParam());
   vehicle.realtime_priority = 20;
   Wheels wheels(vehicle);
-  ASSERT_TRUE(two_wheels::BroughtUp(wheels));
+  ASSERT_TRUE(BroughtUp(wheels));
   const auto expect_scheduled = [&](const char* when) {
     const Scheduled seen = NewThreads(before, 20);
     // Control and receive thread; a supervision is one more and hears with another.
@@ -132,7 +132,7 @@ TEST_F(RefusedRealtimeTest, WithoutAPriorityAnOrdinaryUserMayDrive) {
               const DriveMake& zl = two_wheels::DriveMakes()[0];
               const two_wheels::Drives drives(zl);
               Wheels wheels(two_wheels::VehicleOf(zl));
-              return std::string(two_wheels::BroughtUp(wheels) ? "up\n" : "refused\n");
+              return std::string(BroughtUp(wheels) ? "up\n" : "refused\n");
             }),
             "up\n");
 }

@@ -12,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "brought_up.h"
 #include "eventually.h"
 #include "far_end.h"
 #include "sim/simulated_drive.h"
@@ -133,15 +134,6 @@ class Commanding {
   bus::Clock::time_point last_;
   std::thread thread_;
 };
-
-// Brings up, several times where a machine that stalled for 100 ms had one answer too late.
-inline bool BroughtUp(motor_driver::Wheels& wheels) {
-  bool up = wheels.BringUp();
-  for (int again = 0; again < 2 && !up; ++again) {
-    up = wheels.Clear();
-  }
-  return up;
-}
 
 // Both wheels reach the speed while it is commanded.
 inline bool TurnsAt(SimulatedDrives& drives, double rpm) {

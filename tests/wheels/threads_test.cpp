@@ -48,7 +48,7 @@ TEST_P(ThreadsTest, CommandAndReportsGoOnWhileOthersBringUpStopAndClear) {
     });
   }
   for (int round = 0; round < 3; ++round) {
-    EXPECT_TRUE(two_wheels::BroughtUp(wheels));
+    EXPECT_TRUE(BroughtUp(wheels));
     const int before = accepted;
     EXPECT_TRUE(Eventually([&] { return accepted > before + 20; }));
     // Two at a time: the second one waits.

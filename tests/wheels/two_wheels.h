@@ -11,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "brought_up.h"
 #include "eventually.h"
 #include "sim/simulated_drive.h"
 
@@ -79,16 +80,6 @@ class Drives {
  private:
   std::vector<std::unique_ptr<sim::SimulatedDrive>> drives_;
 };
-
-// A machine that stalls for 100 ms has one answer too late.
-inline bool BroughtUp(Wheels& wheels) {
-  bool up = wheels.BringUp();
-  for (int again = 0; again < 2 && !up; ++again) {
-    up = wheels.Clear();
-  }
-  EXPECT_TRUE(up) << wheels.GetReport().reason;
-  return up;
-}
 
 // Commands the same every 10 ms, on a thread of its own.
 class Host {
