@@ -1,0 +1,6 @@
+# For programs that mostly wait. The reader of arguments is all templates: optimising it costs a
+# developer's build more than everything that it serves. What is packaged is optimised.
+add_library(motor_driver_quick_to_compile INTERFACE)
+if(MOTOR_DRIVER_DEVELOPER AND NOT MOTOR_DRIVER_DEBIAN)
+  target_compile_options(motor_driver_quick_to_compile INTERFACE -O0)
+endif()
