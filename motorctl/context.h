@@ -40,6 +40,7 @@ struct Context {
   // Of --vehicle, with what the command line says besides in its place. Without --vehicle it has no
   // wheels.
   Vehicle vehicle;
+  std::string vehicle_file;    // of --vehicle; empty without it
   const Make* make = nullptr;  // of the vehicle; nullptr when it was not told
   bool json = false;
   bool verbose = false;
@@ -102,6 +103,7 @@ void AddJog(CLI::App& app, Context& context);
 void AddStop(CLI::App& app, Context& context);
 void AddGuard(CLI::App& app, Context& context);
 void AddMonitor(CLI::App& app, Context& context);
+void AddRecord(CLI::App& app, Context& context);
 void AddExplain(CLI::App& app, Context& context);
 void AddDecode(CLI::App& app, Context& context);
 void AddVehicle(CLI::App& app, Context& context);

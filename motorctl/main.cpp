@@ -36,6 +36,7 @@ std::string CheckMake(const std::string& name) {
 
 // The file first, then what the command line says.
 void TakeVehicle(const Named& named, Context& context) {
+  context.vehicle_file = named.vehicle;
   if (!named.vehicle.empty()) context.vehicle = motor_driver::LoadVehicle(named.vehicle);
   if (named.interface) context.vehicle.interface = *named.interface;
   if (named.make) context.vehicle.make = *named.make;
@@ -119,6 +120,7 @@ int Run(int argc, char** argv) {
   AddStop(app, context);
   AddGuard(app, context);
   AddMonitor(app, context);
+  AddRecord(app, context);
   AddExplain(app, context);
   AddDecode(app, context);
   AddVehicle(app, context);

@@ -3,7 +3,8 @@
 _motorctl_takes_value() {
   case $1 in
     --vehicle | --interface | --make | --counts-per-revolution | --from | --to | --period | --rpm | --rpm2 | \
-      --seconds | --limit | --fresh-ms | --ramp | --csv | --svg | --config) return 0 ;;
+      --seconds | --limit | --fresh-ms | --ramp | --csv | --svg | --config | --directory | --after | --memory-mb | \
+      --keep | --limit-mb) return 0 ;;
   esac
   return 1
 }
@@ -52,7 +53,7 @@ _motorctl() {
   case $command in
     '')
       options+=' --version'
-      words='doctor scan info sdo bring-up jog stop guard monitor explain decode vehicle'
+      words='doctor scan info sdo bring-up jog stop guard monitor record explain decode vehicle'
       ;;
     scan) options+=' --from --to' ;;
     bring-up) options+=' --period' ;;
@@ -60,6 +61,7 @@ _motorctl() {
     stop) options+=' --limit' ;;
     guard) options+=' --fresh-ms --prove --rpm --yes' ;;
     monitor) options+=' --once --seconds --poll --config' ;;
+    record) options+=' --directory --seconds --after --memory-mb --keep --limit-mb --now' ;;
     sdo)
       if ((position == 0)); then
         words='read write'
@@ -77,7 +79,7 @@ _motorctl() {
     case $previous in
       --interface) words=$(_motorctl_interfaces) ;;
       --make) words=$("${COMP_WORDS[0]}" --list-makes 2>/dev/null) ;;
-      --vehicle | --csv | --svg | --config) files=true ;;
+      --vehicle | --csv | --svg | --config | --directory) files=true ;;
     esac
   elif [[ $current == -* ]]; then
     words=$options files=false

@@ -32,7 +32,7 @@ listed() {
   "$motorctl" "$@" --help | grep -oE '^ +(-[a-z], *)?--[a-z0-9-]+' | grep -oE -e '--[a-z0-9-]+'
 }
 
-commands='bring-up decode doctor explain guard info jog monitor scan sdo stop vehicle'
+commands='bring-up decode doctor explain guard info jog monitor record scan sdo stop vehicle'
 expect "$commands" ''
 expect 'decode doctor' d
 expect 'jog' jo

@@ -1,0 +1,232 @@
+#include "incident.h"
+
+#include <fcntl.h>
+#include <sys/utsname.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <filesystem>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <system_error>
+#include <utility>
+
+#include "context.h"
+
+namespace motorctl {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::int64_t kNanosecondsPerSecond = 1'000'000'000;
+constexpr char kPrefix[] = "incident-";
+constexpr char kUnfinished[] = ".part";
+
+[[noreturn]] void Fail(const std::string& path, int error) {
+  throw CommandFailed("cannot write " + path + ": " + std::generic_category().message(error));
+}
+
+// A file that is on the disk once Finish has returned.
+class File {
+ public:
+  explicit File(std::string path)
+      : path_(std::move(path)), stream_(std::fopen(path_.c_str(), "we"), &std::fclose) {
+    if (stream_ == nullptr) Fail(path_, errno);
+  }
+
+  void Write(const std::string& text) {
+    if (std::fwrite(text.data(), 1, text.size(), stream_.get()) != text.size()) Fail(path_, errno);
+  }
+
+  void Finish() {
+    if (std::fflush(stream_.get()) != 0 || ::fsync(::fileno(stream_.get())) != 0) {
+      Fail(path_, errno);
+    }
+  }
+
+ private:
+  const std::string path_;
+  std::unique_ptr<FILE, int (*)(FILE*)> stream_;
+};
+
+void WriteFile(const std::string& path, const std::string& text) {
+  File file(path);
+  file.Write(text);
+  file.Finish();
+}
+
+void SyncDirectory(const std::string& path) {
+  const int directory = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (directory < 0) Fail(path, errno);
+  ::fsync(directory);
+  ::close(directory);
+}
+
+// What a program prints; it is ended when it takes too long. `command` holds numbers and the name
+// of an interface, which a shell leaves alone.
+std::string OutputOf(const std::string& command) {
+  const std::unique_ptr<FILE, int (*)(FILE*)> program(
+      ::popen(("timeout 20 " + command).c_str(), "re"), &::pclose);
+  std::string output;
+  if (program == nullptr) return output;
+  char buffer[4096];
+  for (std::size_t bytes = 0; (bytes = std::fread(buffer, 1, sizeof(buffer), program.get())) > 0;) {
+    output.append(buffer, bytes);
+  }
+  return output;
+}
+
+std::string EventLine(const BusEvent& event, bool trigger) {
+  const double time = static_cast<double>(event.nanoseconds / 1000) / 1e6;
+  using Json = nlohmann::ordered_json;
+  return Json{{"time", time},
+              {"event", event.kind},
+              {"trigger", trigger},
+              {"node", event.node > 0 ? Json(event.node) : Json(nullptr)},
+              {"text", event.text},
+              {"frame", event.frame.empty() ? Json(nullptr) : Json(event.frame)}}
+             .dump() +
+         "\n";
+}
+
+std::uintmax_t SizeOf(const fs::path& folder) {
+  std::uintmax_t bytes = 0;
+  std::error_code ignored;
+  for (const fs::directory_entry& entry : fs::directory_iterator(folder, ignored)) {
+    const std::uintmax_t size = entry.file_size(ignored);
+    if (!ignored) bytes += size;
+  }
+  return bytes;
+}
+
+// Whether a name is `before`, a time and `after`: names of interfaces may end alike.
+bool IsNamed(const std::string& name, const std::string& before, const std::string& after) {
+  return name.size() == before.size() + TimeName(0).size() + after.size() &&
+         name.compare(0, before.size(), before) == 0 &&
+         name.compare(name.size() - after.size(), after.size(), after) == 0;
+}
+
+}  // namespace
+
+std::string TimeName(std::int64_t nanoseconds) {
+  const time_t second = nanoseconds / kNanosecondsPerSecond;
+  tm utc = {};
+  ::gmtime_r(&second, &utc);
+  char day[40];
+  std::strftime(day, sizeof(day), "%Y%m%dT%H%M%S", &utc);
+  char name[64];
+  std::snprintf(name, sizeof(name), "%s.%03dZ", day,
+                static_cast<int>(nanoseconds % kNanosecondsPerSecond / 1'000'000));
+  return name;
+}
+
+IncidentStore::IncidentStore(std::string directory, std::string interface,
+                             const RecordLimits& limits, std::string vehicle_text)
+    : directory_(std::move(directory)),
+      interface_(std::move(interface)),
+      limits_(limits),
+      vehicle_text_(std::move(vehicle_text)) {
+  std::error_code error;
+  fs::create_directories(directory_, error);
+  if (!error) {
+    const std::string probe = directory_ + "/.record-" + interface_;
+    const int file = ::open(probe.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    if (file < 0) error = std::error_code(errno, std::generic_category());
+    if (file >= 0) ::close(file);
+    ::unlink(probe.c_str());
+  }
+  if (error) {
+    throw CommandFailed("cannot write to " + directory_ + ": " + error.message() +
+                        "; name another place with --directory");
+  }
+}
+
+void IncidentStore::RemoveUnfinished() const {
+  std::error_code ignored;
+  for (const fs::directory_entry& entry : fs::directory_iterator(directory_, ignored)) {
+    if (IsNamed(entry.path().filename(), std::string(".") + kPrefix,
+                "-" + interface_ + kUnfinished)) {
+      fs::remove_all(entry.path(), ignored);
+    }
+  }
+}
+
+// Of this interface only: others have limits of their own. The newest stays, whatever its size.
+void IncidentStore::KeepLimits() const {
+  std::vector<std::pair<fs::path, std::uintmax_t>> folders;
+  std::uintmax_t total = 0;
+  std::error_code ignored;
+  for (const fs::directory_entry& entry : fs::directory_iterator(directory_, ignored)) {
+    if (!IsNamed(entry.path().filename(), kPrefix, "-" + interface_)) continue;
+    folders.emplace_back(entry.path(), SizeOf(entry.path()));
+    total += folders.back().second;
+  }
+  std::sort(folders.begin(), folders.end());
+  for (std::size_t i = 0; i + 1 < folders.size(); ++i) {
+    if (folders.size() - i <= limits_.count && total <= limits_.bytes) return;
+    fs::remove_all(folders[i].first, ignored);
+    total -= folders[i].second;
+  }
+}
+
+void IncidentStore::WriteSystem(const std::string& path, const Incident& incident) const {
+  utsname kernel = {};
+  ::uname(&kernel);
+  std::string text = std::string("motorctl ") + MOTORCTL_VERSION + "\n" + kernel.sysname + " " +
+                     kernel.release + " " + kernel.version + " " + kernel.machine + "\n";
+  if (!incident.hears_sent) {
+    text += "recorded without CAP_NET_RAW: what this machine sent is missing\n";
+  }
+  text += "frames lost by the recorder since its start: " + std::to_string(incident.lost_frames) +
+          "\nevents not listed: " + std::to_string(incident.unlisted_events) + "\n\n" +
+          OutputOf("ip -details -statistics link show dev " + interface_ + " 2>&1");
+  if (!vehicle_text_.empty()) text += "\nvehicle:\n" + vehicle_text_;
+  WriteFile(path, text);
+}
+
+std::string IncidentStore::Write(const Incident& incident, const FrameRing& frames) const {
+  const std::string name = kPrefix + TimeName(incident.trigger.nanoseconds) + "-" + interface_;
+  const std::string unfinished = directory_ + "/." + name + kUnfinished;
+  const std::string finished = directory_ + "/" + name;
+  try {
+    std::error_code error;
+    fs::create_directory(unfinished, error);
+    if (error) Fail(unfinished, error.value());
+
+    File log(unfinished + "/bus.log");
+    for (std::size_t i = incident.first_frame; i < frames.size(); ++i) {
+      log.Write(LogLine(frames.at(i), interface_));
+    }
+    log.Finish();
+    File events(unfinished + "/events.jsonl");
+    bool found = false;
+    for (const BusEvent& event : incident.events) {
+      const bool trigger = !found && event.nanoseconds == incident.trigger.nanoseconds &&
+                           event.kind == incident.trigger.kind;
+      found = found || trigger;
+      events.Write(EventLine(event, trigger));
+    }
+    events.Finish();
+    WriteSystem(unfinished + "/system.txt", incident);
+    const std::string journal =
+        OutputOf("journalctl --quiet --no-pager --output=short-iso-precise --since=@" +
+                 std::to_string(incident.begin / kNanosecondsPerSecond) + " --until=@" +
+                 std::to_string(incident.end / kNanosecondsPerSecond + 1) + " 2>/dev/null");
+    if (!journal.empty()) WriteFile(unfinished + "/journal.txt", journal);
+
+    SyncDirectory(unfinished);
+    if (::rename(unfinished.c_str(), finished.c_str()) != 0) Fail(finished, errno);
+    SyncDirectory(directory_);
+  } catch (...) {
+    std::error_code ignored;
+    fs::remove_all(unfinished, ignored);
+    throw;
+  }
+  KeepLimits();
+  return finished;
+}
+
+}  // namespace motorctl

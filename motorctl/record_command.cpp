@@ -1,0 +1,61 @@
+// motorctl record [--directory DIR] [--now]
+#include <CLI/CLI.hpp>
+#include <memory>
+#include <string>
+
+#include "context.h"
+#include "record_control.h"
+#include "recorder.h"
+
+namespace motorctl {
+namespace {
+
+struct Options {
+  RecordPlan plan;
+  std::size_t limit_mb = 200;
+  bool now = false;
+};
+
+int AskNow(const Context& context) {
+  const std::string outcome = AskForRecord(context.vehicle.interface);
+  const std::string text = outcome.substr(1);
+  if (outcome[0] != '+') throw CommandFailed("not recorded: " + text);
+  context.Line(text);
+  return kSuccess;
+}
+
+}  // namespace
+
+void AddRecord(CLI::App& app, Context& context) {
+  const auto options = std::make_shared<Options>();
+  RecordPlan& plan = options->plan;
+  CLI::App* const command = app.add_subcommand(
+      "record", "keep the last minute of the bus, both directions, and write it when it matters");
+  command->add_option("--directory", plan.directory, "where the folders of incidents go (.)")
+      ->type_name("DIR");
+  command->add_option("--seconds", plan.seconds, "how much before an event is written (60)")
+      ->check(Between(0, 3600))
+      ->type_name("S");
+  command->add_option("--after", plan.after, "how much after it (5)")
+      ->check(Between(0, 600))
+      ->type_name("S");
+  command->add_option("--memory-mb", plan.memory_mb, "for frames of 24 bytes (32)")
+      ->check(CLI::Range(1, 1024))
+      ->type_name("MB");
+  command->add_option("--keep", plan.limits.count, "as many folders, then the oldest goes (20)")
+      ->check(CLI::Range(1, 10'000))
+      ->type_name("COUNT");
+  command->add_option("--limit-mb", options->limit_mb, "of all folders together (200)")
+      ->check(CLI::Range(1, 1'000'000))
+      ->type_name("MB");
+  command->add_flag("--now", options->now, "have the recorder that runs write what it has");
+  command->callback([&context, options] {
+    options->plan.limits.bytes = std::uintmax_t{options->limit_mb} * 1'000'000;
+    context.run = [&context, options] {
+      if (options->now) return AskNow(context);
+      return Recorder(context, options->plan).Run();
+    };
+  });
+}
+
+}  // namespace motorctl

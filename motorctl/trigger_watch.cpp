@@ -1,0 +1,182 @@
+#include "trigger_watch.h"
+
+#include <linux/can.h>
+#include <linux/can/error.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "decode.h"
+#include "words.h"
+
+namespace motorctl {
+namespace {
+
+constexpr std::uint32_t kNmt = 0x000;
+constexpr std::uint32_t kEmergency = 0x080;
+constexpr std::uint32_t kSdoResponse = 0x580;
+constexpr std::uint32_t kSdoRequest = 0x600;
+constexpr std::uint32_t kHeartbeat = 0x700;
+constexpr std::uint32_t kFunctionMask = 0x780;
+constexpr std::uint32_t kNodeMask = 0x07F;
+
+constexpr std::uint8_t kOperational = 0x05;
+constexpr std::uint8_t kResetNode = 0x81;
+constexpr std::uint8_t kResetCommunication = 0x82;
+// The upper three bits of the first byte of an SDO.
+constexpr unsigned kInitiateWrite = 1;
+constexpr unsigned kInitiateRead = 2;
+constexpr unsigned kAbort = 4;
+constexpr std::uint16_t kHeartbeatTime = 0x1017;
+
+// A node whose heartbeat is missed twice and once more is late, not a node with a busy bus.
+constexpr int kMissedHeartbeats = 3;
+constexpr auto kHeartbeatGrace = std::chrono::milliseconds(100);
+constexpr auto kSdoTimeout = std::chrono::milliseconds(500);
+
+constexpr std::uint32_t kControllerState = CAN_ERR_CRTL | CAN_ERR_BUSOFF | CAN_ERR_RESTARTED;
+
+}  // namespace
+
+TriggerWatch::TriggerWatch(const motor_driver::Make* make,
+                           std::function<void(const BusEvent&)> tell)
+    : make_(make), tell_(std::move(tell)) {}
+
+void TriggerWatch::Tell(const char* kind, int node, const std::string& text,
+                        const BusFrame* frame) {
+  BusEvent event;
+  event.nanoseconds = frame != nullptr ? frame->nanoseconds : WallClockNanoseconds();
+  event.kind = kind;
+  event.node = node;
+  event.text = text;
+  if (frame != nullptr) event.frame = FrameText(Logged(*frame));
+  tell_(event);
+}
+
+void TriggerWatch::TellMeaning(const char* kind, int node, const BusFrame& frame) {
+  Tell(kind, node, DecodeFrame(Logged(frame), make_).text, &frame);
+}
+
+void TriggerWatch::Hear(const BusFrame& frame, Clock::time_point now) {
+  if ((frame.id & CAN_ERR_FLAG) != 0) {
+    TellMeaning((frame.id & kControllerState) != 0 ? "controller_state" : "error_frame", 0, frame);
+    return;
+  }
+  if ((frame.id & (CAN_EFF_FLAG | CAN_RTR_FLAG)) != 0) return;
+  if (frame.id == kNmt) return HearNmt(frame);
+  const int id = static_cast<int>(frame.id & kNodeMask);
+  const std::uint32_t function = frame.id & kFunctionMask;
+  if (id == 0) return;
+  if (function == kSdoRequest || function == kSdoResponse) {
+    HearSdo(nodes_[id], id, frame, now);
+  } else if (function == kHeartbeat && !frame.sent && frame.length == 1) {
+    HearHeartbeat(nodes_[id], id, frame, now);
+  } else if (function == kEmergency && frame.length == 8) {
+    nodes_[id].heard = true;
+    // Code 0: an error is over.
+    if (LittleEndian(frame.data, 2) != 0) TellMeaning("emergency", id, frame);
+  } else if (make_ != nullptr && make_->error_code.bits != 0 &&
+             function == make_->error_code.base_id && !frame.sent) {
+    HearErrorCode(nodes_[id], id, frame);
+  }
+}
+
+// What a host resets boots, and is silent until then.
+void TriggerWatch::HearNmt(const BusFrame& frame) {
+  if (frame.length != 2) return;
+  const int addressed = frame.data[1];
+  for (auto& [id, node] : nodes_) {
+    if (addressed != 0 && addressed != id) continue;
+    if (frame.data[0] != kResetNode && frame.data[0] != kResetCommunication) continue;
+    node = Node();
+  }
+}
+
+void TriggerWatch::HearHeartbeat(Node& node, int id, const BusFrame& frame, Clock::time_point now) {
+  const bool was_operational = std::exchange(node.operational, frame.data[0] == kOperational);
+  node.heard = true;
+  if (frame.data[0] == 0) {
+    node = Node();
+    node.heard = true;
+    if (was_operational) TellMeaning("boot_up", id, frame);
+    return;
+  }
+  // Of the last ones the longest: after one that came late the next comes early.
+  if (node.heartbeat) node.period = std::max(node.period * 7 / 8, now - *node.heartbeat);
+  node.heartbeat = now;
+}
+
+void TriggerWatch::HearSdo(Node& node, int id, const BusFrame& frame, Clock::time_point now) {
+  if (frame.length != 8) return;
+  const bool request = (frame.id & kFunctionMask) == kSdoRequest;
+  const unsigned specifier = frame.data[0] >> 5U;
+  const std::uint32_t object = LittleEndian(frame.data + 1, 3);
+  node.heard = node.heard || !request;
+  if (specifier == kAbort) {
+    node.requests.erase(object);
+    TellMeaning("sdo_abort", id, frame);
+  } else if (!request) {
+    node.requests.erase(object);
+  } else if (specifier == kInitiateWrite || specifier == kInitiateRead) {
+    node.requests.try_emplace(object, now);  // one that is repeated has waited from the first on
+    // Another period may follow; it is learned again.
+    if ((object & 0xFFFFU) == kHeartbeatTime && specifier == kInitiateWrite) {
+      node.heartbeat.reset();
+      node.period = Clock::duration::zero();
+    }
+  }
+}
+
+// A node that was never heard may not be there: a scan asks all of them.
+void TriggerWatch::TellTimeouts(Node& node, int id, Clock::time_point now) {
+  for (auto request = node.requests.begin(); request != node.requests.end();) {
+    if (now - request->second <= kSdoTimeout) {
+      ++request;
+      continue;
+    }
+    const auto index = static_cast<std::uint16_t>(request->first);
+    const auto sub = static_cast<std::uint8_t>(request->first >> 16U);
+    request = node.requests.erase(request);
+    if (!node.heard) continue;
+    Tell("sdo_timeout", id,
+         "SDO node " + std::to_string(id) + ": no answer about " + Hex(index, 4) + " sub " +
+             std::to_string(sub) + " " + ObjectName(index, sub, make_),
+         nullptr);
+  }
+}
+
+void TriggerWatch::HearErrorCode(Node& node, int id, const BusFrame& frame) {
+  const motor_driver::Field& field = make_->error_code;
+  const unsigned bytes = field.bits / 8;
+  node.heard = true;
+  for (unsigned motor = 0; motor < make_->motors; ++motor) {
+    const unsigned offset = field.offset + motor * bytes;
+    if (offset + bytes > frame.length) return;
+    const std::uint32_t code = LittleEndian(frame.data + offset, bytes);
+    if (std::exchange(node.errors[motor], code) == code || code == 0) continue;
+    Tell("drive_error", id,
+         "node " + std::to_string(id) +
+             (make_->motors > 1 ? " motor " + std::to_string(motor + 1) : "") + ": error code " +
+             Hex(code, 4) + " " + ErrorCodeText(static_cast<std::uint16_t>(code)),
+         &frame);
+  }
+}
+
+void TriggerWatch::Tick(Clock::time_point now) {
+  for (auto& [id, node] : nodes_) {
+    if (node.heartbeat && node.period > Clock::duration::zero() &&
+        now - *node.heartbeat > kMissedHeartbeats * node.period + kHeartbeatGrace) {
+      const auto silent =
+          std::chrono::duration_cast<std::chrono::milliseconds>(now - *node.heartbeat);
+      node.heartbeat.reset();
+      node.period = Clock::duration::zero();
+      Tell("heartbeat_overdue", id,
+           "node " + std::to_string(id) + ": no heartbeat for " + std::to_string(silent.count()) +
+               " ms",
+           nullptr);
+    }
+    TellTimeouts(node, id, now);
+  }
+}
+
+}  // namespace motorctl

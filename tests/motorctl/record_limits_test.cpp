@@ -1,0 +1,116 @@
+// What the recorder leaves behind, whatever becomes of it and of its disk.
+#include <gtest/gtest.h>
+
+#include "record_bench.h"
+
+namespace {
+
+// A log of some size.
+constexpr char kTraffic[] =
+    "cangen can1 -g 0 -n 20000 -I 123 -L 8 -D r -p 10; cangen can0 -g 0 -n 20000 -I 124 -L 8 -p 10";
+
+class Mount {
+ public:
+  Mount(const std::string& path, const std::string& size) : path_(path) {
+    bus::Command("mkdir -p " + path + " && mount -t tmpfs -o size=" + size + " none " + path);
+  }
+  ~Mount() { bus::Command("umount " + path_); }
+  Mount(const Mount&) = delete;
+  Mount& operator=(const Mount&) = delete;
+
+ private:
+  const std::string path_;
+};
+
+TEST_F(RecordTest, KeepsAsManyFoldersAsItMay) {
+  Process recorder(Recording({"--keep", "2"}));
+  AwaitStart(recorder);
+  std::vector<std::string> written;
+  for (int i = 0; i < 4; ++i) written.push_back(Motorctl({"record", "--now"}).out);
+  ASSERT_EQ(Folders().size(), 2U);
+  EXPECT_EQ(Folders()[0] + "\n", written[2]);
+  EXPECT_EQ(Folders()[1] + "\n", written[3]);
+}
+
+TEST_F(RecordTest, KeepsAsManyBytesAsItMay) {
+  std::filesystem::create_directories(directory_ + "/incident-20200101T000000.000Z-x-can0");
+  bus::Command("mkdir " + directory_ +
+               "/incident-20200101T000000.000Z-can0 && "
+               "head -c 999900 /dev/zero > " +
+               directory_ + "/incident-20200101T000000.000Z-can0/bus.log");
+  Process recorder(Recording({"--limit-mb", "1"}));
+  AwaitStart(recorder);
+  const Result small = Motorctl({"record", "--now"});
+  EXPECT_EQ(small.status, 0);
+  bus::Command("cansend can0 123#01");
+  ASSERT_EQ(Folders().size(), 2U);
+  // Another interface's is not touched.
+  EXPECT_TRUE(Contains(Folders()[0], "-x-can0"));
+  EXPECT_EQ(Folders()[1] + "\n", small.out);
+}
+
+TEST_F(RecordTest, SaysThatTheDiskIsFullAndGoesOn) {
+  const Mount disk(directory_, "1m");
+  Process recorder(Recording());
+  AwaitStart(recorder);
+  ASSERT_EQ(Motorctl({"record", "--now"}).status, 0);
+  bus::Command(kTraffic);
+  const Result full = Motorctl({"record", "--now"});
+  EXPECT_EQ(full.status, 1);
+  EXPECT_TRUE(Contains(full.err, "No space left on device")) << full.err;
+  EXPECT_TRUE(Contains(recorder.Err(), "AN INCIDENT WAS NOT WRITTEN")) << recorder.Err();
+  EXPECT_EQ(Folders().size(), 1U);
+  EXPECT_EQ(Listed(".").size(), 0U);
+  bus::Command("mount -o remount,size=20m " + directory_);
+  EXPECT_EQ(Motorctl({"record", "--now"}).status, 0);
+  EXPECT_EQ(Folders().size(), 2U);
+  recorder.Signal(SIGTERM);
+  EXPECT_EQ(recorder.Wait(), 0);
+}
+
+// At many moments of the writing, some thousand lines of it.
+TEST_F(RecordTest, LeavesNoHalfFolderWhenItIsKilled) {
+  int unfinished = 0;
+  for (int i = 0; i < 15; ++i) {
+    Process recorder(Recording({}, "0.01"));
+    AwaitStart(recorder);
+    EXPECT_EQ(Listed(".").size(), 0U) << "the one before is not tidied up";
+    bus::Command("cangen can1 -g 0 -n 3000 -I 123 -L 8 -p 10");
+    recorder.Signal(SIGUSR1);
+    std::this_thread::sleep_for(std::chrono::milliseconds(20 + 60 * i));
+    recorder.Signal(SIGKILL);
+    recorder.Wait();
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    unfinished += Listed(".").empty() ? 0 : 1;
+  }
+  EXPECT_GT(unfinished, 0) << "it was never killed while it wrote";
+  EXPECT_GT(Folders().size(), 0U) << "it never had the time to finish";
+  for (const std::string& folder : Folders()) {
+    const std::string log = Text(folder + "/bus.log");
+    EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 3000) << folder;
+    EXPECT_EQ(Trigger(folder)["event"], "request");
+    EXPECT_TRUE(Contains(Text(folder + "/system.txt"), "vxcan")) << folder;
+  }
+}
+
+TEST_F(RecordTest, LosesNothingOfAFullBusAndDoesNotGrow) {
+  Process recorder(Recording());
+  AwaitStart(recorder);
+  const auto resident = [&] {
+    const std::string status = Text("/proc/" + std::to_string(recorder.pid()) + "/status");
+    return std::stol(status.substr(status.find("VmRSS:") + 6));
+  };
+  const long before = resident();
+  bus::Command(kTraffic);
+  const Result now = Motorctl({"record", "--now"});
+  ASSERT_EQ(now.status, 0);
+  const std::string folder = Folders()[0];
+  const std::string log = Text(folder + "/bus.log");
+  EXPECT_EQ(std::count(log.begin(), log.end(), 'T'), 20000);
+  EXPECT_EQ(std::count(log.begin(), log.end(), 'R'), 20000);
+  EXPECT_TRUE(
+      Contains(Text(folder + "/system.txt"), "frames lost by the recorder since its start: 0\n"));
+  EXPECT_LT(resident() - before, 1024);
+}
+
+}  // namespace
