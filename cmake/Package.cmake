@@ -34,10 +34,12 @@ install_pkg_config_file(motor_driver_wheels
   "Wheels of a vehicle over CANopen: brought up, commanded, watched, stopped"
   "motor_driver = ${PROJECT_VERSION}")
 
-# Texts of the codes of a drive, and vehicles to begin with; a unit that runs a host, to be edited.
+# Texts of the codes of a drive, and vehicles to begin with; units that run a
+# host and a recorder, to be edited.
 install(FILES
   ${PROJECT_SOURCE_DIR}/packaging/kinco.yaml
   ${PROJECT_SOURCE_DIR}/packaging/systemd/motor-host@.service
+  ${PROJECT_SOURCE_DIR}/packaging/systemd/motor-record@.service
   DESTINATION ${CMAKE_INSTALL_DATADIR}/motor_driver COMPONENT tools)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/packaging/vehicles
   DESTINATION ${CMAKE_INSTALL_DATADIR}/motor_driver COMPONENT tools)

@@ -68,8 +68,10 @@ check_installed_prefix() {
     cmp "$vehicle" "$prefix/share/motor_driver/vehicles/${vehicle##*/}" ||
       fail "${vehicle##*/} is not installed"
   done
-  [[ -s $prefix/share/motor_driver/motor-host@.service ]] ||
-    fail "motor-host@.service is not installed"
+  local unit
+  for unit in motor-host@.service motor-record@.service; do
+    [[ -s $prefix/share/motor_driver/$unit ]] || fail "$unit is not installed"
+  done
 
   local document
   for document in README.md docs/motorctl.md docs/wheels.md docs/jog.svg examples/drive_cycle.cpp; do
