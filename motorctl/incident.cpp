@@ -80,7 +80,8 @@ std::string OutputOf(const std::string& command) {
 }
 
 std::string EventLine(const BusEvent& event, bool trigger) {
-  const double time = static_cast<double>(event.nanoseconds / 1000) / 1e6;
+  const std::int64_t microseconds = event.nanoseconds / 1000;
+  const double time = static_cast<double>(microseconds) / 1e6;
   using Json = nlohmann::ordered_json;
   return Json{{"time", time},
               {"event", event.kind},
@@ -190,7 +191,7 @@ void IncidentStore::WriteSystem(const std::string& path, const Incident& inciden
 std::string IncidentStore::Write(const Incident& incident, const FrameRing& frames) const {
   const std::string name = kPrefix + TimeName(incident.trigger.nanoseconds) + "-" + interface_;
   const std::string unfinished = directory_ + "/." + name + kUnfinished;
-  const std::string finished = directory_ + "/" + name;
+  std::string finished = directory_ + "/" + name;
   try {
     std::error_code error;
     fs::create_directory(unfinished, error);
