@@ -3,44 +3,31 @@
 #include <linux/can.h>
 
 #include <algorithm>
-#include <charconv>
-#include <cstdio>
-#include <string_view>
-#include <vector>
+#include <cstdint>
 
+#include "log_words.h"
 #include "words.h"
 
 namespace motorctl {
 namespace {
 
-using Words = std::vector<std::string_view>;
-
-Words SplitAtBlanks(std::string_view line) {
-  constexpr std::string_view kBlanks = " \t\r";
-  Words words;
-  for (;;) {
-    const std::size_t begin = line.find_first_not_of(kBlanks);
-    if (begin == std::string_view::npos) return words;
-    line.remove_prefix(begin);
-    const std::size_t end = std::min(line.find_first_of(kBlanks), line.size());
-    words.push_back(line.substr(0, end));
-    line.remove_prefix(end);
-  }
-}
-
-// The whole text as a number; from_chars takes neither signs of unsigned numbers nor blanks.
-template <typename Number>
-bool ParseNumber(std::string_view text, int base, Number& number) {
-  const char* const end = text.data() + text.size();
-  const auto [stop, error] = std::from_chars(text.data(), end, number, base);
-  return error == std::errc() && stop == end;
+// -1: none.
+int HexDigit(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  return -1;
 }
 
 // Three digits are an 11-bit identifier, eight a 29-bit one or an error frame.
 bool ParseId(std::string_view text, LoggedFrame& frame) {
-  if (!ParseNumber(text, 16, frame.id)) return false;
+  if (text.size() != 3 && text.size() != 8) return false;
+  for (const char c : text) {
+    const int digit = HexDigit(c);
+    if (digit < 0) return false;
+    frame.id = frame.id << 4 | static_cast<unsigned>(digit);
+  }
   if (text.size() == 3) return frame.id <= CAN_SFF_MASK;
-  if (text.size() != 8) return false;
   if ((frame.id & CAN_ERR_FLAG) != 0) {
     frame.kind = LoggedFrame::Kind::kError;
     frame.id &= CAN_ERR_MASK;
@@ -50,10 +37,18 @@ bool ParseId(std::string_view text, LoggedFrame& frame) {
   return frame.id <= CAN_EFF_MASK;
 }
 
+// Two hexadecimal digits, or eight binary ones (-i).
 bool AddByte(std::string_view digits, LoggedFrame& frame) {
   const std::size_t limit = frame.kind == LoggedFrame::Kind::kFd ? CANFD_MAX_DLEN : CAN_MAX_DLEN;
-  if (frame.length == limit || digits.size() != 2) return false;
-  return ParseNumber(digits, 16, frame.data[frame.length++]);
+  if (frame.length == limit) return false;
+  std::uint8_t& byte = frame.data[frame.length++];
+  if (digits.size() == 8) return ParseNumber(digits, 2, byte);
+  if (digits.size() != 2) return false;
+  const int high = HexDigit(digits[0]);
+  const int low = HexDigit(digits[1]);
+  if (high < 0 || low < 0) return false;
+  byte = static_cast<std::uint8_t>(high << 4 | low);
+  return true;
 }
 
 // "ID#DATA", "ID#R", "ID#R8", "ID##FLAGS DATA" without blank. A raw length code ("_C" at the end)
@@ -78,24 +73,47 @@ bool ParseCompactFrame(std::string_view text, LoggedFrame& frame) {
   return true;
 }
 
-// "ID [8] 2B 40 ...", "ID [0] remote request". What follows the data is candump's own (-a).
-bool ParseSpacedFrame(const Words& words, std::size_t at, LoggedFrame& frame) {
-  if (words.size() < at + 2 || !ParseId(words[at], frame)) return false;
-  const std::string_view brackets = words[at + 1];
-  unsigned length = 0;
-  if (brackets.size() < 3 || brackets.front() != '[' || brackets.back() != ']' ||
-      !ParseNumber(brackets.substr(1, brackets.size() - 2), 10, length)) {
-    return false;
+// "[8]"; "{D}" is a raw length code (-8), which only frames of 8 bytes have.
+bool ParseLength(std::string_view brackets, unsigned& length) {
+  if (brackets.size() < 3) return false;
+  const std::string_view digits = brackets.substr(1, brackets.size() - 2);
+  if (brackets.front() == '{' && brackets.back() == '}') {
+    const bool valid = ParseNumber(digits, 16, length) && length > CAN_MAX_DLEN && length <= 0xF;
+    length = CAN_MAX_DLEN;
+    return valid;
   }
-  if (words.size() > at + 2 && words[at + 2] == "remote") {
+  return brackets.front() == '[' && brackets.back() == ']' && ParseNumber(digits, 10, length);
+}
+
+// "00`0F`00`60`40`2B": the last byte first (-S).
+bool AddSwappedBytes(std::string_view text, unsigned length, LoggedFrame& frame) {
+  for (;;) {
+    const std::size_t end = std::min(text.find('`'), text.size());
+    if (!AddByte(text.substr(0, end), frame)) return false;
+    if (end == text.size()) break;
+    text.remove_prefix(end + 1);
+  }
+  std::reverse(frame.data.begin(), frame.data.begin() + frame.length);
+  return frame.length == length;
+}
+
+// "ID [8] 2B 40 ...", "ID [0] remote request". What follows the data is candump's own (-a).
+bool ParseSpacedFrame(std::string_view id, LogWords& words, LoggedFrame& frame) {
+  unsigned length = 0;
+  const std::string_view brackets = words.Next();
+  if (!ParseId(id, frame) || !ParseLength(brackets, length)) return false;
+  std::string_view word = words.Next();
+  if (word == "remote") {
     frame.kind = LoggedFrame::Kind::kRemote;
     return length <= CAN_MAX_DLEN;
   }
   // Two digits in the brackets are how candump marks CAN FD.
   if (brackets.size() == 4) frame.kind = LoggedFrame::Kind::kFd;
-  if (words.size() - at - 2 < length) return false;
-  for (unsigned i = 0; i < length; ++i) {
-    if (!AddByte(words[at + 2 + i], frame)) return false;
+  if (length > 0 && word.find('`') != std::string_view::npos) {
+    return AddSwappedBytes(word, length, frame);
+  }
+  for (; frame.length < length; word = words.Next()) {
+    if (!AddByte(word, frame)) return false;
   }
   return true;
 }
@@ -104,46 +122,53 @@ bool IsDirection(std::string_view word) {
   return word == "RX" || word == "TX" || word == "R" || word == "T";
 }
 
-}  // namespace
-
-std::optional<LoggedFrame> ParseLogLine(const std::string& line) {
-  LoggedFrame frame;
-  const Words words = SplitAtBlanks(line);
-  std::size_t at = 0;
-  if (at < words.size() && words[at].front() == '(') {
+bool ParseCandumpLine(std::string_view line, LoggedFrame& frame) {
+  LogWords words(line);
+  std::string_view word = words.Next();
+  if (!word.empty() && word.front() == '(') {
+    const char* const begin = word.data() + 1;
     // A date (-t A) is a word of its own.
-    while (at < words.size() && words[at].back() != ')') ++at;
-    if (at == words.size()) return std::nullopt;
-    for (std::size_t i = 0; i <= at; ++i) frame.time += (i == 0 ? "" : " ") + std::string(words[i]);
-    frame.time = frame.time.substr(1, frame.time.size() - 2);
-    ++at;
+    while (!word.empty() && word.back() != ')') word = words.Next();
+    if (word.empty()) return false;
+    const char* const end = word.data() + word.size() - 1;
+    frame.time = std::string_view(begin, static_cast<std::size_t>(end - begin));
+    word = words.Next();
   }
-  if (at == words.size()) return std::nullopt;
-  if (words[at].find('#') == std::string_view::npos) frame.interface = words[at++];
-  if (at == words.size()) return std::nullopt;
-  if (words[at].find('#') != std::string_view::npos) {
+  if (word.find('#') == std::string_view::npos) {
+    frame.interface = word;
+    word = words.Next();
+  }
+  if (word.find('#') != std::string_view::npos) {
     // "R" or "T" may follow (-x).
-    const std::size_t rest = words.size() - at - 1;
-    if (rest > 1 || (rest == 1 && !IsDirection(words.back()))) return std::nullopt;
-    return ParseCompactFrame(words[at], frame) ? std::optional(frame) : std::nullopt;
+    const std::string_view direction = words.Next();
+    if (!direction.empty() && (!IsDirection(direction) || !words.Next().empty())) return false;
+    return ParseCompactFrame(word, frame);
   }
   // "RX - -" (-x).
-  if (IsDirection(words[at])) at += 3;
-  return ParseSpacedFrame(words, at, frame) ? std::optional(frame) : std::nullopt;
+  if (IsDirection(word)) {
+    words.Next();
+    words.Next();
+    word = words.Next();
+  }
+  return ParseSpacedFrame(word, words, frame);
+}
+
+}  // namespace
+
+std::optional<LoggedFrame> ParseLogLine(std::string_view line, int asc_base) {
+  std::optional<LoggedFrame> frame(std::in_place);
+  if (!ParseCandumpLine(line, *frame)) frame = ParseAscLine(line, asc_base);
+  return frame;
 }
 
 std::string FrameText(const LoggedFrame& frame) {
-  char part[16];
   const bool error = frame.kind == LoggedFrame::Kind::kError;
-  std::snprintf(part, sizeof part, frame.extended || error ? "%08X#" : "%03X#",
-                error ? frame.id | CAN_ERR_FLAG : frame.id);
-  std::string text = part;
+  std::string text =
+      Hex(error ? frame.id | CAN_ERR_FLAG : frame.id, frame.extended || error ? 8 : 3).erase(0, 2);
+  text += '#';
   if (frame.kind == LoggedFrame::Kind::kRemote) return text + "R";
   if (frame.kind == LoggedFrame::Kind::kFd) text += "#" + Hex(frame.fd_flags, 1).substr(2);
-  for (unsigned i = 0; i < frame.length; ++i) {
-    std::snprintf(part, sizeof part, "%02X", unsigned{frame.data[i]});
-    text += part;
-  }
+  for (unsigned i = 0; i < frame.length; ++i) text.append(Hex(frame.data[i], 2), 2);
   return text;
 }
 

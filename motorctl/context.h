@@ -31,6 +31,12 @@ class CommandFailed : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+// The reader of standard output has gone away.
+class NobodyReads : public CommandFailed {
+ public:
+  using CommandFailed::CommandFailed;
+};
+
 enum class Colour { kRed, kGreen, kYellow, kBold };
 
 // A command registers itself with `void AddName(CLI::App& app, Context& context)`: it makes its
@@ -60,8 +66,8 @@ struct Context {
   // The command to run; its result is the exit status.
   std::function<int()> run;
 
-  // One line of data on standard output; the line break is added. Throws CommandFailed when nobody
-  // reads it any more.
+  // One line of data on standard output; the line break is added. Throws CommandFailed when it cannot
+  // be written, NobodyReads when nobody reads it any more.
   void Line(const std::string& text) const;
 
   // Text as it is on standard output, for drawing in place.

@@ -1,8 +1,7 @@
 #include "decode.h"
 
-#include <linux/can/error.h>
-
 #include <algorithm>
+#include <array>
 #include <cstdint>
 #include <vector>
 
@@ -12,6 +11,8 @@ namespace {
 using motor_driver::Field;
 
 constexpr std::uint32_t kTpdo1 = 0x180;
+constexpr std::uint32_t kLssResponse = 0x7E4;
+constexpr std::uint32_t kLssRequest = 0x7E5;
 
 std::string NodeText(unsigned node) { return "node " + std::to_string(node); }
 
@@ -23,16 +24,15 @@ Meaning DecodeNmt(const LoggedFrame& frame) {
   if (frame.length != 2) return Odd(frame, "NMT command of wrong length");
   const std::string command = NmtCommandText(frame.data[0]);
   const unsigned node = frame.data[1];
-  return {"nmt",
-          "NMT: " + command + ", " + (node == 0 ? "all nodes" : NodeText(node)),
-          {{"node", node}, {"command", command}}};
+  return {"nmt", "NMT: " + command + ", " + (node == 0 ? "all nodes" : NodeText(node)),
+          Fields().Add("node", node).Add("command", command)};
 }
 
 Meaning DecodeSync(const LoggedFrame& frame) {
   Meaning meaning{"sync", "SYNC"};
   if (frame.length > 0) {
     meaning.text += " " + std::to_string(frame.data[0]);
-    meaning.fields["counter"] = frame.data[0];
+    meaning.fields.Add("counter", frame.data[0]);
   }
   return meaning;
 }
@@ -45,7 +45,7 @@ Meaning DecodeTime(const LoggedFrame& frame) {
   return {"time",
           "time stamp: day " + std::to_string(days) + " after 1984-01-01, " +
               std::to_string(milliseconds) + " ms after midnight",
-          {{"days", days}, {"milliseconds", milliseconds}}};
+          Fields().Add("days", days).Add("milliseconds", milliseconds)};
 }
 
 Meaning DecodeHeartbeat(const LoggedFrame& frame, unsigned node) {
@@ -56,13 +56,19 @@ Meaning DecodeHeartbeat(const LoggedFrame& frame, unsigned node) {
   const bool boot_up = frame.data[0] == 0;
   return {boot_up ? "boot_up" : "heartbeat",
           boot_up ? "boot-up of " + NodeText(node) : "heartbeat of " + NodeText(node) + ": " + text,
-          {{"node", node}, {"state", text}}};
+          Fields().Add("node", node).Add("state", text)};
 }
 
 // --- PDOs, as the table of makes lays them out ---------------------------------------------------
 
 struct PdoField {
+  PdoField(std::string title, unsigned at, unsigned size, Format how)
+      : name(std::move(title)), key(name), offset(at), bytes(size), format(how) {
+    std::replace(key.begin(), key.end(), ' ', '_');
+  }
+
   std::string name;
+  std::string key;  // of JSON
   unsigned offset;
   unsigned bytes;
   Format format;
@@ -86,12 +92,12 @@ std::vector<PdoField> LayOut(const Make& make, std::uint32_t base) {
     const auto motors = static_cast<unsigned>(make.motors);
     // Short values of all motors are one object of the drive.
     if (motors == 1 || bytes * motors <= 4) {
-      layout.push_back({row.name, row.field.offset, bytes * motors, row.format});
+      layout.emplace_back(row.name, row.field.offset, bytes * motors, row.format);
       continue;
     }
     for (unsigned motor = 0; motor < motors; ++motor) {
-      layout.push_back({row.name + (" " + std::to_string(motor + 1)),
-                        row.field.offset + motor * bytes, bytes, row.format});
+      layout.emplace_back(row.name + (" " + std::to_string(motor + 1)),
+                          row.field.offset + motor * bytes, bytes, row.format);
     }
   }
   std::sort(layout.begin(), layout.end(),
@@ -103,9 +109,26 @@ std::vector<PdoField> LayOut(const Make& make, std::uint32_t base) {
   return layout;
 }
 
-std::string FieldKey(std::string name) {
-  std::replace(name.begin(), name.end(), ' ', '_');
-  return name;
+constexpr std::size_t kPdos = 8;  // four of each direction, in the order of their identifiers
+
+std::size_t PdoOf(std::uint32_t base) { return (base - kTpdo1) / 0x80; }
+
+// Laid out once: a log has many of them.
+const std::vector<PdoField>& LayoutOf(const Make* make, std::uint32_t base) {
+  using Layouts = std::array<std::vector<PdoField>, kPdos>;
+  static const std::vector<Layouts> of_makes = [] {
+    std::vector<Layouts> result;
+    for (const Make& each : motor_driver::Makes()) {
+      Layouts& layouts = result.emplace_back();
+      for (std::uint32_t pdo = 0; pdo < kPdos; ++pdo) {
+        layouts[pdo] = LayOut(each, kTpdo1 + pdo * 0x80);
+      }
+    }
+    return result;
+  }();
+  static const std::vector<PdoField> unknown;
+  if (make == nullptr) return unknown;
+  return of_makes[static_cast<std::size_t>(make - motor_driver::Makes().data())][PdoOf(base)];
 }
 
 Meaning DecodePdo(const LoggedFrame& frame, std::uint32_t base, const Make* make) {
@@ -113,74 +136,44 @@ Meaning DecodePdo(const LoggedFrame& frame, std::uint32_t base, const Make* make
   const unsigned number = (base - kTpdo1) / 0x100 + 1;
   const std::string pdo = ((base & 0x80) != 0 ? "TPDO" : "RPDO") + std::to_string(number);
   const unsigned node = frame.id - base;
-  Meaning meaning{"pdo", pdo + " of " + NodeText(node) + ": ", {{"node", node}, {"pdo", pdo}}};
-  const std::string bytes = BytesText(frame.data.data(), frame.length);
-  const std::vector<PdoField> layout =
-      make == nullptr ? std::vector<PdoField>() : LayOut(*make, base);
+  Meaning meaning{"pdo", pdo + " of " + NodeText(node) + ": ",
+                  Fields().Add("node", node).Add("pdo", pdo)};
+  const std::vector<PdoField>& layout = LayoutOf(make, base);
   if (layout.empty()) {
-    meaning.text += bytes;
+    meaning.text += BytesText(frame.data.data(), frame.length);
     return meaning;
   }
-  auto values = nlohmann::ordered_json::object();
-  std::string separator;
+  Fields values;
+  const char* separator = "";
   for (const PdoField& field : layout) {
     if (field.offset + field.bytes > frame.length) {
-      meaning.text.append(separator).append("too short for this make: ").append(bytes);
+      meaning.text.append(separator).append("too short for this make: ");
+      meaning.text += BytesText(frame.data.data(), frame.length);
       break;
     }
     const Value value = FormatValue(
         field.format, LittleEndian(&frame.data[field.offset], field.bytes), field.bytes, make);
     meaning.text.append(separator).append(field.name).append(" = ").append(value.text);
-    values[FieldKey(field.name)] = value.number;
+    values.Add(field.key, value.number);
     separator = " | ";
   }
-  meaning.fields["values"] = values;
+  meaning.fields.Add("values", values);
   return meaning;
 }
 
 // --- Frames --------------------------------------------------------------------------------------
 
 Meaning WithNode(const char* title, unsigned node, Meaning meaning) {
-  nlohmann::ordered_json fields = {{"node", node}};
-  fields.update(meaning.fields);
-  meaning.fields = std::move(fields);
+  meaning.fields = Fields().Add("node", node).Append(meaning.fields);
   meaning.text = std::string(title) + NodeText(node) + ": " + meaning.text;
   return meaning;
-}
-
-// Classes of linux/can/error.h.
-Meaning DecodeErrorFrame(const LoggedFrame& frame) {
-  struct Class {
-    std::uint32_t bit;
-    const char* text;
-  };
-  constexpr Class kClasses[] = {
-      {CAN_ERR_TX_TIMEOUT, "transmit time-out"},
-      {CAN_ERR_LOSTARB, "arbitration lost"},
-      {CAN_ERR_CRTL, "controller problem"},
-      {CAN_ERR_PROT, "protocol violation"},
-      {CAN_ERR_TRX, "transceiver"},
-      {CAN_ERR_ACK, "no acknowledge"},
-      {CAN_ERR_BUSOFF, "bus off"},
-      {CAN_ERR_BUSERROR, "bus error"},
-      {CAN_ERR_RESTARTED, "controller restarted"},
-  };
-  auto classes = nlohmann::ordered_json::array();
-  std::string text;
-  for (const Class& row : kClasses) {
-    if ((frame.id & row.bit) == 0) continue;
-    classes.push_back(row.text);
-    text += (text.empty() ? "" : ", ") + std::string(row.text);
-  }
-  return {"error_frame",
-          "error reported by the controller: " + (text.empty() ? "unknown" : text),
-          {{"errors", classes}}};
 }
 
 Meaning DecodeRemote(const LoggedFrame& frame) {
   if (!frame.extended && frame.id > 0x700 && frame.id <= 0x77F) {
     const unsigned node = frame.id - 0x700;
-    return {"node_guarding", "node guarding request to " + NodeText(node), {{"node", node}}};
+    return {"node_guarding", "node guarding request to " + NodeText(node),
+            Fields().Add("node", node)};
   }
   return {"remote", "remote request"};
 }
@@ -196,7 +189,7 @@ Meaning DecodeData(const LoggedFrame& frame, const Make* make) {
   if (frame.id == 0x100) return DecodeTime(frame);
   if (base == 0x000 && make != nullptr && make->wake_up != 0 && frame.length == 2 &&
       LittleEndian(frame.data.data(), 2) == make->wake_up) {
-    return {"activation", "activation of " + NodeText(node), {{"node", node}}};
+    return {"activation", "activation of " + NodeText(node), Fields().Add("node", node)};
   }
   if (base == 0x080) {
     if (frame.length != 8) return Odd(frame, "emergency message of wrong length");
@@ -206,6 +199,10 @@ Meaning DecodeData(const LoggedFrame& frame, const Make* make) {
   if ((base == 0x580 || base == 0x600) && addressed) {
     if (frame.length != 8) return Odd(frame, "SDO of wrong length");
     return WithNode("SDO ", node, DecodeSdo(frame.data.data(), base == 0x580, make));
+  }
+  if (frame.id == kLssRequest || frame.id == kLssResponse) {
+    if (frame.length != 8) return Odd(frame, "LSS of wrong length");
+    return DecodeLss(frame.data.data(), frame.id == kLssResponse);
   }
   if (base == 0x700 && node != 0) return DecodeHeartbeat(frame, node);
   return Odd(frame, "no CANopen function at " + Hex(frame.id, 3));
@@ -223,7 +220,7 @@ std::uint32_t LittleEndian(const std::uint8_t* data, unsigned bytes) {
 // "37 02 00 00".
 std::string BytesText(const std::uint8_t* data, unsigned bytes) {
   std::string text;
-  for (unsigned i = 0; i < bytes; ++i) text += (i == 0 ? "" : " ") + Hex(data[i], 2).substr(2);
+  for (unsigned i = 0; i < bytes; ++i) text.append(i == 0 ? "" : " ").append(Hex(data[i], 2), 2);
   return text;
 }
 
@@ -232,10 +229,11 @@ Meaning DecodeEmergency(const std::uint8_t* data) {
   Meaning meaning{"emergency",
                   Hex(code, 4) + " " + ErrorCodeText(code) + "; error register " + Hex(data[2], 2) +
                       " " + ErrorRegisterText(data[2]),
-                  {{"error_code", code},
-                   {"error_text", ErrorCodeText(code)},
-                   {"error_register", data[2]},
-                   {"manufacturer_bytes", BytesText(data + 3, 5)}}};
+                  Fields()
+                      .Add("error_code", code)
+                      .Add("error_text", ErrorCodeText(code))
+                      .Add("error_register", data[2])
+                      .Add("manufacturer_bytes", BytesText(data + 3, 5))};
   if (std::any_of(data + 3, data + 8, [](std::uint8_t byte) { return byte != 0; })) {
     meaning.text += "; manufacturer bytes " + BytesText(data + 3, 5);
   }

@@ -1,91 +1,155 @@
 // Logs of candump, line by line.
 #include <algorithm>
 #include <cstdint>
+#include <iterator>
 
 #include "decode.h"
+#include "log_lines.h"
 
 namespace motorctl {
 namespace {
 
-// The longest line of a frame that candump writes has some 300 characters.
-constexpr std::size_t kLongestLine = 1024;
 constexpr std::size_t kTextColumn = 48;
-
-// False at the end. What goes beyond the longest line is dropped, so that a file without line
-// breaks does not fill the memory.
-bool ReadLine(std::istream& log, std::string& line, bool& cut) {
-  line.clear();
-  cut = false;
-  std::streambuf& buffer = *log.rdbuf();
-  for (;;) {
-    const int c = buffer.sbumpc();
-    if (c == std::char_traits<char>::eof()) return !line.empty();
-    if (c == '\n') break;
-    cut = cut || line.size() == kLongestLine;
-    if (!cut) line += static_cast<char>(c);
-  }
-  if (!line.empty() && line.back() == '\r') line.pop_back();
-  return true;
-}
+constexpr std::size_t kOutputBlock = std::size_t{1} << 16;
 
 // What a terminal would obey, or JSON refuse, as "\x1B".
-std::string Printable(const std::string& line) {
-  std::string text;
-  for (const char c : line) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (byte == '\t' || (byte >= 0x20 && byte < 0x7F)) {
-      text += c;
+void AppendPrintable(std::string& out, std::string_view text) {
+  const auto printable = [](char c) { return c == '\t' || (c >= 0x20 && c < 0x7F); };
+  if (std::all_of(text.begin(), text.end(), printable)) {
+    out += text;
+    return;
+  }
+  for (const char c : text) {
+    if (printable(c)) {
+      out += c;
     } else {
-      text += "\\x" + Hex(byte, 2).substr(2);
+      out.append("\\x").append(Hex(static_cast<unsigned char>(c), 2), 2);
     }
   }
-  return text;
 }
 
-std::string PlainLine(const std::string& line, const std::string& text) {
-  const std::size_t width = std::max(kTextColumn, line.size() + 2);
-  return line + std::string(width - line.size(), ' ') + text;
+std::string Printable(std::string_view text) {
+  std::string result;
+  AppendPrintable(result, text);
+  return result;
 }
 
-std::string JsonLine(const LoggedFrame& frame, const Meaning& meaning) {
-  nlohmann::ordered_json object;
-  object["time"] = Printable(frame.time);
-  object["interface"] = Printable(frame.interface);
-  object["frame"] = FrameText(frame);
-  object["id"] = frame.id;
-  object["kind"] = meaning.kind;
-  object.update(meaning.fields);
-  object["text"] = meaning.text;
-  return object.dump();
+// Colours (-c) are "\x1B[...m".
+void RemoveColours(std::string_view line, std::string& plain) {
+  plain.clear();
+  for (;;) {
+    const std::size_t escape = line.find("\x1B[");
+    const std::size_t end = escape == std::string_view::npos
+                                ? escape
+                                : line.find_first_not_of("0123456789;", escape + 2);
+    if (end == std::string_view::npos || line[end] != 'm') break;
+    plain += line.substr(0, escape);
+    line.remove_prefix(end + 1);
+  }
+  plain += line;
 }
+
+class LogDecoder {
+ public:
+  LogDecoder(const DecodeOptions& options, std::string& out) : options_(options), out_(out) {}
+
+  void Decode(std::string_view line, bool cut) {
+    if (line.empty()) return;
+    if (cut) {
+      AddMalformed(line, "line too long");
+      return;
+    }
+    std::string_view plain = line;
+    if (line.find('\x1B') != std::string_view::npos) {
+      RemoveColours(line, coloured_);
+      plain = coloured_;
+    }
+    // Which candump writes below errors that it has no words for, and between colours.
+    if (plain.find_first_not_of(" \t") == std::string_view::npos) return;
+    if (const auto frame = ParseLogLine(plain, asc_base_)) {
+      AddFrame(plain, *frame);
+    } else if (const auto note = ParseNote(Printable(plain), asc_base_)) {
+      AddNote(plain, *note);
+    } else {
+      AddMalformed(line, "no frame in this line");
+    }
+  }
+
+  std::size_t malformed() const { return malformed_; }
+
+ private:
+  void AddFrame(std::string_view line, const LoggedFrame& frame) {
+    const auto segment = blocks_.Decode(frame);
+    const Meaning meaning = segment ? *segment : DecodeFrame(frame, options_.make);
+    if (!options_.json) {
+      AddPlain(line, meaning.text);
+      return;
+    }
+    Fields fields;
+    fields.Add("time", Printable(frame.time))
+        .Add("interface", Printable(frame.interface))
+        .Add("frame", FrameText(frame))
+        .Add("id", frame.id)
+        .Add("kind", meaning.kind)
+        .Append(meaning.fields)
+        .Add("text", meaning.text);
+    AddJson(fields);
+  }
+
+  void AddNote(std::string_view line, const Meaning& meaning) {
+    if (!options_.json) {
+      AddPlain(line, meaning.text);
+      return;
+    }
+    Fields fields;
+    fields.Add("kind", meaning.kind)
+        .Add("line", Printable(line))
+        .Append(meaning.fields)
+        .Add("text", meaning.text);
+    AddJson(fields);
+  }
+
+  void AddMalformed(std::string_view line, const std::string& reason) {
+    ++malformed_;
+    AddNote(line, {"malformed", options_.json ? reason : "??? " + reason});
+  }
+
+  void AddPlain(std::string_view line, const std::string& text) {
+    const std::size_t begin = out_.size();
+    AppendPrintable(out_, line);
+    const std::size_t shown = out_.size() - begin;
+    out_.append(std::max(kTextColumn, shown + 2) - shown, ' ').append(text).append("\n");
+  }
+
+  void AddJson(const Fields& fields) { out_.append("{").append(fields.text()).append("}\n"); }
+
+  const DecodeOptions options_;
+  std::string& out_;
+  std::string coloured_;
+  BlockTransfers blocks_;
+  int asc_base_ = 16;
+  std::size_t malformed_ = 0;
+};
 
 }  // namespace
 
-std::size_t DecodeLog(std::istream& log, const DecodeOptions& options,
-                      const std::function<void(const std::string&)>& write_line) {
-  std::size_t malformed = 0;
-  std::string line;
+std::size_t DecodeLog(int log, const DecodeOptions& options,
+                      const std::function<void(const std::string&)>& write) {
+  std::string out;
+  const auto flush = [&] {
+    if (!out.empty()) write(out);
+    out.clear();
+  };
+  LogDecoder decoder(options, out);
+  LogLines lines(log, flush);
+  std::string_view line;
   bool cut = false;
-  while (ReadLine(log, line, cut)) {
-    if (line.empty()) continue;
-    const auto frame = cut ? std::nullopt : ParseLogLine(line);
-    const std::string shown = Printable(line);
-    if (frame) {
-      const Meaning meaning = DecodeFrame(*frame, options.make);
-      write_line(options.json ? JsonLine(*frame, meaning) : PlainLine(shown, meaning.text));
-      continue;
-    }
-    ++malformed;
-    const char* const reason = cut ? "line too long" : "no frame in this line";
-    if (options.json) {
-      const nlohmann::ordered_json object = {
-          {"kind", "malformed"}, {"line", shown}, {"text", reason}};
-      write_line(object.dump());
-    } else {
-      write_line(PlainLine(shown, std::string("??? ") + reason));
-    }
+  while (lines.Next(line, cut)) {
+    decoder.Decode(line, cut);
+    if (out.size() >= kOutputBlock) flush();
   }
-  return malformed;
+  flush();
+  return decoder.malformed();
 }
 
 }  // namespace motorctl

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cstdint>
+#include <nlohmann/json.hpp>
 #include <string_view>
 
 #include "words.h"
@@ -21,9 +22,8 @@ std::optional<std::uint64_t> ParseWhole(std::string_view text, int base) {
 Meaning NumberMeaning(const char* kind, const char* title, std::uint64_t number, int digits,
                       const std::string& meaning) {
   const std::string hex = Hex(number, digits);
-  return {kind,
-          title + (" " + hex) + ": " + meaning,
-          {{"value", number}, {"hex", hex}, {"meaning", meaning}}};
+  return {kind, title + (" " + hex) + ": " + meaning,
+          Fields().Add("value", number).Add("hex", hex).Add("meaning", meaning)};
 }
 
 void AddNumber(std::uint64_t number, const Make* make, std::vector<Meaning>& readings) {
@@ -58,7 +58,8 @@ void AddPayload(const std::string& digits, const Make* make, std::vector<Meaning
   for (const bool response : {false, true}) {
     Meaning sdo = DecodeSdo(data, response, make);
     // Only what names an object can be told; an abort reads the same in both directions.
-    if (!sdo.fields.contains("index") || (sdo.fields["command"] == "abort" && !response)) continue;
+    const auto fields = sdo.fields.Json();
+    if (!fields.contains("index") || (fields["command"] == "abort" && !response)) continue;
     sdo.text.insert(0, response ? "SDO response: " : "SDO request: ");
     readings.push_back(std::move(sdo));
   }

@@ -20,7 +20,7 @@ void Print(const Context& context, const std::string& code, const std::vector<Me
     object["readings"] = nlohmann::ordered_json::array();
     for (const Meaning& reading : readings) {
       nlohmann::ordered_json fields = {{"kind", reading.kind}};
-      fields.update(reading.fields);
+      fields.update(reading.fields.Json());
       fields["text"] = reading.text;
       object["readings"].push_back(fields);
     }

@@ -31,7 +31,9 @@ void Context::Write(const std::string& text) const {
     const ssize_t bytes = ::write(data_descriptor, text.data() + written, text.size() - written);
     if (bytes < 0) {
       if (errno == EINTR) continue;
-      throw CommandFailed("standard output: " + std::generic_category().message(errno));
+      const std::string failure = "standard output: " + std::generic_category().message(errno);
+      if (errno == EPIPE) throw NobodyReads(failure);
+      throw CommandFailed(failure);
     }
     written += static_cast<std::size_t>(bytes);
   }

@@ -1,6 +1,6 @@
 #include "words.h"
 
-#include <cstdio>
+#include <algorithm>
 
 namespace motorctl {
 namespace {
@@ -116,8 +116,12 @@ std::string WithBits(const std::string& text, const std::string& bits) {
 }  // namespace
 
 std::string Hex(std::uint64_t value, int digits) {
-  char text[24];
-  std::snprintf(text, sizeof text, "0x%0*llX", digits, static_cast<unsigned long long>(value));
+  std::string text = "0x";
+  int needed = 1;
+  while (needed < 16 && value >> (4 * needed) != 0) ++needed;
+  for (int digit = std::max(needed, digits) - 1; digit >= 0; --digit) {
+    text += digit < 16 ? "0123456789ABCDEF"[value >> (4 * digit) & 0xF] : '0';
+  }
   return text;
 }
 

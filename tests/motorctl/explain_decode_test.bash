@@ -57,6 +57,13 @@ expect 0 '' decode /dev/null
 is_printed ''
 if "$motorctl" decode "$data/zl.log" >/dev/full 2>err; then fail 'a full disk'; fi
 
+# A reader that goes away ends it, without a word.
+for ((i = 0; i < 20000; ++i)); do echo '(1.0) can0 701#05'; done >log
+status=0
+timeout 30 "$motorctl" decode log 2>err | head -n 1 >out || status=$?
+[[ $status == 1 && ! -s err ]] || fail "reader gone: exit status $status"
+grep -q 'heartbeat of node 1' out || fail 'reader gone: the line that was read'
+
 # Live: a line is out before the next one comes. The writer holds the pipe open meanwhile.
 mkfifo in live
 "$motorctl" decode <in >live &

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
@@ -102,13 +103,13 @@ TEST(ExplainTest, HandsOutFieldsForPrograms) {
   const auto readings = Explain("0x3210", nullptr);
   ASSERT_TRUE(readings && readings->size() == 2);
   EXPECT_EQ((*readings)[0].kind, "error_code");
-  EXPECT_EQ((*readings)[0].fields.dump(),
+  EXPECT_EQ((*readings)[0].fields.Json().dump(),
             R"({"value":12816,"hex":"0x3210","meaning":"DC link over voltage"})");
   EXPECT_EQ((*readings)[1].kind, "statusword");
   const auto frame = Explain("581#8040600030000906", nullptr);
   ASSERT_TRUE(frame && frame->size() == 1);
   EXPECT_EQ((*frame)[0].kind, "sdo_response");
-  EXPECT_EQ((*frame)[0].fields.dump(),
+  EXPECT_EQ((*frame)[0].fields.Json().dump(),
             R"({"node":1,"command":"abort","index":24640,"sub":0,"object":"Controlword",)"
             R"("abort_code":101253168,"abort_text":"Invalid value"})");
 }

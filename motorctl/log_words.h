@@ -1,0 +1,50 @@
+// The words of a line of a log.
+#pragma once
+
+#include <charconv>
+#include <cstdint>
+#include <string_view>
+#include <system_error>
+
+#include "candump.h"
+
+namespace motorctl {
+
+// Takes the words of a line one after the other.
+class LogWords {
+ public:
+  explicit LogWords(std::string_view line) : rest_(line) {}
+
+  // Empty at the end.
+  std::string_view Next() {
+    constexpr std::string_view kBlanks = " \t\r";
+    std::size_t begin = 0;
+    while (begin < rest_.size() && kBlanks.find(rest_[begin]) != std::string_view::npos) ++begin;
+    std::size_t end = begin;
+    while (end < rest_.size() && kBlanks.find(rest_[end]) == std::string_view::npos) ++end;
+    const std::string_view word = rest_.substr(begin, end - begin);
+    rest_.remove_prefix(end);
+    return word;
+  }
+
+  std::string_view rest() const { return rest_; }
+
+ private:
+  std::string_view rest_;
+};
+
+// The whole text as a number; from_chars takes neither signs of unsigned numbers nor blanks.
+template <typename Number>
+bool ParseNumber(std::string_view text, int base, Number& number) {
+  const char* const end = text.data() + text.size();
+  const auto [stop, error] = std::from_chars(text.data(), end, number, base);
+  return error == std::errc() && stop == end;
+}
+
+// "0.029472", with which a line of an .asc file begins.
+bool IsAscTime(std::string_view word);
+
+// A line of an .asc file, with numbers of this base.
+std::optional<LoggedFrame> ParseAscLine(std::string_view line, int base);
+
+}  // namespace motorctl
