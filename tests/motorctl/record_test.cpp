@@ -72,7 +72,7 @@ TEST_F(RecordTest, KeepsAFrameOnceThatItsSenderHearsItself) {
 }
 
 TEST_F(RecordTest, WaitsForWhatFollowsTheTrigger) {
-  Process recorder(Recording());
+  Process recorder(Recording({}, "3"));
   AwaitStart(recorder);
   bus::Command("cansend can1 081#1023010000000000; sleep 0.1; cansend can1 123#01");
   ASSERT_TRUE(AwaitFolders(1));
