@@ -12,12 +12,17 @@
 #include <thread>
 #include <vector>
 
-/// Marks what the shared library exports, and of an exported class what it keeps to itself.
+/// Marks what the shared library exports.
 #if defined(__GNUC__)
 #define MOTOR_DRIVER_EXPORT __attribute__((visibility("default")))
-#define MOTOR_DRIVER_LOCAL __attribute__((visibility("hidden")))
 #else
 #define MOTOR_DRIVER_EXPORT
+#endif
+
+/// Marks what an exported class keeps to itself.
+#if defined(__GNUC__)
+#define MOTOR_DRIVER_LOCAL __attribute__((visibility("hidden")))
+#else
 #define MOTOR_DRIVER_LOCAL
 #endif
 
