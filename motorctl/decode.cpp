@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdint>
+#include <utility>
 #include <vector>
 
 namespace motorctl {
@@ -119,10 +120,11 @@ const std::vector<PdoField>& LayoutOf(const Make* make, std::uint32_t base) {
   static const std::vector<Layouts> of_makes = [] {
     std::vector<Layouts> result;
     for (const Make& each : motor_driver::Makes()) {
-      Layouts& layouts = result.emplace_back();
+      Layouts layouts;
       for (std::uint32_t pdo = 0; pdo < kPdos; ++pdo) {
         layouts[pdo] = LayOut(each, kTpdo1 + pdo * 0x80);
       }
+      result.push_back(std::move(layouts));
     }
     return result;
   }();

@@ -84,7 +84,6 @@ void RecordControl::Answer(const std::string& text) {
 std::string AskForRecord(const std::string& interface) {
   const int socket = Socket(0);
   const Address name(interface);
-  std::string answer;
   if (::connect(socket, name.get(), name.size) == 0) {
     char text[4096];
     pollfd readable = {socket, POLLIN, 0};
