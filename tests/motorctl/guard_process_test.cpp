@@ -77,7 +77,7 @@ TEST_F(GuardTest, KeepsNothingOfAFullBus) {
   const long growth = ResidentKb(guard.pid()) - before;
   std::cout << before << " KiB, after " << kFrames << " frames " << growth << " KiB more\n";
   EXPECT_LT(growth, 256);
-  EXPECT_EQ(Descriptors(guard.pid()), descriptors);
+  EXPECT_LE(Descriptors(guard.pid()), descriptors);  // the one for the start of its command may go
   guard.Signal(SIGTERM);
   EXPECT_EQ(guard.Wait(), 128 + SIGTERM) << guard.Err();
 }
