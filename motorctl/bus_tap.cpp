@@ -26,6 +26,8 @@ constexpr std::size_t kBatch = 64;
 constexpr std::int64_t kNanosecondsPerSecond = 1'000'000'000;
 // As much as the kernel lets anybody have, which is net.core.rmem_max.
 constexpr int kBufferBytes = 8 * 1024 * 1024;
+// Longer than a frame that the driver has stamped waits for the kernel to hand it on.
+constexpr auto kHold = std::chrono::milliseconds(50);
 
 struct Batch {
   can_frame frames[kBatch];
@@ -177,6 +179,7 @@ void BusTap::Close() {
 
 bool BusTap::Drain(int socket, bool sent, std::uint32_t& lost) {
   static Batch batch;
+  const auto arrived = std::chrono::steady_clock::now();
   for (;;) {
     batch.Prepare();
     const int count = ::recvmmsg(socket, batch.messages, kBatch, MSG_DONTWAIT, nullptr);
@@ -202,30 +205,41 @@ bool BusTap::Drain(int socket, bool sent, std::uint32_t& lost) {
       frame.length = std::min<std::uint8_t>(heard.can_dlc, CAN_MAX_DLEN);
       frame.sent = sent || echo;
       std::copy_n(heard.data, frame.length, frame.data);
-      arrived_.push_back(frame);
+      held_.push_back({frame, arrived});
     }
     if (count < static_cast<int>(kBatch)) return true;
   }
 }
 
 bool BusTap::Take(const std::function<void(const BusFrame&)>& take) {
-  const std::int64_t start = WallClockNanoseconds();
-  arrived_.clear();
+  const auto earlier = [](const HeldFrame& left, const HeldFrame& right) {
+    return left.frame.nanoseconds < right.frame.nanoseconds;
+  };
+  const auto begin = static_cast<std::ptrdiff_t>(held_.size());
   bool good = is_open();
   if (is_open()) good = Drain(received_, false, lost_received_);
   if (hears_sent()) good = Drain(sent_, true, lost_sent_) && good;
-  const auto later = std::stable_partition(
-      arrived_.begin(), arrived_.end(),
-      [start, good](const BusFrame& frame) { return !good || frame.nanoseconds < start; });
-  // Each is kept once, whatever became of the clock.
-  std::vector<BusFrame> due = std::move(kept_);
-  due.insert(due.end(), arrived_.begin(), later);
-  kept_.assign(later, arrived_.end());
-  std::stable_sort(due.begin(), due.end(), [](const BusFrame& left, const BusFrame& right) {
-    return left.nanoseconds < right.nanoseconds;
-  });
-  for (const BusFrame& frame : due) take(frame);
-  return good;
+  std::stable_sort(held_.begin() + begin, held_.end(), earlier);
+  std::inplace_merge(held_.begin(), held_.begin() + begin, held_.end(), earlier);
+  if (!good) {
+    TakeHeld(take);
+    return false;
+  }
+  // By another clock than that of the stamps, which may be set.
+  const auto old = std::chrono::steady_clock::now() - kHold;
+  const auto last = std::find_if(held_.rbegin(), held_.rend(),
+                                 [old](const HeldFrame& held) { return held.arrived <= old; });
+  HandOut(static_cast<std::size_t>(held_.rend() - last), take);
+  return true;
+}
+
+void BusTap::TakeHeld(const std::function<void(const BusFrame&)>& take) {
+  HandOut(held_.size(), take);
+}
+
+void BusTap::HandOut(std::size_t count, const std::function<void(const BusFrame&)>& take) {
+  for (std::size_t i = 0; i < count; ++i) take(held_[i].frame);
+  held_.erase(held_.begin(), held_.begin() + static_cast<std::ptrdiff_t>(count));
 }
 
 }  // namespace motorctl

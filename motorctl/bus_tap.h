@@ -4,6 +4,7 @@
 
 #include <sys/socket.h>
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -53,10 +54,14 @@ class BusTap {
   int received() const { return received_; }
   int sent() const { return sent_; }
 
-  // Hands out what has arrived, in the order of the time stamps. What arrives meanwhile is kept for
-  // the next call: its neighbour may not have been read yet. False when the interface went down or
-  // away.
+  // Hands out what has arrived, in the order of the time stamps. A frame is stamped before it can be
+  // read, on a busy machine long before: what has arrived is held for a moment, until what came
+  // before it must have arrived, too. False when the interface went down or away; nothing is held
+  // then.
   bool Take(const std::function<void(const BusFrame&)>& take);
+  // Hands out what is held.
+  void TakeHeld(const std::function<void(const BusFrame&)>& take);
+  bool holds_frames() const { return !held_.empty(); }
 
   // Frames that the kernel dropped because they were not read in time, since the first Open.
   std::uint64_t lost() const { return lost_ + lost_received_ + lost_sent_; }
@@ -65,12 +70,16 @@ class BusTap {
   int OpenReceived(int index) const;
   int OpenSent(int index) const;
   bool Drain(int socket, bool sent, std::uint32_t& lost);
+  void HandOut(std::size_t count, const std::function<void(const BusFrame&)>& take);
 
   const std::string interface_;
   int received_ = -1;
   int sent_ = -1;
-  std::vector<BusFrame> arrived_;
-  std::vector<BusFrame> kept_;
+  struct HeldFrame {
+    BusFrame frame;
+    std::chrono::steady_clock::time_point arrived;
+  };
+  std::vector<HeldFrame> held_;
   std::uint64_t lost_ = 0;  // of sockets that are closed
   std::uint32_t lost_received_ = 0;
   std::uint32_t lost_sent_ = 0;

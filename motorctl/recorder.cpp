@@ -121,12 +121,8 @@ void Recorder::TakeSignals() {
 
 void Recorder::TakeFrames() {
   now_ = Clock::now();
-  busy_ = false;
-  const bool good = tap_.Take([this](const BusFrame& frame) {
-    busy_ = true;
-    frames_.Push(frame);
-    watch_.Hear(frame, now_);
-  });
+  const bool good = tap_.Take([this](const BusFrame& frame) { Keep(frame); });
+  busy_ = tap_.holds_frames();
   if (tap_.is_open() && !good && !lost_interface_) {
     lost_interface_ = true;
     const bool gone = ::if_nametoindex(interface_.c_str()) == 0;
@@ -141,6 +137,11 @@ void Recorder::TakeFrames() {
   } else {
     watch_.Tick(now_);
   }
+}
+
+void Recorder::Keep(const BusFrame& frame) {
+  frames_.Push(frame);
+  watch_.Hear(frame, now_);
 }
 
 // The sockets of an interface that went away stay deaf, even when it comes back.
@@ -194,6 +195,7 @@ void Recorder::Hear(const BusEvent& event) {
 
 // In a process of its own, which has a copy of the memory at no cost and may wait for its disk.
 void Recorder::StartWriting() {
+  tap_.TakeHeld([this](const BusFrame& frame) { Keep(frame); });
   Incident incident;
   incident.trigger = gathering_->trigger;
   incident.events.assign(events_.begin(), events_.end());

@@ -49,6 +49,7 @@ class Recorder {
   void Await();
   void TakeSignals();
   void TakeFrames();
+  void Keep(const BusFrame& frame);
   void WatchInterface();
   void KeepMark();
   void Hear(const BusEvent& event);

@@ -166,6 +166,7 @@ TEST_F(RecordTriggersTest, WhatDoesNotStopIsOneIncident) {
   bus::Command(
       "for i in 1 2 3 4 5 6 7 8 9 10; do cansend can1 081#1023010000000000; sleep 0.2; "
       "done");
+  ASSERT_TRUE(AwaitFolders(1));
   EXPECT_EQ(Folders().size(), 1U);
   bus::Command("cansend can1 082#1023010000000000");  // another node is another incident
   ASSERT_TRUE(AwaitFolders(2));
