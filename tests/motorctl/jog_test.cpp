@@ -31,15 +31,17 @@ TEST_P(JogMakeTest, TurnsAsAskedAndStops) {
   EXPECT_EQ(objects.back()["event"], "end");
   EXPECT_EQ(objects.back()["ok"], true);
   EXPECT_EQ(objects.back()["stop_confirmed"], true);
-  double fastest = 0;
+  std::vector<double> measured;  // at full speed
   int target = 0;
   for (const Json& object : objects) {
     if (object["event"] != "sample") continue;
-    fastest = std::max(fastest, object["measured_rpm"][0].get<double>());
     target = std::max(target, object["target_rpm"][0].get<int>());
+    if (object["target_rpm"][0] == 60) measured.push_back(object["measured_rpm"][0]);
   }
   EXPECT_EQ(target, 60);
-  EXPECT_NEAR(fastest, 60, 12);
+  ASSERT_GT(measured.size(), 10U);
+  std::sort(measured.begin(), measured.end());
+  EXPECT_NEAR(measured[measured.size() / 2], 60, 6);  // a machine that stalls measures a few wrong
   ExpectZeroAtTheEnd(SpeedCommands(record_, make_));
   EXPECT_EQ(drive_.SpeedRpm(), 0.0);
 
