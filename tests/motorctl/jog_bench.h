@@ -22,6 +22,18 @@ inline bool StartsWith(const std::string& text, const std::string& start) {
   return text.compare(0, start.size(), start) == 0;
 }
 
+// The median of what a jog that prints JSON measured at this target, of the first motor. The fastest
+// and the slowest are those of a machine that stalled. 0 without a measurement.
+inline double UsualRpm(const std::vector<Json>& objects, int target) {
+  std::vector<double> measured;
+  for (const Json& object : objects) {
+    if (object["event"] != "sample" || object["target_rpm"][0] != target) continue;
+    measured.push_back(object["measured_rpm"][0]);
+  }
+  std::sort(measured.begin(), measured.end());
+  return measured.empty() ? 0 : measured[measured.size() / 2];
+}
+
 // Writes down every frame on can1. It only listens, and takes no time from the drive: for that
 // bus::FarEnd, which answers before anything else runs, is the wrong tool.
 class BusRecord {
