@@ -18,7 +18,12 @@ bool IsDigits(std::string_view text) {
          std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
 }
 
-bool IsDirection(std::string_view word) { return word == "Rx" || word == "Tx"; }
+bool ParseDirection(std::string_view word, LoggedFrame& frame) {
+  if (word != "Rx" && word != "Tx") return false;
+  frame.direction =
+      word == "Tx" ? LoggedFrame::Direction::kSent : LoggedFrame::Direction::kReceived;
+  return true;
+}
 
 // "x" marks a 29-bit identifier.
 bool ParseId(std::string_view text, int base, LoggedFrame& frame) {
@@ -43,7 +48,7 @@ bool ParseClassicFrame(LogWords& words, int base, LoggedFrame& frame) {
     frame.kind = LoggedFrame::Kind::kError;
     return true;
   }
-  if (!ParseId(id, base, frame) || !IsDirection(words.Next())) return false;
+  if (!ParseId(id, base, frame) || !ParseDirection(words.Next(), frame)) return false;
   const std::string_view kind = words.Next();
   if (kind == "r") {
     frame.kind = LoggedFrame::Kind::kRemote;
@@ -56,7 +61,7 @@ bool ParseClassicFrame(LogWords& words, int base, LoggedFrame& frame) {
 
 // "Rx 123 [name] BRS ESI length-code length bytes... duration bits flags ...".
 bool ParseFdFrame(LogWords& words, int base, LoggedFrame& frame) {
-  if (!IsDirection(words.Next()) || !ParseId(words.Next(), base, frame)) return false;
+  if (!ParseDirection(words.Next(), frame) || !ParseId(words.Next(), base, frame)) return false;
   std::string_view word = words.Next();
   if (word != "0" && word != "1") word = words.Next();
   unsigned bit_rate_switch = 0;

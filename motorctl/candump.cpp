@@ -118,8 +118,11 @@ bool ParseSpacedFrame(std::string_view id, LogWords& words, LoggedFrame& frame) 
   return true;
 }
 
-bool IsDirection(std::string_view word) {
-  return word == "RX" || word == "TX" || word == "R" || word == "T";
+bool ParseDirection(std::string_view word, LoggedFrame& frame) {
+  const bool sent = word == "TX" || word == "T";
+  if (!sent && word != "RX" && word != "R") return false;
+  frame.direction = sent ? LoggedFrame::Direction::kSent : LoggedFrame::Direction::kReceived;
+  return true;
 }
 
 bool ParseCandumpLine(std::string_view line, LoggedFrame& frame) {
@@ -141,11 +144,13 @@ bool ParseCandumpLine(std::string_view line, LoggedFrame& frame) {
   if (word.find('#') != std::string_view::npos) {
     // "R" or "T" may follow (-x).
     const std::string_view direction = words.Next();
-    if (!direction.empty() && (!IsDirection(direction) || !words.Next().empty())) return false;
+    if (!direction.empty() && (!ParseDirection(direction, frame) || !words.Next().empty())) {
+      return false;
+    }
     return ParseCompactFrame(word, frame);
   }
   // "RX - -" (-x).
-  if (IsDirection(word)) {
+  if (ParseDirection(word, frame)) {
     words.Next();
     words.Next();
     word = words.Next();

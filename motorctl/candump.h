@@ -11,13 +11,16 @@
 namespace motorctl {
 
 struct LoggedFrame {
-  enum class Kind { kData, kRemote, kFd, kError };
+  enum class Kind : std::uint8_t { kData, kRemote, kFd, kError };
+  // Of the machine that wrote the log; kUnknown where the line does not tell.
+  enum class Direction : std::uint8_t { kUnknown, kReceived, kSent };
 
   // Parts of the line that was parsed, as long as that exists.
   std::string_view time;       // without parentheses; empty when it has none
   std::string_view interface;  // or the channel of an .asc file; empty when the line has none
 
   Kind kind = Kind::kData;
+  Direction direction = Direction::kUnknown;
   bool extended = false;  // 29-bit identifier
   std::uint32_t id = 0;   // of an error frame: the classes of the error
   unsigned fd_flags = 0;

@@ -31,6 +31,8 @@ Meaning DecodeEmergency(const std::uint8_t* data);
 Meaning DecodeLss(const std::uint8_t* data, bool response);
 
 Meaning DecodeErrorFrame(const LoggedFrame& frame);
+// Of the classes of an error frame: about the controller, not about one frame.
+bool TellsControllerState(std::uint32_t classes);
 
 // A line that tells about frames or about its log without holding a frame: details of an error
 // frame, frames that candump lost, what stands around the frames of an .asc file. Its numbers are

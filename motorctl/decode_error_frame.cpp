@@ -139,6 +139,10 @@ std::string Join(const Texts& texts) {
 
 }  // namespace
 
+bool TellsControllerState(std::uint32_t classes) {
+  return (classes & (CAN_ERR_CRTL | CAN_ERR_BUSOFF | CAN_ERR_RESTARTED)) != 0;
+}
+
 Meaning DecodeErrorFrame(const LoggedFrame& frame) {
   Texts names;
   Texts details;

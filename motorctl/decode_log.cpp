@@ -1,10 +1,9 @@
 // Logs of candump, line by line.
 #include <algorithm>
 #include <cstdint>
-#include <iterator>
 
 #include "decode.h"
-#include "log_lines.h"
+#include "log_entries.h"
 
 namespace motorctl {
 namespace {
@@ -12,66 +11,17 @@ namespace {
 constexpr std::size_t kTextColumn = 48;
 constexpr std::size_t kOutputBlock = std::size_t{1} << 16;
 
-// What a terminal would obey, or JSON refuse, as "\x1B".
-void AppendPrintable(std::string& out, std::string_view text) {
-  const auto printable = [](char c) { return c == '\t' || (c >= 0x20 && c < 0x7F); };
-  if (std::all_of(text.begin(), text.end(), printable)) {
-    out += text;
-    return;
-  }
-  for (const char c : text) {
-    if (printable(c)) {
-      out += c;
-    } else {
-      out.append("\\x").append(Hex(static_cast<unsigned char>(c), 2), 2);
-    }
-  }
-}
-
-std::string Printable(std::string_view text) {
-  std::string result;
-  AppendPrintable(result, text);
-  return result;
-}
-
-// Colours (-c) are "\x1B[...m".
-void RemoveColours(std::string_view line, std::string& plain) {
-  plain.clear();
-  for (;;) {
-    const std::size_t escape = line.find("\x1B[");
-    const std::size_t end = escape == std::string_view::npos
-                                ? escape
-                                : line.find_first_not_of("0123456789;", escape + 2);
-    if (end == std::string_view::npos || line[end] != 'm') break;
-    plain += line.substr(0, escape);
-    line.remove_prefix(end + 1);
-  }
-  plain += line;
-}
-
 class LogDecoder {
  public:
   LogDecoder(const DecodeOptions& options, std::string& out) : options_(options), out_(out) {}
 
-  void Decode(std::string_view line, bool cut) {
-    if (line.empty()) return;
-    if (cut) {
-      AddMalformed(line, "line too long");
-      return;
-    }
-    std::string_view plain = line;
-    if (line.find('\x1B') != std::string_view::npos) {
-      RemoveColours(line, coloured_);
-      plain = coloured_;
-    }
-    // Which candump writes below errors that it has no words for, and between colours.
-    if (plain.find_first_not_of(" \t") == std::string_view::npos) return;
-    if (const auto frame = ParseLogLine(plain, asc_base_)) {
-      AddFrame(plain, *frame);
-    } else if (const auto note = ParseNote(Printable(plain), asc_base_)) {
-      AddNote(plain, *note);
+  void Decode(const LogEntry& entry) {
+    if (entry.frame) {
+      AddFrame(entry.line, *entry.frame);
+    } else if (entry.note) {
+      AddNote(entry.line, *entry.note);
     } else {
-      AddMalformed(line, "no frame in this line");
+      AddMalformed(entry.line, entry.cut ? "line too long" : "no frame in this line");
     }
   }
 
@@ -125,9 +75,7 @@ class LogDecoder {
 
   const DecodeOptions options_;
   std::string& out_;
-  std::string coloured_;
   BlockTransfers blocks_;
-  int asc_base_ = 16;
   std::size_t malformed_ = 0;
 };
 
@@ -141,11 +89,10 @@ std::size_t DecodeLog(int log, const DecodeOptions& options,
     out.clear();
   };
   LogDecoder decoder(options, out);
-  LogLines lines(log, flush);
-  std::string_view line;
-  bool cut = false;
-  while (lines.Next(line, cut)) {
-    decoder.Decode(line, cut);
+  LogEntries entries(log, flush);
+  LogEntry entry;
+  while (entries.Next(entry)) {
+    decoder.Decode(entry);
     if (out.size() >= kOutputBlock) flush();
   }
   flush();

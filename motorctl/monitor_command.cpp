@@ -68,9 +68,10 @@ const Make* MakeOfPdos(const Context& context) {
 }
 
 double CountsPerTurn(const Context& context) {
-  const bool known = context.make != nullptr && !context.make->counts_are_configured;
-  return static_cast<double>(known ? context.make->counts_per_revolution
-                                   : context.vehicle.counts_per_revolution);
+  const unsigned long configured = context.vehicle.counts_per_revolution;
+  return static_cast<double>(context.make == nullptr
+                                 ? configured
+                                 : motor_driver::CountsPerRevolution(*context.make, configured));
 }
 
 Monitor::Monitor(const Context& context, const Options& options)

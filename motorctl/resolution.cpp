@@ -24,10 +24,6 @@ std::vector<int> NodesOf(const Vehicle& vehicle) {
   return nodes;
 }
 
-unsigned long CountsOf(const Make& make, const Vehicle& vehicle) {
-  return make.counts_are_configured ? vehicle.counts_per_revolution : make.counts_per_revolution;
-}
-
 }  // namespace
 
 std::string NodeNames(const Vehicle& vehicle) {
@@ -41,7 +37,8 @@ std::string CheckResolution(const Context& context, const Vehicle& vehicle) {
   const Make& make = *motor_driver::FindMake(vehicle.make);
   // With two motors in a node, the sub-indices are theirs.
   if (make.motors > 1) return "";
-  const unsigned long assumed = CountsOf(make, vehicle);
+  const unsigned long assumed =
+      motor_driver::CountsPerRevolution(make, vehicle.counts_per_revolution);
   const std::unique_ptr<DriverCommon> drive = OpenBus(context);
   std::string unknown;
   for (const int node : NodesOf(vehicle)) {

@@ -1,9 +1,7 @@
 #include "trigger_watch.h"
 
 #include <linux/can.h>
-#include <linux/can/error.h>
 
-#include <algorithm>
 #include <utility>
 
 #include "decode.h"
@@ -29,12 +27,7 @@ constexpr unsigned kInitiateRead = 2;
 constexpr unsigned kAbort = 4;
 constexpr std::uint16_t kHeartbeatTime = 0x1017;
 
-// A node whose heartbeat is missed twice and once more is late, not a node with a busy bus.
-constexpr int kMissedHeartbeats = 3;
-constexpr auto kHeartbeatGrace = std::chrono::milliseconds(100);
 constexpr auto kSdoTimeout = std::chrono::milliseconds(500);
-
-constexpr std::uint32_t kControllerState = CAN_ERR_CRTL | CAN_ERR_BUSOFF | CAN_ERR_RESTARTED;
 
 }  // namespace
 
@@ -59,7 +52,7 @@ void TriggerWatch::TellMeaning(const char* kind, int node, const BusFrame& frame
 
 void TriggerWatch::Hear(const BusFrame& frame, Clock::time_point now) {
   if ((frame.id & CAN_ERR_FLAG) != 0) {
-    TellMeaning((frame.id & kControllerState) != 0 ? "controller_state" : "error_frame", 0, frame);
+    TellMeaning(TellsControllerState(frame.id) ? "controller_state" : "error_frame", 0, frame);
     return;
   }
   if ((frame.id & (CAN_EFF_FLAG | CAN_RTR_FLAG)) != 0) return;
@@ -101,9 +94,7 @@ void TriggerWatch::HearHeartbeat(Node& node, int id, const BusFrame& frame, Cloc
     if (was_operational) TellMeaning("boot_up", id, frame);
     return;
   }
-  // Of the last ones the longest: after one that came late the next comes early.
-  if (node.heartbeat) node.period = std::max(node.period * 7 / 8, now - *node.heartbeat);
-  node.heartbeat = now;
+  node.heartbeat.Hear(now.time_since_epoch());
 }
 
 void TriggerWatch::HearSdo(Node& node, int id, const BusFrame& frame, Clock::time_point now) {
@@ -121,8 +112,7 @@ void TriggerWatch::HearSdo(Node& node, int id, const BusFrame& frame, Clock::tim
     node.requests.try_emplace(object, now);  // one that is repeated has waited from the first on
     // Another period may follow; it is learned again.
     if ((object & 0xFFFFU) == kHeartbeatTime && specifier == kInitiateWrite) {
-      node.heartbeat.reset();
-      node.period = Clock::duration::zero();
+      node.heartbeat.Forget();
     }
   }
 }
@@ -164,12 +154,10 @@ void TriggerWatch::HearErrorCode(Node& node, int id, const BusFrame& frame) {
 
 void TriggerWatch::Tick(Clock::time_point now) {
   for (auto& [id, node] : nodes_) {
-    if (node.heartbeat && node.period > Clock::duration::zero() &&
-        now - *node.heartbeat > kMissedHeartbeats * node.period + kHeartbeatGrace) {
-      const auto silent =
-          std::chrono::duration_cast<std::chrono::milliseconds>(now - *node.heartbeat);
-      node.heartbeat.reset();
-      node.period = Clock::duration::zero();
+    if (node.heartbeat.Overdue(now.time_since_epoch())) {
+      const auto silent = std::chrono::duration_cast<std::chrono::milliseconds>(
+          now.time_since_epoch() - *node.heartbeat.last());
+      node.heartbeat.Forget();
       Tell("heartbeat_overdue", id,
            "node " + std::to_string(id) + ": no heartbeat for " + std::to_string(silent.count()) +
                " ms",

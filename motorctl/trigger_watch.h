@@ -5,10 +5,10 @@
 #include <cstdint>
 #include <functional>
 #include <map>
-#include <optional>
 #include <string>
 
 #include "bus_tap.h"
+#include "rhythm.h"
 #include "wheels/makes.h"
 
 namespace motorctl {
@@ -39,8 +39,7 @@ class TriggerWatch {
   struct Node {
     bool heard = false;
     bool operational = false;
-    std::optional<Clock::time_point> heartbeat;
-    Clock::duration period = Clock::duration::zero();  // of the heartbeats; 0: not known
+    Rhythm heartbeat;
     // SDO requests that are not answered, by their objects: hosts ask for the next one before.
     std::map<std::uint32_t, Clock::time_point> requests;
     std::uint32_t errors[motor_driver::kMaxMotors] = {};

@@ -76,9 +76,7 @@ std::string VelocityCheck::Compare(DriverCommon& drive, std::size_t wheel) const
       make_.velocities.at(static_cast<std::size_t>(description.motor - 1));
   const SdoAnswer answer = ReadObject(drive, description.node, object.index, object.sub_index, 1);
   if (!answer.ok() || (answer.size != 0 && answer.size != 4)) return "";
-  const double units =
-      make_.velocity_units_per_rpm *
-      (make_.counts_are_configured ? static_cast<double>(vehicle_.counts_per_revolution) : 1.0);
+  const double units = motor_driver::UnitsPerRpm(make_, vehicle_.counts_per_revolution);
   const double told = std::abs(static_cast<std::int32_t>(answer.value) / units);
   const double measured = std::abs(wheels_.GetWheel(wheel).measured_rpm) * description.gear_ratio;
   if (std::abs(told - measured) <= kAllowedShare * std::max(told, measured) + kAllowedRpm)

@@ -82,7 +82,7 @@ struct Make {
   std::vector<Object> targets;
   std::vector<Object> positions;
   std::vector<Object> velocities;
-  // Units of `velocities` per rpm; kinco: per rpm and count per revolution.
+  // Units of `velocities` and of target velocities per rpm; kinco: per rpm and count per revolution.
   double velocity_units_per_rpm = 1.0;
 
   // Others that a node of this make must have.
@@ -109,6 +109,17 @@ struct Make {
   // Those whose first digit is 2 and the axis, added.
   std::vector<NamedObject> axis_parameters;
 };
+
+// Of the motor; `configured` is Vehicle::counts_per_revolution.
+inline unsigned long CountsPerRevolution(const Make& make, unsigned long configured) {
+  return make.counts_are_configured ? configured : make.counts_per_revolution;
+}
+
+// Of a velocity as the drive takes and tells it.
+inline double UnitsPerRpm(const Make& make, unsigned long configured) {
+  return make.velocity_units_per_rpm *
+         (make.counts_are_configured ? static_cast<double>(configured) : 1.0);
+}
 
 // In the order in which documents name them.
 MOTOR_DRIVER_WHEELS_EXPORT const std::vector<Make>& Makes();
