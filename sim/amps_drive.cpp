@@ -26,6 +26,10 @@ Make Describe() {
   make.name = "amps";
   make.description = "one motor, 4096 counts per revolution, target velocity in rpm, by SDO";
   make.product_code = 4;
+  make.device_name = "Simulated drive amps";
+  make.hardware_version = "rev B";
+  make.software_version = "sim 1.0.0";
+  make.user_text = 0x4710;
   make.axis_count = 1;
   make.axis = {4096, 1, 1, Axis::kProfileVelocity, 10000, 6000};
   make.axis.state.enable_needs_shutdown = false;

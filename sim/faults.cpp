@@ -35,6 +35,11 @@ constexpr Syntax kSyntax[] = {
     {"duplicate-replies",  Fault::Kind::kDuplicateReplies,  Form::kNothing},
     {"truncate-replies",   Fault::Kind::kTruncateReplies,   Form::kNumber},
     {"wrong-index",        Fault::Kind::kWrongIndexReplies, Form::kNothing},
+    {"abort-segment",      Fault::Kind::kAbortSegment,      Form::kNumberAndAbort},
+    {"ignore-segment",     Fault::Kind::kIgnoreSegment,     Form::kNumber},
+    {"wrong-toggle",       Fault::Kind::kWrongToggle,       Form::kNumber},
+    {"wrong-size",         Fault::Kind::kWrongSize,         Form::kNumber},
+    {"no-size",            Fault::Kind::kNoSize,            Form::kNothing},
     {"power-cut-after-ms", Fault::Kind::kPowerCutAfter,     Form::kNumber},
     {"power-on-after-ms",  Fault::Kind::kPowerOnAfter,      Form::kNumber},
     {"error-after-ms",     Fault::Kind::kErrorAfter,        Form::kTimeAndError},
@@ -77,6 +82,17 @@ void ParseObject(std::string_view text, std::string_view whole, Fault& fault) {
   if (sub) fault.sub = static_cast<std::uint8_t>(ParseNumber(*sub, whole, 0xFF));
 }
 
+bool CountsWrites(const Fault& fault) {
+  return fault.kind == Fault::Kind::kAbortWrite || fault.kind == Fault::Kind::kIgnoreWrite;
+}
+
+bool CountsSegments(const Fault& fault) {
+  return fault.kind == Fault::Kind::kAbortSegment || fault.kind == Fault::Kind::kIgnoreSegment ||
+         fault.kind == Fault::Kind::kWrongToggle;
+}
+
+bool CountsOut(Fault& fault) { return fault.number != 0 && --fault.number == 0; }
+
 }  // namespace
 
 const char* FaultHelp() {
@@ -91,6 +107,11 @@ const char* FaultHelp() {
          "  duplicate-replies                  send every SDO reply twice\n"
          "  truncate-replies=N                 cut SDO replies to N bytes, 0 to 7\n"
          "  wrong-index                        SDO replies name the next index\n"
+         "  abort-segment=N[/ABORT]            refuse the N-th segment of SDO transfers\n"
+         "  ignore-segment=N                   neither take nor answer the N-th segment\n"
+         "  wrong-toggle=N                     answer the N-th segment with the wrong toggle bit\n"
+         "  wrong-size=N                       indicate N bytes at uploads in segments\n"
+         "  no-size                            do not indicate the size of uploads\n"
          "  power-cut-after-ms=N               fall silent after N ms\n"
          "  power-on-after-ms=N                boot up again after N ms\n"
          "  error-after-ms=N/CODE              trip with this error code until a fault reset\n"
@@ -148,9 +169,8 @@ Fault ParseFault(std::string_view text) {
     const bool truncates = fault.kind == Fault::Kind::kTruncateReplies;
     fault.number =
         ParseNumber(value, text, truncates ? 7 : std::numeric_limits<std::uint32_t>::max());
-    const bool counts =
-        fault.kind == Fault::Kind::kAbortWrite || fault.kind == Fault::Kind::kIgnoreWrite;
-    if (counts && fault.number == 0) Refuse(text, "the first write is number 1");
+    if (CountsWrites(fault) && fault.number == 0) Refuse(text, "the first write is number 1");
+    if (CountsSegments(fault) && fault.number == 0) Refuse(text, "the first segment is number 1");
     return fault;
   }
   Refuse(text, "unknown; --help lists the faults");
@@ -170,6 +190,12 @@ void SdoFaults::Inject(const Fault& fault) {
     case Fault::Kind::kWrongIndexReplies:
       reply_.wrong_index = true;
       break;
+    case Fault::Kind::kWrongSize:
+      reply_.size = fault.number;
+      break;
+    case Fault::Kind::kNoSize:
+      reply_.no_size = true;
+      break;
     default:
       faults_.push_back(fault);
       break;
@@ -177,19 +203,25 @@ void SdoFaults::Inject(const Fault& fault) {
 }
 
 SdoFaults::Verdict SdoFaults::Judge(const SdoRequest& request) {
-  const bool write = request.kind == SdoRequest::Kind::kDownload;
-  const bool access = write || request.kind == SdoRequest::Kind::kUpload;
+  using Kind = SdoRequest::Kind;
+  const bool write = request.kind == Kind::kDownload || request.kind == Kind::kDownloadBegin;
+  const bool access = write || request.kind == Kind::kUpload;
+  const bool segment =
+      request.kind == Kind::kDownloadSegment || request.kind == Kind::kUploadSegment;
   Verdict verdict;
   for (Fault& fault : faults_) {
     const bool of_object =
         access && fault.index == request.index && fault.sub.value_or(request.sub) == request.sub;
-    const bool counts =
-        fault.kind == Fault::Kind::kAbortWrite || fault.kind == Fault::Kind::kIgnoreWrite;
-    const bool counted_out = counts && write && fault.number != 0 && --fault.number == 0;
+    // The toggle bit is a matter of the reply.
+    const bool counts = (CountsWrites(fault) && write) || (CountsSegments(fault) && segment &&
+                                                           fault.kind != Fault::Kind::kWrongToggle);
+    const bool counted_out = counts && CountsOut(fault);
     switch (fault.kind) {
+      case Fault::Kind::kAbortSegment:
       case Fault::Kind::kAbortWrite:
         if (counted_out) verdict = {Verdict::Action::kAbort, fault.abort_code};
         break;
+      case Fault::Kind::kIgnoreSegment:
       case Fault::Kind::kIgnoreWrite:
         if (counted_out) verdict = {Verdict::Action::kIgnore, AbortCode::kNone};
         break;
@@ -197,7 +229,7 @@ SdoFaults::Verdict SdoFaults::Judge(const SdoRequest& request) {
         if (of_object) verdict = {Verdict::Action::kAbort, fault.abort_code};
         break;
       case Fault::Kind::kAbortValue:
-        if (of_object && write && request.value == fault.number) {
+        if (of_object && request.kind == Kind::kDownload && request.value == fault.number) {
           verdict = {Verdict::Action::kAbort, fault.abort_code};
         }
         break;
@@ -209,6 +241,20 @@ SdoFaults::Verdict SdoFaults::Judge(const SdoRequest& request) {
     }
   }
   return verdict;
+}
+
+void SdoFaults::Spoil(SdoBytes& reply) {
+  if (IsSegment(reply)) {
+    for (Fault& fault : faults_) {
+      if (fault.kind == Fault::Kind::kWrongToggle && CountsOut(fault)) reply[0] ^= 0x10U;
+    }
+  }
+  if (!BeginsUpload(reply)) return;
+  const bool in_segments = (reply[0] & 0x02U) == 0;
+  if (in_segments && reply_.size) PutLittleEndian(reply.begin() + 4, 4, *reply_.size);
+  if (!reply_.no_size) return;
+  reply[0] = in_segments ? 0x40 : 0x42;
+  if (in_segments) PutLittleEndian(reply.begin() + 4, 4, 0);
 }
 
 }  // namespace sim

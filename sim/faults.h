@@ -24,6 +24,11 @@ struct Fault {
     kDuplicateReplies,    // every SDO reply is sent twice
     kTruncateReplies,     // SDO replies are cut to `number` bytes
     kWrongIndexReplies,   // SDO replies name the next index
+    kAbortSegment,        // the number-th segment from now on is refused with abort_code
+    kIgnoreSegment,       // the number-th segment from now on is neither taken nor answered
+    kWrongToggle,         // the reply to the number-th segment from now on has the wrong toggle bit
+    kWrongSize,           // uploads in segments indicate `number` bytes
+    kNoSize,              // uploads do not indicate their size
     kPowerCutAfter,       // after `number` ms the node falls silent
     kPowerOnAfter,        // after `number` ms the node boots up again
     kErrorAfter,          // after `number` ms the drive trips with error_code, until a fault reset
@@ -60,13 +65,17 @@ class SdoFaults {
     bool twice = false;
     std::uint8_t length = 8;
     bool wrong_index = false;
+    bool no_size = false;
+    std::optional<std::uint32_t> size;
   };
 
   void Inject(const Fault& fault);
   void Clear() { *this = SdoFaults(); }
 
-  /// To be asked once for every request, because it counts the writes.
+  /// To be asked once for every request, because it counts writes and segments.
   Verdict Judge(const SdoRequest& request);
+  /// The same for every reply of the server.
+  void Spoil(SdoBytes& reply);
   const Reply& reply() const { return reply_; }
 
  private:

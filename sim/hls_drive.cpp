@@ -26,6 +26,10 @@ Make Describe() {
   make.name = "hls";
   make.description = "one motor, 131072 counts per revolution, target velocity in 0.1 rpm";
   make.product_code = 3;
+  make.device_name = "Simulated drive hls";
+  make.hardware_version = "3";
+  make.software_version = "sim 1.0.0";
+  make.user_text = 0x2500;
   make.axis_count = 1;
   make.axis = {131072, 1, 10, Axis::kProfileVelocity, 10000, 6000};
   make.axis.state.controlword_resets_faults = false;

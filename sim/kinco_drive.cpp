@@ -30,6 +30,10 @@ Make Describe() {
   make.description =
       "one motor, 10000 counts per revolution, target velocity in 1875/512 counts per minute";
   make.product_code = 5;
+  make.device_name = "Simulated drive kinco";
+  make.hardware_version = "A2";
+  make.software_version = "sim 1.0.0";
+  make.user_text = 0x2F00;
   make.axis_count = 1;
   make.axis = {10000, 1875, 512, kImmediateSpeedMode, 10000, 6000};
   make.axis.velocity_in_counts = true;

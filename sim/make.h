@@ -14,7 +14,12 @@ namespace sim {
 struct Make {
   std::string_view name;
   std::string_view description;
-  std::uint32_t product_code;  // 0x1018 sub 2
+  std::uint32_t product_code;         // 0x1018 sub 2
+  std::string_view device_name;       // 0x1008
+  std::string_view hardware_version;  // 0x1009
+  std::string_view software_version;  // 0x100A
+  // Of the object, with sub-index 0, in which a host may keep a text of its own.
+  std::uint16_t user_text;
   std::size_t axis_count;
   AxisTraits axis;
   PdoTraits pdo;

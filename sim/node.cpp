@@ -19,6 +19,7 @@ constexpr std::uint8_t kActivation = 0x10;  // twice
 constexpr std::uint32_t kServoDrive = 0x00020192;  // CiA 402, servo
 constexpr std::uint32_t kVendorId = 0x00FFFF01;    // of no real vendor
 constexpr std::uint32_t kRevision = 0x00010000;
+constexpr std::size_t kLongestUserText = 64;
 
 const Node::Options& Checked(const Make& make, const Node::Options& options) {
   if (options.node_id < 1 || options.node_id > 127) {
@@ -58,7 +59,9 @@ Node::Node(const Make& make, const Options& options, FrameSink send)
       axes_(MakeAxes(make, options)),
       pdos_(dictionary_, options.node_id, make.pdo, [this](const Frame& frame) { SendPdo(frame); }),
       errors_(dictionary_, axes_, nmt_state_, {options.node_id, options.heartbeat_ms},
-              [this](const Frame& frame) { send_(frame); }) {
+              [this](const Frame& frame) { send_(frame); }),
+      server_(dictionary_),
+      parameter_server_(dictionary_, ParameterOffset(options)) {
   AddCommonObjects(make);
   make.add_objects(dictionary_, axes_);
   if (options.tpdo1_id != 0) dictionary_.SetPowerOnValue(0x1800, 1, options.tpdo1_id);
@@ -72,6 +75,13 @@ void Node::SendPdo(const Frame& frame) {
 void Node::AddCommonObjects(const Make& make) {
   dictionary_.Add(0x1000, 0, 4, Access::kConst, kServoDrive);
   dictionary_.Add(0x1005, 0, 4, Access::kConst, kSyncId);
+  const auto add_text = [this](std::uint16_t index, std::string_view text) {
+    dictionary_.AddString(index, 0, Access::kConst, std::string(text), text.size());
+  };
+  add_text(0x1008, make.device_name);
+  add_text(0x1009, make.hardware_version);
+  add_text(0x100A, make.software_version);
+  dictionary_.AddString(make.user_text, 0, Access::kReadWrite, "", kLongestUserText);
   dictionary_.Add(0x1018, 0, 1, Access::kConst, 4);
   dictionary_.Add(0x1018, 1, 4, Access::kConst, kVendorId);
   dictionary_.Add(0x1018, 2, 4, Access::kConst, make.product_code);
@@ -98,7 +108,7 @@ void Node::PowerCut() {
   awaits_activation_ = false;
   boots_at_.reset();
   pdos_.Stop();
-  late_replies_.clear();
+  CloseTransfers();
   for (Axis& axis : axes_) axis.Reset();
 }
 
@@ -109,7 +119,7 @@ void Node::ResetApplication() {
 
 void Node::ResetCommunication() {
   pdos_.Stop();
-  late_replies_.clear();
+  CloseTransfers();
   dictionary_.Reset(0x1000, 0x1FFF);
   errors_.Reset(now_);
   nmt_state_ = NmtState::kInitialising;
@@ -129,7 +139,7 @@ void Node::Receive(const Frame& frame) {
     pdos_.Sync();
   } else if (frame.id == kSdoRequestBase + options_.node_id) {
     ++received_.sdo;
-    ReceiveSdo(frame, options_.node_id, 0);
+    ReceiveSdo(frame, options_.node_id, server_);
   } else if (frame.id == kSdoRequestBase && make_.has_parameter_channel) {
     ReceiveParameterChannel(frame);
   } else {
@@ -193,6 +203,7 @@ void Node::Step() {
 
   for (Axis& axis : axes_) axis.Step();
   SendLateReplies();
+  EndLateTransfers();
   if (errors_.Step(now_)) LoseWatchedNode();
   pdos_.Step(now_);
 }
@@ -203,6 +214,7 @@ Time Node::NextEvent() const {
   if (boots_at_) next = std::min(next, *boots_at_);
   if (nmt_state_ == NmtState::kPowerOff) return next;
   if (!late_replies_.empty()) next = std::min(next, late_replies_.front().at);
+  next = std::min({next, server_.NextEvent(), parameter_server_.NextEvent()});
   const bool settled =
       std::all_of(axes_.begin(), axes_.end(), [](const Axis& axis) { return axis.Settled(); });
   return std::min({next, errors_.NextEvent(), pdos_.NextEvent(settled)});

@@ -15,6 +15,7 @@
 #include "sim/nmt.h"
 #include "sim/object_dictionary.h"
 #include "sim/pdo_engine.h"
+#include "sim/sdo_server.h"
 
 namespace sim {
 
@@ -92,15 +93,19 @@ class Node {
     Fault fault;
   };
 
+  // What hosts add to an index on the parameter channel.
+  static std::uint16_t ParameterOffset(const Options& options);
   void AddCommonObjects(const Make& make);
   void SendPdo(const Frame& frame);
   void ReceiveNmt(const Frame& frame);
   void ReceiveActivation(const Frame& frame);
   void ReceiveParameterChannel(const Frame& frame);
   // Channel 0 belongs to all axes on the bus, any other to the node of this ID.
-  void ReceiveSdo(const Frame& frame, std::uint8_t channel, std::uint16_t index_offset);
+  void ReceiveSdo(const Frame& frame, std::uint8_t channel, SdoServer& server);
   void SendSdoReply(std::uint8_t channel, const SdoBytes& bytes);
   void SendLateReplies();
+  void EndLateTransfers();
+  void CloseTransfers();
   void BootUp();
   void ResetApplication();
   void ResetCommunication();
@@ -122,6 +127,8 @@ class Node {
   PdoEngine pdos_;
   bool reports_lost_ = false;
   ErrorControl errors_;
+  SdoServer server_;
+  SdoServer parameter_server_;
   SdoFaults sdo_faults_;
   std::vector<TimedFault> timed_faults_;
   std::deque<Timed> late_replies_;

@@ -1,4 +1,4 @@
-// The SDO server of a node, with what its faults do to requests and replies.
+// The SDO servers of a node, with what its faults do to requests and replies.
 #include "sim/node.h"
 
 namespace sim {
@@ -6,18 +6,28 @@ namespace {
 
 constexpr std::uint32_t kSdoReplyBase = 0x580;
 
+bool NamesObject(const SdoRequest& request) {
+  return request.kind != SdoRequest::Kind::kDownloadSegment &&
+         request.kind != SdoRequest::Kind::kUploadSegment;
+}
+
 }  // namespace
 
 void Node::ReceiveParameterChannel(const Frame& frame) {
-  const auto offset = static_cast<std::uint16_t>(options_.node_id << 12);
-  const std::uint16_t index = DecodeSdoRequest(frame.data).index;
-  // Every other index is the business of another axis on the bus.
-  if (((index - offset) & 0xF000) != 0x2000) return;
+  const SdoRequest request = DecodeSdoRequest(frame.data);
+  // Every other index is the business of another axis on the bus, as are segments of a transfer
+  // that was not begun here.
+  const unsigned own = (request.index - ParameterOffset(options_)) & 0xF000U;
+  if (NamesObject(request) ? own != 0x2000 : !parameter_server_.busy()) return;
   ++received_.sdo;
-  ReceiveSdo(frame, 0, offset);
+  ReceiveSdo(frame, 0, parameter_server_);
 }
 
-void Node::ReceiveSdo(const Frame& frame, std::uint8_t channel, std::uint16_t index_offset) {
+std::uint16_t Node::ParameterOffset(const Options& options) {
+  return static_cast<std::uint16_t>(options.node_id << 12);
+}
+
+void Node::ReceiveSdo(const Frame& frame, std::uint8_t channel, SdoServer& server) {
   // CiA 301: SDO frames have eight bytes, and there is no SDO in the state stopped.
   if (nmt_state_ == NmtState::kStopped || frame.length != 8) return;
   const SdoRequest request = DecodeSdoRequest(frame.data);
@@ -26,17 +36,16 @@ void Node::ReceiveSdo(const Frame& frame, std::uint8_t channel, std::uint16_t in
     case SdoFaults::Verdict::Action::kIgnore:
       return;
     case SdoFaults::Verdict::Action::kAbort:
-      SendSdoReply(channel, SdoAbort(request.index, request.sub, verdict.code));
+      SendSdoReply(channel, server.busy() ? server.Abort(verdict.code)
+                                          : SdoAbort(request.index, request.sub, verdict.code));
       return;
     case SdoFaults::Verdict::Action::kServe:
       break;
   }
-  SdoRequest own = request;
-  own.index = static_cast<std::uint16_t>(request.index - index_offset);
-  auto reply = ServeSdo(dictionary_, own);
-  if (!reply) return;
-  PutLittleEndian(reply->begin() + 1, 2, request.index);
-  SendSdoReply(channel, *reply);
+  if (auto reply = server.Serve(request, now_)) {
+    sdo_faults_.Spoil(*reply);
+    SendSdoReply(channel, *reply);
+  }
 }
 
 void Node::SendSdoReply(std::uint8_t channel, const SdoBytes& bytes) {
@@ -59,6 +68,22 @@ void Node::SendLateReplies() {
     send_(late_replies_.front().frame);
     late_replies_.pop_front();
   }
+}
+
+void Node::EndLateTransfers() {
+  // CiA 301: nothing is sent in the state stopped.
+  const auto step = [this](std::uint8_t channel, SdoServer& server) {
+    const auto abort = server.Step(now_);
+    if (abort && nmt_state_ != NmtState::kStopped) SendSdoReply(channel, *abort);
+  };
+  step(options_.node_id, server_);
+  step(0, parameter_server_);
+}
+
+void Node::CloseTransfers() {
+  server_.Close();
+  parameter_server_.Close();
+  late_replies_.clear();
 }
 
 }  // namespace sim

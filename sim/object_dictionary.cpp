@@ -4,6 +4,8 @@
 #include <stdexcept>
 #include <string>
 
+#include "sim/frame.h"
+
 namespace sim {
 namespace {
 
@@ -33,9 +35,31 @@ AbortCode Object::Write(std::uint32_t value) {
   return AbortCode::kNone;
 }
 
+Bytes Object::ReadBytes() const {
+  if (is_string()) return {text_.begin(), text_.end()};
+  Bytes bytes(size_);
+  PutLittleEndian(bytes.begin(), size_, Read());
+  return bytes;
+}
+
+AbortCode Object::WriteBytes(const Bytes& bytes) {
+  if (!is_string()) {
+    return Write(GetLittleEndian(bytes.begin(), static_cast<unsigned>(bytes.size())));
+  }
+  text_.assign(bytes.begin(), bytes.end());
+  return AbortCode::kNone;
+}
+
 Object& ObjectDictionary::Add(std::uint16_t index, std::uint8_t sub, unsigned size, Access access,
                               std::uint32_t initial) {
   const auto [entry, added] = objects_.try_emplace({index, sub}, size, access, initial);
+  if (!added) throw std::logic_error("object " + Name(index, sub) + " is defined twice");
+  return entry->second;
+}
+
+Object& ObjectDictionary::AddString(std::uint16_t index, std::uint8_t sub, Access access,
+                                    const std::string& initial, std::size_t longest) {
+  const auto [entry, added] = objects_.try_emplace({index, sub}, access, initial, longest);
   if (!added) throw std::logic_error("object " + Name(index, sub) + " is defined twice");
   return entry->second;
 }
@@ -50,23 +74,37 @@ ObjectDictionary::Found ObjectDictionary::Find(std::uint16_t index, std::uint8_t
 
 ObjectDictionary::Uploaded ObjectDictionary::Upload(std::uint16_t index, std::uint8_t sub) {
   const Found found = Find(index, sub);
-  if (found.object == nullptr) return {found.error, 0, 0};
-  if (!found.object->readable()) return {AbortCode::kWriteOnly, 0, 0};
-  if (!found.object->has_data()) return {AbortCode::kNoData, 0, 0};
-  return {AbortCode::kNone, found.object->size(), found.object->Read()};
+  if (found.object == nullptr) return {found.error, {}};
+  if (!found.object->readable()) return {AbortCode::kWriteOnly, {}};
+  if (!found.object->has_data()) return {AbortCode::kNoData, {}};
+  return {AbortCode::kNone, found.object->ReadBytes()};
+}
+
+AbortCode ObjectDictionary::MayDownload(std::uint16_t index, std::uint8_t sub,
+                                        std::optional<std::size_t> size) {
+  const Found found = Find(index, sub);
+  if (found.object == nullptr) return found.error;
+  if (!found.object->writable()) return AbortCode::kReadOnly;
+  if (!size) return AbortCode::kNone;
+  if (*size > found.object->longest()) return AbortCode::kLengthTooHigh;
+  // A string may be as short as it likes: its size is 0 here.
+  const bool too_short = *size < found.object->size() && !found.object->accepts_short();
+  return too_short ? AbortCode::kLengthTooLow : AbortCode::kNone;
 }
 
 AbortCode ObjectDictionary::Download(std::uint16_t index, std::uint8_t sub, unsigned size,
                                      std::uint32_t value) {
   const Found found = Find(index, sub);
-  if (found.object == nullptr) return found.error;
-  if (!found.object->writable()) return AbortCode::kReadOnly;
-  if (size != 0 && size > found.object->size()) return AbortCode::kLengthTooHigh;
-  if (size != 0 && size < found.object->size()) {
-    if (!found.object->accepts_short()) return AbortCode::kLengthTooLow;
-    value = Cut(value, size);
-  }
-  return found.object->Write(value);
+  const bool number = found.object != nullptr && !found.object->is_string();
+  if (size == 0) size = number ? found.object->size() : 4;
+  Bytes bytes(size);
+  PutLittleEndian(bytes.begin(), size, value);
+  return Download(index, sub, bytes);
+}
+
+AbortCode ObjectDictionary::Download(std::uint16_t index, std::uint8_t sub, const Bytes& bytes) {
+  const AbortCode refused = MayDownload(index, sub, bytes.size());
+  return refused == AbortCode::kNone ? Find(index, sub).object->WriteBytes(bytes) : refused;
 }
 
 const Object& ObjectDictionary::At(std::uint16_t index, std::uint8_t sub) const {
@@ -77,6 +115,10 @@ const Object& ObjectDictionary::At(std::uint16_t index, std::uint8_t sub) const 
 
 std::uint32_t ObjectDictionary::Get(std::uint16_t index, std::uint8_t sub) const {
   return At(index, sub).Read();
+}
+
+const std::string& ObjectDictionary::Text(std::uint16_t index, std::uint8_t sub) const {
+  return At(index, sub).text();
 }
 
 AbortCode ObjectDictionary::Set(std::uint16_t index, std::uint8_t sub, std::uint32_t value) {

@@ -1,16 +1,22 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <limits>
 #include <map>
+#include <optional>
+#include <string>
 #include <utility>
+#include <vector>
 
 namespace sim {
 
 /// SDO abort codes of CiA 301.
 enum class AbortCode : std::uint32_t {
   kNone = 0,
+  kToggle = 0x05030000,
+  kTimedOut = 0x05040000,
   kUnknownCommand = 0x05040001,
   kUnsupportedAccess = 0x06010000,
   kWriteOnly = 0x06010001,
@@ -32,7 +38,11 @@ enum class AbortCode : std::uint32_t {
 
 enum class Access { kReadOnly, kWriteOnly, kReadWrite, kConst };
 
-/// One entry: at most four bytes, as everything that an expedited transfer can carry.
+/// What a transfer carries, in the order of the wire.
+using Bytes = std::vector<std::uint8_t>;
+
+/// One entry: a number of one to four bytes, which an expedited transfer can carry, or a string,
+/// which takes a transfer in segments where it is longer.
 class Object {
  public:
   using WriteHook = std::function<AbortCode(std::uint32_t)>;
@@ -40,6 +50,9 @@ class Object {
 
   Object(unsigned size, Access access, std::uint32_t initial)
       : size_(size), access_(access), initial_(initial), value_(initial) {}
+  /// A string of at most `longest` bytes.
+  Object(Access access, std::string initial, std::size_t longest)
+      : size_(0), access_(access), longest_(longest), initial_text_(initial), text_(initial) {}
 
   /// Values outside are refused. Unsigned; an object with signed limits uses OnWrite.
   Object& Range(std::uint32_t min, std::uint32_t max) {
@@ -78,7 +91,11 @@ class Object {
     return *this;
   }
 
+  /// Of a number; 0 of a string.
   unsigned size() const { return size_; }
+  bool is_string() const { return size_ == 0; }
+  std::size_t longest() const { return is_string() ? longest_ : size_; }
+  Access access() const { return access_; }
   bool has_data() const { return !has_data_ || has_data_(); }
   bool mappable() const { return mappable_; }
   bool continuous() const { return continuous_; }
@@ -88,14 +105,24 @@ class Object {
 
   std::uint32_t Read() const;
   AbortCode Write(std::uint32_t value);
-  void Reset() { value_ = initial_; }
+  /// The same of either kind, in bytes. A write has what MayDownload allows.
+  Bytes ReadBytes() const;
+  AbortCode WriteBytes(const Bytes& bytes);
+  const std::string& text() const { return text_; }
+  void Reset() {
+    value_ = initial_;
+    text_ = initial_text_;
+  }
   void SetPowerOnValue(std::uint32_t value) { initial_ = value_ = value; }
 
  private:
   unsigned size_;
   Access access_;
-  std::uint32_t initial_;
-  std::uint32_t value_;
+  std::uint32_t initial_ = 0;
+  std::uint32_t value_ = 0;
+  std::size_t longest_ = 0;
+  std::string initial_text_;
+  std::string text_;
   std::uint32_t min_ = 0;
   std::uint32_t max_ = std::numeric_limits<std::uint32_t>::max();
   bool mappable_ = false;
@@ -116,25 +143,30 @@ class ObjectDictionary {
   };
   struct Uploaded {
     AbortCode error;
-    unsigned size;
-    std::uint32_t value;
+    Bytes bytes;
   };
 
   /// Throws std::logic_error when the entry exists: a make must not silently replace another's.
   Object& Add(std::uint16_t index, std::uint8_t sub, unsigned size, Access access,
               std::uint32_t initial = 0);
+  Object& AddString(std::uint16_t index, std::uint8_t sub, Access access,
+                    const std::string& initial, std::size_t longest);
 
   Found Find(std::uint16_t index, std::uint8_t sub);
 
-  /// What an SDO client may do. A download of size 0 did not indicate its size and takes the
-  /// object's.
+  /// What an SDO client may do. An expedited download of size 0 did not indicate its size and takes
+  /// the object's; a string then takes all four bytes.
   Uploaded Upload(std::uint16_t index, std::uint8_t sub);
   AbortCode Download(std::uint16_t index, std::uint8_t sub, unsigned size, std::uint32_t value);
+  AbortCode Download(std::uint16_t index, std::uint8_t sub, const Bytes& bytes);
+  /// Whether a download can begin, before its data are there; no size: it was not indicated.
+  AbortCode MayDownload(std::uint16_t index, std::uint8_t sub, std::optional<std::size_t> size);
 
   /// What the device itself may do: no access or size check. Throw std::out_of_range when absent.
   const Object& At(std::uint16_t index, std::uint8_t sub) const;
   std::uint32_t Get(std::uint16_t index, std::uint8_t sub) const;
   AbortCode Set(std::uint16_t index, std::uint8_t sub, std::uint32_t value);
+  const std::string& Text(std::uint16_t index, std::uint8_t sub) const;
 
   /// For the making of a device: no hook is called.
   void SetPowerOnValue(std::uint16_t index, std::uint8_t sub, std::uint32_t value);

@@ -121,6 +121,10 @@ std::uint32_t SimulatedDrive::ReadObject(std::uint16_t index, std::uint8_t sub) 
   return OnNode([&] { return node_.dictionary().Get(index, sub); });
 }
 
+std::string SimulatedDrive::ReadText(std::uint16_t index, std::uint8_t sub) {
+  return OnNode([&] { return node_.dictionary().Text(index, sub); });
+}
+
 AbortCode SimulatedDrive::WriteObject(std::uint16_t index, std::uint8_t sub, std::uint32_t value) {
   AbortCode result = AbortCode::kNone;
   Change([&] { result = node_.dictionary().Set(index, sub, value); });

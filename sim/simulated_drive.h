@@ -56,6 +56,8 @@ class SimulatedDrive {
   ReceivedFrames Received();
 
   std::uint32_t ReadObject(std::uint16_t index, std::uint8_t sub);
+  /// Of an object that is a string.
+  std::string ReadText(std::uint16_t index, std::uint8_t sub);
   /// As the device itself would: read-only objects can be written, a refused value is returned as
   /// such.
   AbortCode WriteObject(std::uint16_t index, std::uint8_t sub, std::uint32_t value);

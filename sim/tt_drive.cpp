@@ -23,6 +23,10 @@ Make Describe() {
   make.name = "tt";
   make.description = "one motor, 32768 counts per revolution, target velocity in rpm";
   make.product_code = 2;
+  make.device_name = "Simulated drive tt";
+  make.hardware_version = "T1.0";
+  make.software_version = "sim 1.0.0";
+  make.user_text = 0x2020;
   make.axis_count = 1;
   make.axis = {32768, 1, 1, Axis::kProfileVelocity, 10000, 6000};
   make.add_objects = AddObjects;

@@ -83,18 +83,26 @@ void AddObjects(ObjectDictionary& dictionary, std::vector<Axis>& axes) {
   AddManufacturerObjects(dictionary);
 }
 
+Make Describe() {
+  Make make{};
+  make.name = "zl";
+  make.description = "two motors in one node, 4096 counts per revolution, target velocity in rpm";
+  make.product_code = 1;
+  make.device_name = "Simulated drive zl";
+  make.hardware_version = "1.1";
+  make.software_version = "sim 1.0.0";
+  make.user_text = 0x2030;
+  make.axis_count = kAxisCount;
+  make.axis = {4096, 1, 1, Axis::kProfileVelocity, 10000, 6000};
+  make.pdo = {Time(500)};
+  make.add_objects = AddObjects;
+  return make;
+}
+
 }  // namespace
 
 const Make& ZlDrive() {
-  static const Make make{
-      "zl",
-      "two motors in one node, 4096 counts per revolution, target velocity in rpm",
-      1,
-      kAxisCount,
-      {4096, 1, 1, Axis::kProfileVelocity, 10000, 6000},
-      {Time(500)},
-      AddObjects,
-  };
+  static const Make make = Describe();
   return make;
 }
 

@@ -40,6 +40,11 @@ TEST(ParseFaultTest, ReadsEveryForm) {
   EXPECT_EQ(ParseFault("duplicate-replies").kind, Fault::Kind::kDuplicateReplies);
   EXPECT_EQ(ParseFault("truncate-replies=7").number, 7U);
   EXPECT_EQ(ParseFault("wrong-index").kind, Fault::Kind::kWrongIndexReplies);
+  EXPECT_EQ(ParseFault("abort-segment=2/0x06040047").kind, Fault::Kind::kAbortSegment);
+  EXPECT_EQ(ParseFault("ignore-segment=3").kind, Fault::Kind::kIgnoreSegment);
+  EXPECT_EQ(ParseFault("wrong-toggle=1").kind, Fault::Kind::kWrongToggle);
+  EXPECT_EQ(ParseFault("wrong-size=0").kind, Fault::Kind::kWrongSize);
+  EXPECT_EQ(ParseFault("no-size").kind, Fault::Kind::kNoSize);
   EXPECT_EQ(ParseFault("power-cut-after-ms=2000").number, 2000U);
   EXPECT_EQ(ParseFault("power-on-after-ms=3000").kind, Fault::Kind::kPowerOnAfter);
   EXPECT_EQ(ParseFault("error-after-ms=5/0x2310").error_code, 0x2310);
@@ -72,6 +77,13 @@ TEST(ParseFaultTest, RefusesWhatIsMalformed) {
                            "abort-value=0x6060/4294967296",
                            "truncate-replies=8",
                            "wrong-index=1",
+                           "abort-segment=0",
+                           "ignore-segment=0",
+                           "ignore-segment=1/2",
+                           "wrong-toggle=0",
+                           "wrong-toggle",
+                           "wrong-size=",
+                           "no-size=1",
                            "duplicate-replies=",
                            "error-after-ms=5",
                            "error-after-ms=5/0",
@@ -95,8 +107,9 @@ TEST(ParseFaultTest, SaysWhichFaultIsWrong) {
 TEST(ParseFaultTest, HelpNamesEveryFault) {
   for (const char* name :
        {"abort-write", "ignore-write", "abort-object", "ignore-object", "abort-value",
-        "delay-replies-ms", "duplicate-replies", "truncate-replies", "wrong-index",
-        "power-cut-after-ms", "power-on-after-ms", "error-after-ms", "no-heartbeat-after-ms"}) {
+        "delay-replies-ms", "duplicate-replies", "truncate-replies", "wrong-index", "abort-segment",
+        "ignore-segment", "wrong-toggle", "wrong-size", "no-size", "power-cut-after-ms",
+        "power-on-after-ms", "error-after-ms", "no-heartbeat-after-ms"}) {
     EXPECT_NE(std::string(FaultHelp()).find(name), std::string::npos) << name;
   }
 }

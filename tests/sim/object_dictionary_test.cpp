@@ -21,13 +21,12 @@ class ObjectDictionaryTest : public testing::Test {
 TEST_F(ObjectDictionaryTest, UploadsTheValueWithItsSize) {
   const auto uploaded = dictionary_.Upload(0x2000, 1);
   EXPECT_EQ(uploaded.error, AbortCode::kNone);
-  EXPECT_EQ(uploaded.size, 2U);
-  EXPECT_EQ(uploaded.value, 0x1234U);
+  EXPECT_EQ(uploaded.bytes, (Bytes{0x34, 0x12}));
 }
 
 TEST_F(ObjectDictionaryTest, KeepsWhatWasDownloaded) {
   EXPECT_EQ(dictionary_.Download(0x2000, 1, 2, 0x0FFF), AbortCode::kNone);
-  EXPECT_EQ(dictionary_.Upload(0x2000, 1).value, 0x0FFFU);
+  EXPECT_EQ(dictionary_.Upload(0x2000, 1).bytes, (Bytes{0xFF, 0x0F}));
 }
 
 TEST_F(ObjectDictionaryTest, TellsAnAbsentIndexFromAnAbsentSubIndex) {
@@ -90,7 +89,23 @@ TEST_F(ObjectDictionaryTest, DoesNotStoreWhatAHookRefuses) {
 
 TEST_F(ObjectDictionaryTest, CutsWhatAHookReadsToTheSize) {
   dictionary_.Add(0x2100, 0, 1, Access::kReadOnly).OnRead([] { return 0xFFFFFFFDU; });
-  EXPECT_EQ(dictionary_.Upload(0x2100, 0).value, 0xFDU);
+  EXPECT_EQ(dictionary_.Upload(0x2100, 0).bytes, Bytes{0xFD});
+}
+
+TEST_F(ObjectDictionaryTest, KeepsAStringUpToItsLength) {
+  dictionary_.AddString(0x2300, 0, Access::kReadWrite, "first", 8);
+  EXPECT_EQ(dictionary_.Upload(0x2300, 0).bytes, (Bytes{'f', 'i', 'r', 's', 't'}));
+  EXPECT_EQ(dictionary_.Download(0x2300, 0, Bytes(8, 'x')), AbortCode::kNone);
+  EXPECT_EQ(dictionary_.Text(0x2300, 0), "xxxxxxxx");
+  EXPECT_EQ(dictionary_.Download(0x2300, 0, Bytes(9, 'y')), AbortCode::kLengthTooHigh);
+  EXPECT_EQ(dictionary_.Download(0x2300, 0, Bytes()), AbortCode::kNone);
+  EXPECT_EQ(dictionary_.Text(0x2300, 0), "");
+  EXPECT_EQ(dictionary_.Download(0x2300, 0, 0, 0x64636261), AbortCode::kNone);
+  EXPECT_EQ(dictionary_.Text(0x2300, 0), "abcd") << "no size was indicated";
+  EXPECT_EQ(dictionary_.MayDownload(0x2300, 0, 9), AbortCode::kLengthTooHigh);
+  EXPECT_EQ(dictionary_.MayDownload(0x2300, 0, std::nullopt), AbortCode::kNone);
+  dictionary_.Reset(0x2300, 0x2300);
+  EXPECT_EQ(dictionary_.Text(0x2300, 0), "first");
 }
 
 TEST_F(ObjectDictionaryTest, ResetsOnlyTheGivenIndices) {
