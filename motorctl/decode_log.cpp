@@ -4,6 +4,7 @@
 
 #include "decode.h"
 #include "log_entries.h"
+#include "printable.h"
 
 namespace motorctl {
 namespace {
