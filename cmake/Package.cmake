@@ -41,7 +41,7 @@ install(FILES
   ${PROJECT_SOURCE_DIR}/packaging/systemd/motor-host@.service
   ${PROJECT_SOURCE_DIR}/packaging/systemd/motor-record@.service
   DESTINATION ${CMAKE_INSTALL_DATADIR}/motor_driver COMPONENT tools)
-install(DIRECTORY ${PROJECT_SOURCE_DIR}/packaging/vehicles
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/packaging/vehicles ${PROJECT_SOURCE_DIR}/packaging/eds
   DESTINATION ${CMAKE_INSTALL_DATADIR}/motor_driver COMPONENT tools)
 
 # The documents for hosts and the examples that they name, as they lie here, so that links lead

@@ -37,6 +37,9 @@ Make Describe() {
   make.pdo.inhibit_time_is_period = true;
   make.pdo.configurable_while_valid = true;
   make.add_objects = AddObjects;
+  make.object_texts = {{0x2FF0, ObjectText::kWhole, "Commands", DataType::kNone},
+                       {0x2FF0, 9, "Velocity command", DataType::kInteger16},
+                       {0x4700, ObjectText::kWhole, "Object 4700", DataType::kUnsigned8}};
   return make;
 }
 

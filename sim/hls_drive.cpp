@@ -39,6 +39,12 @@ Make Describe() {
   make.pdo.accepts_short_times = true;
   make.pdo.change_detection = std::chrono::milliseconds(5);
   make.add_objects = AddObjects;
+  make.object_texts = {{0x2002, ObjectText::kWhole, "Current", DataType::kUnsigned16},
+                       {0x242A, ObjectText::kWhole, "Maximum current", DataType::kUnsigned16},
+                       {0x2300, ObjectText::kWhole, "P gain", DataType::kUnsigned32},
+                       {0x2301, ObjectText::kWhole, "I gain", DataType::kUnsigned32},
+                       {0x2302, ObjectText::kWhole, "D gain", DataType::kUnsigned32},
+                       {0x4603, ObjectText::kWhole, "Clear fault", DataType::kUnsigned16}};
   make.has_parameter_channel = true;
   return make;
 }

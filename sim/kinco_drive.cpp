@@ -42,6 +42,12 @@ Make Describe() {
   make.pdo.accepts_short_times = true;
   make.pdo.change_detection = std::chrono::milliseconds(5);
   make.add_objects = AddObjects;
+  make.object_texts = {
+      {0x2010, ObjectText::kWhole, "Inputs", DataType::kNone},
+      {0x2010, kInputs, "Digital inputs", DataType::kUnsigned16},
+      {0x608F, ObjectText::kWhole, "Position encoder resolution", DataType::kUnsigned32},
+      {0x608F, 1, "Encoder increments", DataType::kUnsigned32},
+      {0x608F, 2, "Motor revolutions", DataType::kUnsigned32}};
   return make;
 }
 

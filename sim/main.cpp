@@ -12,6 +12,7 @@
 #include <system_error>
 #include <vector>
 
+#include "sim/eds.h"
 #include "sim/makes.h"
 #include "sim/simulated_drive.h"
 
@@ -128,6 +129,7 @@ int Run(int argc, char** argv) {
   std::vector<unsigned> nodes{1};
   std::vector<std::int32_t> positions;
   std::vector<std::string> faults;
+  bool data_sheet = false;
 
   CLI::App app("Simulates servo drives: CANopen nodes on a SocketCAN interface.", kProgram);
   app.set_version_flag("--version", std::string(kProgram) + " " + MOTOR_DRIVE_SIM_VERSION);
@@ -138,11 +140,10 @@ int Run(int argc, char** argv) {
              "\nRuns until SIGINT or SIGTERM. SIGUSR1 presses the emergency stop, SIGUSR2 releases "
              "it.\nExit status: 0 ended by signal, 1 failed, 2 wrong usage.");
   app.add_option("--interface", options.interface, "CAN interface, for instance can1")
-      ->required()
       ->type_name("NAME");
-  app.add_option("--make", options.make, "make of the drives, see below")
-      ->required()
-      ->type_name("MAKE");
+  app.add_option("--make", options.make, "make of the drives, see below")->type_name("MAKE");
+  app.add_flag("--eds", data_sheet,
+               "print the electronic data sheet of the make (CiA 306) and end; needs no interface");
   app.add_option("--node", nodes, "node-ID, 1 to 127 (1); several times for several drives")
       ->check(CLI::Range(1U, 127U))
       ->take_all()
@@ -170,10 +171,17 @@ int Run(int argc, char** argv) {
 
   try {
     app.parse(argc, argv);
+    if (options.interface.empty() && !data_sheet) throw CLI::RequiredError("--interface");
+    if (options.make.empty()) throw CLI::RequiredError("--make");
     std::copy(positions.begin(), positions.end(), options.start_positions.begin());
     for (const std::string& fault : faults) options.faults.push_back(sim::ParseFault(fault));
     CheckNodes(nodes, options);
-    if (!sim::FindMake(options.make).has_activation && options.inactive) {
+    const sim::Make& make = sim::FindMake(options.make);
+    if (data_sheet) {
+      std::cout << sim::DataSheet(make) << std::flush;
+      return std::cout ? kEnded : kFailed;
+    }
+    if (!make.has_activation && options.inactive) {
       throw std::invalid_argument("--inactive: make '" + options.make + "' has no activation");
     }
   } catch (const CLI::Success& help_or_version) {

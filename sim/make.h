@@ -6,6 +6,7 @@
 
 #include "sim/axis.h"
 #include "sim/object_dictionary.h"
+#include "sim/object_text.h"
 #include "sim/pdo_engine.h"
 
 namespace sim {
@@ -26,6 +27,8 @@ struct Make {
   /// Adds the CiA 402 and manufacturer objects and ties them to the axes, which outlive the
   /// dictionary.
   void (*add_objects)(ObjectDictionary& dictionary, std::vector<Axis>& axes);
+  /// Of the objects that no other make has, and of those that are of another type than elsewhere.
+  std::vector<ObjectText> object_texts;
   // Can be left inactive: silent and deaf until a frame on its own node-ID wakes it.
   bool has_activation = false;
   // Answers on SDO channel 0 too, to the parameters of its axis: index 0x2000 to 0x2FFF plus

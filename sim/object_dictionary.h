@@ -58,6 +58,7 @@ class Object {
   Object& Range(std::uint32_t min, std::uint32_t max) {
     min_ = min;
     max_ = max;
+    has_range_ = true;
     return *this;
   }
   Object& Mappable() {
@@ -97,6 +98,9 @@ class Object {
   std::size_t longest() const { return is_string() ? longest_ : size_; }
   Access access() const { return access_; }
   bool has_data() const { return !has_data_ || has_data_(); }
+  bool has_range() const { return has_range_; }
+  std::uint32_t min() const { return min_; }
+  std::uint32_t max() const { return max_; }
   bool mappable() const { return mappable_; }
   bool continuous() const { return continuous_; }
   bool accepts_short() const { return accepts_short_; }
@@ -125,6 +129,7 @@ class Object {
   std::string text_;
   std::uint32_t min_ = 0;
   std::uint32_t max_ = std::numeric_limits<std::uint32_t>::max();
+  bool has_range_ = false;
   bool mappable_ = false;
   bool continuous_ = false;
   bool accepts_short_ = false;
@@ -137,6 +142,8 @@ class Object {
 /// makes.
 class ObjectDictionary {
  public:
+  using Objects = std::map<std::pair<std::uint16_t, std::uint8_t>, Object>;
+
   struct Found {
     AbortCode error;  // kNoObject or kNoSubIndex when object is null
     Object* object;
@@ -153,6 +160,8 @@ class ObjectDictionary {
                     const std::string& initial, std::size_t longest);
 
   Found Find(std::uint16_t index, std::uint8_t sub);
+  /// By index, then sub-index.
+  const Objects& objects() const { return objects_; }
 
   /// What an SDO client may do. An expedited download of size 0 did not indicate its size and takes
   /// the object's; a string then takes all four bytes.
@@ -175,7 +184,7 @@ class ObjectDictionary {
   void Reset(std::uint16_t first_index, std::uint16_t last_index);
 
  private:
-  std::map<std::pair<std::uint16_t, std::uint8_t>, Object> objects_;
+  Objects objects_;
 };
 
 }  // namespace sim

@@ -96,6 +96,15 @@ Make Describe() {
   make.axis = {4096, 1, 1, Axis::kProfileVelocity, 10000, 6000};
   make.pdo = {Time(500)};
   make.add_objects = AddObjects;
+  // A word of each motor in one object.
+  make.object_texts = {{0x603F, ObjectText::kWhole, "Error codes", DataType::kUnsigned32},
+                       {0x6041, ObjectText::kWhole, "Statuswords", DataType::kUnsigned32},
+                       {0x200F, ObjectText::kWhole, "Motors coupled", DataType::kUnsigned16},
+                       {0x2010, ObjectText::kWhole, "Save all parameters", DataType::kUnsigned16},
+                       {0x2012, ObjectText::kWhole, "Current limit 2012", DataType::kUnsigned16},
+                       {0x2014, ObjectText::kWhole, "Current limit 2014", DataType::kUnsigned16},
+                       {0x2015, ObjectText::kWhole, "Current limit 2015", DataType::kUnsigned16},
+                       {0x2016, ObjectText::kWhole, "Current limit 2016", DataType::kUnsigned16}};
   return make;
 }
 

@@ -63,10 +63,10 @@ check_installed_prefix() {
   done
 
   [[ -s $prefix/share/motor_driver/kinco.yaml ]] || fail "kinco.yaml is not installed"
-  local vehicle
-  for vehicle in "$here"/../../packaging/vehicles/*.yaml; do
-    cmp "$vehicle" "$prefix/share/motor_driver/vehicles/${vehicle##*/}" ||
-      fail "${vehicle##*/} is not installed"
+  local file
+  for file in "$here"/../../packaging/{vehicles,eds}/*; do
+    cmp "$file" "$prefix/share/motor_driver/${file#*/packaging/}" ||
+      fail "${file##*/} is not installed"
   done
   local unit
   for unit in motor-host@.service motor-record@.service; do

@@ -25,6 +25,9 @@ class ProgramTest : public testing::Test {
 TEST_F(ProgramTest, RefusesWrongUsage) {
   ExpectWrongUsage("", "--interface is required");
   ExpectWrongUsage("--interface can1", "--make is required");
+  ExpectWrongUsage("--make zl", "--interface is required");
+  ExpectWrongUsage("--eds", "--make is required");
+  ExpectWrongUsage("--eds --make xy", "unknown make 'xy'");
   ExpectWrongUsage("--interface can1 --make xy",
                    "unknown make 'xy'; there are: zl tt hls amps kinco");
   ExpectWrongUsage("--interface can1 --make zl --node 0", "--node");
@@ -51,8 +54,8 @@ TEST_F(ProgramTest, ExplainsItself) {
   EXPECT_EQ(result.err, "");
   for (const char* word :
        {"--interface", "--make", "--node", "--heartbeat-ms", "--start-position",
-        "--counts-per-revolution", "--tpdo1-id", "--inactive", "--fault", "abort-write=N", "zl",
-        "tt", "hls", "amps", "kinco", "SIGUSR1", "Exit status"}) {
+        "--counts-per-revolution", "--tpdo1-id", "--inactive", "--eds", "--fault", "abort-write=N",
+        "zl", "tt", "hls", "amps", "kinco", "SIGUSR1", "Exit status"}) {
     EXPECT_NE(result.out.find(word), std::string::npos) << word;
   }
 }
