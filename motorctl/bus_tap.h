@@ -11,9 +11,11 @@
 #include <string>
 #include <vector>
 
-#include "candump.h"
+#include "candump/candump.h"
 
 namespace motorctl {
+
+using candump::LoggedFrame;
 
 // As small as a frame can be kept: a recorder holds a million of them.
 struct BusFrame {

@@ -8,11 +8,15 @@
 #include <string_view>
 #include <vector>
 
-#include "candump.h"
+#include "candump/candump.h"
 #include "fields.h"
 #include "words.h"
 
 namespace motorctl {
+
+using candump::FrameText;
+using candump::LoggedFrame;
+using candump::ParseLogLine;
 
 // One reading of a frame or of a number. Field names are those of the output of --json, which the
 // manual page lists; they stay.

@@ -2,12 +2,15 @@
 #include <algorithm>
 #include <cstdint>
 
+#include "candump/log_lines.h"
 #include "decode.h"
 #include "log_entries.h"
 #include "printable.h"
 
 namespace motorctl {
 namespace {
+
+using candump::LogLines;
 
 constexpr std::size_t kTextColumn = 48;
 constexpr std::size_t kOutputBlock = std::size_t{1} << 16;

@@ -1,9 +1,8 @@
 #include "log_entries.h"
 
-#include <algorithm>
 #include <utility>
 
-#include "words.h"
+#include "printable.h"
 
 namespace motorctl {
 namespace {
@@ -24,27 +23,6 @@ void RemoveColours(std::string_view line, std::string& plain) {
 }
 
 }  // namespace
-
-void AppendPrintable(std::string& out, std::string_view text) {
-  const auto printable = [](char c) { return c == '\t' || (c >= 0x20 && c < 0x7F); };
-  if (std::all_of(text.begin(), text.end(), printable)) {
-    out += text;
-    return;
-  }
-  for (const char c : text) {
-    if (printable(c)) {
-      out += c;
-    } else {
-      out.append("\\x").append(Hex(static_cast<unsigned char>(c), 2), 2);
-    }
-  }
-}
-
-std::string Printable(std::string_view text) {
-  std::string result;
-  AppendPrintable(result, text);
-  return result;
-}
 
 LogEntries::LogEntries(int log, std::function<void()> idle) : lines_(log, std::move(idle)) {}
 

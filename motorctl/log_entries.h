@@ -7,15 +7,10 @@
 #include <string>
 #include <string_view>
 
-#include "candump.h"
+#include "candump/log_lines.h"
 #include "decode.h"
-#include "log_lines.h"
 
 namespace motorctl {
-
-// What a terminal would obey, or JSON refuse, as "\x1B".
-void AppendPrintable(std::string& out, std::string_view text);
-std::string Printable(std::string_view text);
 
 // Parts of the line last read.
 struct LogEntry {
@@ -39,7 +34,7 @@ class LogEntries {
  private:
   bool Parse(LogEntry& entry);
 
-  LogLines lines_;
+  candump::LogLines lines_;
   std::string plain_;
   int asc_base_ = 16;
   std::size_t number_ = 0;

@@ -3,11 +3,16 @@
 #include <cstdint>
 #include <string>
 
+#include "candump/asc.h"
+#include "candump/log_words.h"
 #include "decode.h"
-#include "log_words.h"
 
 namespace motorctl {
 namespace {
+
+using candump::IsAscTime;
+using candump::LogWords;
+using candump::ParseNumber;
 
 bool StartsWith(std::string_view text, std::string_view start) {
   return text.substr(0, start.size()) == start;

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "sim/node.h"
-#include "sim/object_text.h"
+#include "sim/object_description.h"
 
 namespace sim {
 namespace {

@@ -14,6 +14,7 @@
 
 #include "sim/eds.h"
 #include "sim/makes.h"
+#include "sim/replay_program.h"
 #include "sim/simulated_drive.h"
 
 namespace {
@@ -123,6 +124,7 @@ std::string MakeList(const char* indent) {
 }
 
 int Run(int argc, char** argv) {
+  sim::ReplayOptions replay;
   sim::SimulatedDrive::Options options;
   options.interface.clear();
   options.make.clear();
@@ -136,9 +138,11 @@ int Run(int argc, char** argv) {
   app.add_flag_callback(
       "--list-makes", [] { throw CLI::CallForVersion(MakeList(""), kEnded); },
       "print the makes and end");
-  app.footer("Makes:\n" + MakeList("  ") + "\n\n" + sim::FaultHelp() +
-             "\nRuns until SIGINT or SIGTERM. SIGUSR1 presses the emergency stop, SIGUSR2 releases "
-             "it.\nExit status: 0 ended by signal, 1 failed, 2 wrong usage.");
+  app.footer(
+      "Makes:\n" + MakeList("  ") + "\n\n" + sim::FaultHelp() +
+      "\nRuns until SIGINT or SIGTERM. SIGUSR1 presses the emergency stop, SIGUSR2 releases "
+      "it.\n--replay ends by itself.\nExit status: 0 ended by signal, or replayed to the end; 1 "
+      "failed, or the host did not do what the recorded one did; 2 wrong usage.");
   app.add_option("--interface", options.interface, "CAN interface, for instance can1")
       ->type_name("NAME");
   app.add_option("--make", options.make, "make of the drives, see below")->type_name("MAKE");
@@ -168,20 +172,21 @@ int Run(int argc, char** argv) {
   app.add_option("--fault", faults, "misbehave, see below; may be given several times")
       ->take_all()
       ->type_name("FAULT");
+  sim::AddReplayOptions(app, replay);
 
   try {
     app.parse(argc, argv);
+    const bool replays = !replay.log.empty();
     if (options.interface.empty() && !data_sheet) throw CLI::RequiredError("--interface");
-    if (options.make.empty()) throw CLI::RequiredError("--make");
+    if (options.make.empty() && !replays) throw CLI::RequiredError("--make");
     std::copy(positions.begin(), positions.end(), options.start_positions.begin());
     for (const std::string& fault : faults) options.faults.push_back(sim::ParseFault(fault));
     CheckNodes(nodes, options);
-    const sim::Make& make = sim::FindMake(options.make);
     if (data_sheet) {
-      std::cout << sim::DataSheet(make) << std::flush;
+      std::cout << sim::DataSheet(sim::FindMake(options.make)) << std::flush;
       return std::cout ? kEnded : kFailed;
     }
-    if (!make.has_activation && options.inactive) {
+    if (!replays && !sim::FindMake(options.make).has_activation && options.inactive) {
       throw std::invalid_argument("--inactive: make '" + options.make + "' has no activation");
     }
   } catch (const CLI::Success& help_or_version) {
@@ -193,6 +198,9 @@ int Run(int argc, char** argv) {
 
   const sigset_t signals = BlockSignals();
   try {
+    if (!replay.log.empty()) {
+      return sim::RunReplay(replay, options.interface, signals) ? kEnded : kFailed;
+    }
     const Drives drives = PlugIn(nodes, options);
     std::cerr << kProgram << ": " << options.make << " drive, " << NodeList(nodes) << ", ready on "
               << options.interface << std::endl;

@@ -1,12 +1,8 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
-#include <string>
 
 namespace sim {
-
-struct Make;
 
 /// Codes of CiA 301. kNone: of a record, whose sub-indices differ.
 enum class DataType : std::uint16_t {
@@ -20,9 +16,6 @@ enum class DataType : std::uint16_t {
   kVisibleString = 0x09,
 };
 
-/// In bytes; 0 of a string or a record.
-unsigned SizeOf(DataType type);
-
 /// What a data sheet says of an object, beyond what the dictionary knows.
 struct ObjectText {
   static constexpr int kWhole = -1;
@@ -32,15 +25,5 @@ struct ObjectText {
   const char* name;
   DataType type;
 };
-
-struct Described {
-  std::string name;
-  DataType type;
-};
-
-/// Of the index as a whole. Throws std::logic_error when nothing is known of it.
-Described DescribeObject(const Make& make, std::uint16_t index);
-/// Of one of its sub-indices.
-Described DescribeSub(const Make& make, std::uint16_t index, std::uint8_t sub);
 
 }  // namespace sim

@@ -1,6 +1,7 @@
 #!/bin/bash
-# Nothing includes what stands above it: no directory of src/ a higher one, and nothing comes back to
-# itself by way of others. A header counts with the source of its name beside it.
+# Nothing includes what stands above it: no directory of src/ a higher one, the simulator and the reader
+# of logs nothing of src/, and nothing comes back to itself by way of others. A header counts with the
+# source of its name beside it.
 # Usage: includes_test.bash PROJECT_DIRECTORY
 set -euo pipefail
 cd "$1"
@@ -25,7 +26,7 @@ edges() {
     for place in "$(dirname "$file")/" src/ include/ ''; do
       [[ ! -f $place$name ]] || { echo "$file $place$name"; break; }
     done
-  done < <(grep --recursive --include='*.cpp' --include='*.h' '^#include' src include sim |
+  done < <(grep --recursive --include='*.cpp' --include='*.h' '^#include' src include sim candump |
     sed --regexp-extended 's/#include [<"](.*)[>"].*/\1/')
 }
 
@@ -44,6 +45,11 @@ while read -r file included; do
     upwards=1
   fi
 done <<< "$includes"
+if grep --extended-regexp '^(sim|candump)/' <<< "$includes" |
+  grep --extended-regexp ' (src|include)/|^candump/.* sim/'; then
+  echo "FAILED: these are to share nothing with the library, or with the simulator"
+  upwards=1
+fi
 if ! order=$(sed --regexp-extended 's/\.(cpp|h)\>//g' <<< "$includes" | tsort 2>&1); then
   echo "FAILED: these include one another:"
   grep '^tsort' <<< "$order"

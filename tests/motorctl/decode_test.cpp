@@ -42,6 +42,18 @@ TEST(DecodeTest, TakesEveryFormOfLineThatCandumpWrites) {
             "2023-07-22 04:26:40.1");
 }
 
+TEST(DecodeTest, TakesTheDirection) {
+  using Direction = LoggedFrame::Direction;
+  const auto direction = [](const char* line) { return ParseLogLine(line)->direction; };
+  EXPECT_EQ(direction("(12.5) can0 080#"), Direction::kUnknown);
+  EXPECT_EQ(direction("(12.5) can0 080# R"), Direction::kReceived);
+  EXPECT_EQ(direction("(12.5) can0 080# T"), Direction::kSent);
+  EXPECT_EQ(direction("(12.5)  can0  RX - -  080   [0]"), Direction::kReceived);
+  EXPECT_EQ(direction("(12.5)  can0  TX - -  080   [0]"), Direction::kSent);
+  EXPECT_EQ(direction("0.029472 1  601  Rx   d 1 2B"), Direction::kReceived);
+  EXPECT_EQ(direction("0.029472 1  601  Tx   d 1 2B"), Direction::kSent);
+}
+
 TEST(DecodeTest, TakesNothingElseForAFrame) {
   for (const char* line : {"",
                            " ",

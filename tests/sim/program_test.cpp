@@ -46,6 +46,10 @@ TEST_F(ProgramTest, RefusesWrongUsage) {
   ExpectWrongUsage("--interface can1 --make zl --start-position 1 2 3 4 5", "5");
   ExpectWrongUsage("--interface can1 --make zl --speed 3", "--speed");
   ExpectWrongUsage("--interface can1 --make zl can2", "can2");
+  ExpectWrongUsage("--interface can1 --make zl --replay bus.log", "--make excludes --replay");
+  ExpectWrongUsage("--interface can1 --replay bus.log --node 2", "--node excludes --replay");
+  ExpectWrongUsage("--interface can1 --make zl --patience 3", "--patience requires --replay");
+  ExpectWrongUsage("--interface can1 --replay bus.log --patience nan", "--patience");
 }
 
 TEST_F(ProgramTest, ExplainsItself) {
@@ -55,7 +59,7 @@ TEST_F(ProgramTest, ExplainsItself) {
   for (const char* word :
        {"--interface", "--make", "--node", "--heartbeat-ms", "--start-position",
         "--counts-per-revolution", "--tpdo1-id", "--inactive", "--eds", "--fault", "abort-write=N",
-        "zl", "tt", "hls", "amps", "kinco", "SIGUSR1", "Exit status"}) {
+        "zl", "tt", "hls", "amps", "kinco", "SIGUSR1", "Exit status", "--replay", "--patience"}) {
     EXPECT_NE(result.out.find(word), std::string::npos) << word;
   }
 }

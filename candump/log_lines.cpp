@@ -1,4 +1,4 @@
-#include "log_lines.h"
+#include "candump/log_lines.h"
 
 #include <poll.h>
 #include <unistd.h>
@@ -9,7 +9,7 @@
 #include <system_error>
 #include <utility>
 
-namespace motorctl {
+namespace candump {
 namespace {
 
 // The longest line of a frame that candump writes has some 700 characters: 64 bytes, -i.
@@ -51,6 +51,7 @@ bool LogLines::Next(std::string_view& line, bool& cut) {
     if (!ReadMore()) break;
   }
   cut = false;
+  whole_ = false;
   line = std::string_view(buffer_.data() + begin_, end_ - begin_);
   begin_ = end_;
   return !line.empty();
@@ -78,4 +79,4 @@ bool LogLines::ReadMore() {
   }
 }
 
-}  // namespace motorctl
+}  // namespace candump

@@ -6,7 +6,7 @@
 #include <string_view>
 #include <vector>
 
-namespace motorctl {
+namespace candump {
 
 class LogLines {
  public:
@@ -18,6 +18,9 @@ class LogLines {
   // std::system_error.
   bool Next(std::string_view& line, bool& cut);
 
+  // False when the log ended before the line that was handed out last did.
+  bool whole() const { return whole_; }
+
  private:
   bool ReadMore();
 
@@ -27,6 +30,7 @@ class LogLines {
   std::size_t begin_ = 0;  // of what was not handed out yet
   std::size_t end_ = 0;
   bool skipping_ = false;  // the rest of a line that was cut
+  bool whole_ = true;
 };
 
-}  // namespace motorctl
+}  // namespace candump

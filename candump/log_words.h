@@ -6,9 +6,7 @@
 #include <string_view>
 #include <system_error>
 
-#include "candump.h"
-
-namespace motorctl {
+namespace candump {
 
 // Takes the words of a line one after the other.
 class LogWords {
@@ -41,10 +39,4 @@ bool ParseNumber(std::string_view text, int base, Number& number) {
   return error == std::errc() && stop == end;
 }
 
-// "0.029472", with which a line of an .asc file begins.
-bool IsAscTime(std::string_view word);
-
-// A line of an .asc file, with numbers of this base.
-std::optional<LoggedFrame> ParseAscLine(std::string_view line, int base);
-
-}  // namespace motorctl
+}  // namespace candump

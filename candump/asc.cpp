@@ -1,12 +1,13 @@
-// Text files of Vector's tools (.asc).
+#include "candump/asc.h"
+
 #include <linux/can.h>
 
 #include <algorithm>
 #include <cstdint>
 
-#include "log_words.h"
+#include "candump/log_words.h"
 
-namespace motorctl {
+namespace candump {
 namespace {
 
 // Bits of the last number but some of a CAN FD line.
@@ -18,11 +19,12 @@ bool IsDigits(std::string_view text) {
          std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
 }
 
+// False when the word is none.
 bool ParseDirection(std::string_view word, LoggedFrame& frame) {
-  if (word != "Rx" && word != "Tx") return false;
-  frame.direction =
-      word == "Tx" ? LoggedFrame::Direction::kSent : LoggedFrame::Direction::kReceived;
-  return true;
+  using Direction = LoggedFrame::Direction;
+  if (word == "Rx") frame.direction = Direction::kReceived;
+  if (word == "Tx") frame.direction = Direction::kSent;
+  return frame.direction != Direction::kUnknown;
 }
 
 // "x" marks a 29-bit identifier.
@@ -107,4 +109,4 @@ std::optional<LoggedFrame> ParseAscLine(std::string_view line, int base) {
   return frame;
 }
 
-}  // namespace motorctl
+}  // namespace candump

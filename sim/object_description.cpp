@@ -1,9 +1,8 @@
-#include "sim/object_text.h"
+#include "sim/object_description.h"
 
 #include <cstdio>
 #include <stdexcept>
 
-#include "sim/make.h"
 #include "sim/pdo_layout.h"
 
 namespace sim {

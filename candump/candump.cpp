@@ -1,14 +1,14 @@
-#include "candump.h"
+#include "candump/candump.h"
 
 #include <linux/can.h>
 
 #include <algorithm>
 #include <cstdint>
 
-#include "log_words.h"
-#include "words.h"
+#include "candump/asc.h"
+#include "candump/log_words.h"
 
-namespace motorctl {
+namespace candump {
 namespace {
 
 // -1: none.
@@ -17,6 +17,10 @@ int HexDigit(char c) {
   if (c >= 'A' && c <= 'F') return c - 'A' + 10;
   if (c >= 'a' && c <= 'f') return c - 'a' + 10;
   return -1;
+}
+
+void AppendHex(std::uint32_t value, int digits, std::string& text) {
+  while (--digits >= 0) text += "0123456789ABCDEF"[value >> (4 * digits) & 0xF];
 }
 
 // Three digits are an 11-bit identifier, eight a 29-bit one or an error frame.
@@ -118,11 +122,12 @@ bool ParseSpacedFrame(std::string_view id, LogWords& words, LoggedFrame& frame) 
   return true;
 }
 
+// False when the word is none.
 bool ParseDirection(std::string_view word, LoggedFrame& frame) {
-  const bool sent = word == "TX" || word == "T";
-  if (!sent && word != "RX" && word != "R") return false;
-  frame.direction = sent ? LoggedFrame::Direction::kSent : LoggedFrame::Direction::kReceived;
-  return true;
+  using Direction = LoggedFrame::Direction;
+  if (word == "R" || word == "RX") frame.direction = Direction::kReceived;
+  if (word == "T" || word == "TX") frame.direction = Direction::kSent;
+  return frame.direction != Direction::kUnknown;
 }
 
 bool ParseCandumpLine(std::string_view line, LoggedFrame& frame) {
@@ -168,13 +173,16 @@ std::optional<LoggedFrame> ParseLogLine(std::string_view line, int asc_base) {
 
 std::string FrameText(const LoggedFrame& frame) {
   const bool error = frame.kind == LoggedFrame::Kind::kError;
-  std::string text =
-      Hex(error ? frame.id | CAN_ERR_FLAG : frame.id, frame.extended || error ? 8 : 3).erase(0, 2);
+  std::string text;
+  AppendHex(error ? frame.id | CAN_ERR_FLAG : frame.id, frame.extended || error ? 8 : 3, text);
   text += '#';
   if (frame.kind == LoggedFrame::Kind::kRemote) return text + "R";
-  if (frame.kind == LoggedFrame::Kind::kFd) text += "#" + Hex(frame.fd_flags, 1).substr(2);
-  for (unsigned i = 0; i < frame.length; ++i) text.append(Hex(frame.data[i], 2), 2);
+  if (frame.kind == LoggedFrame::Kind::kFd) {
+    text += '#';
+    AppendHex(frame.fd_flags, 1, text);
+  }
+  for (unsigned i = 0; i < frame.length; ++i) AppendHex(frame.data[i], 2, text);
   return text;
 }
 
-}  // namespace motorctl
+}  // namespace candump
