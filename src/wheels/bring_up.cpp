@@ -103,6 +103,7 @@ Trouble BringUp::Run(const std::vector<bool>& concerned) {
 }
 
 Trouble BringUp::Wake(std::size_t node) {
+  last_ = {};
   drives_.SetWaking(true);
   bool woken = drives_.drive().ActiveNode(Id(node));
   if (!woken && !drives_.BusFailed()) {
@@ -113,6 +114,12 @@ Trouble BringUp::Wake(std::size_t node) {
   drives_.SetWaking(false);
   if (Trouble bus = drives_.BusTrouble()) {
     return bus;
+  }
+  // The last thing that was asked is whether it is awake.
+  if (!woken && last_.outcome == Outcome::kRefused) {
+    return Refused(node, fmt::format("it refuses to tell whether it is awake (0x{:04X} sub {}, "
+                                     "abort code 0x{:08X})",
+                                     last_.index, last_.sub_index, last_.answer));
   }
   return woken ? Trouble() : Silent(node);
 }
