@@ -7,7 +7,9 @@
 #include <optional>
 #include <vector>
 
+#include "context.h"
 #include "sdo_client.h"
+#include "sdo_words.h"
 #include "signals.h"
 #include "words.h"
 
@@ -50,8 +52,8 @@ Json FailuresAsJson(const std::vector<SetUpFailure>& failures) {
 void PrintJson(const Context& context, const Outcome& outcome) {
   const bool up = outcome.failure.empty();
   // The second motor's half of these words, where there is one, tells the same while all is well.
-  const auto word = static_cast<std::uint16_t>(outcome.statusword.value);
-  const auto error_code = static_cast<std::uint16_t>(outcome.error_code.value);
+  const auto word = static_cast<std::uint16_t>(outcome.statusword.number());
+  const auto error_code = static_cast<std::uint16_t>(outcome.error_code.number());
   const bool has_word = outcome.statusword.ok();
   context.Line(Json{{"command", "bring-up"},
                     {"node", outcome.node},
@@ -72,10 +74,10 @@ void PrintText(const Context& context, const Outcome& outcome, const Vehicle& ve
   const std::string name = "node " + std::to_string(outcome.node);
   for (const SetUpFailure& failed : outcome.failed_writes) context.Line(Describe(failed));
   if (outcome.statusword.ok()) {
-    const auto word = static_cast<std::uint16_t>(outcome.statusword.value);
+    const auto word = static_cast<std::uint16_t>(outcome.statusword.number());
     context.Line(name + ": statusword " + Hex(word, 4) + ", " + StatuswordText(word, context.make));
   }
-  const auto error_code = static_cast<std::uint16_t>(outcome.error_code.value);
+  const auto error_code = static_cast<std::uint16_t>(outcome.error_code.number());
   if (outcome.error_code.ok() && error_code != 0) {
     context.Line(name + ": error code " + Hex(error_code, 4) + ", " + ErrorCodeText(error_code));
   }
@@ -101,10 +103,10 @@ int Run(const Context& context, const Options& options) {
                                  [&signals] { return signals.Arrived(); });
   const std::string failure = up ? "" : wheels.GetReport().reason;
   const std::vector<SetUpFailure> failures = motor_driver::SetUpFailures(wheels);
-  const std::unique_ptr<DriverCommon> drive =
-      context.make->simulated || wheels.GetReport().fault == motor_driver::Fault::kNoInterface
-          ? nullptr
-          : OpenBus(context);
+  std::optional<SdoClient> client;
+  if (!context.make->simulated && wheels.GetReport().fault != motor_driver::Fault::kNoInterface) {
+    client.emplace(context.vehicle.interface, context.SdoTimeout());
+  }
   for (const int node : context.Nodes(options.nodes)) {
     Outcome outcome;
     outcome.node = node;
@@ -112,9 +114,9 @@ int Run(const Context& context, const Options& options) {
     for (const SetUpFailure& failed : failures) {
       if (failed.node == node) outcome.failed_writes.push_back(failed);
     }
-    if (drive != nullptr) {
-      outcome.statusword = ReadObject(*drive, node, kStatusword, 0);
-      outcome.error_code = ReadObject(*drive, node, kErrorCode, 0);
+    if (client) {
+      outcome.statusword = client->Upload(node, kStatusword, 0);
+      outcome.error_code = client->Upload(node, kErrorCode, 0);
     }
     if (context.json) {
       PrintJson(context, outcome);
@@ -135,6 +137,7 @@ void AddBringUp(CLI::App& app, Context& context) {
   command->add_option("--period", options->period_ms, "milliseconds between speed reports (10)")
       ->check(CLI::Range(2, 255))
       ->type_name("MS");
+  AddTimeout(*command, context);
   command->callback([&context, options] {
     context.RequireMake();
     context.Nodes(options->nodes);

@@ -55,6 +55,14 @@ CLI::Option* AddNodes(CLI::App& command, std::vector<int>& nodes, const std::str
   return command.add_option("NODE", nodes, description)->check(CLI::Range(1, 127));
 }
 
+void AddTimeout(CLI::App& command, Context& context, int usual_ms) {
+  command
+      .add_option("--timeout", context.timeout_ms,
+                  "milliseconds to wait for each SDO answer (" + std::to_string(usual_ms) + ")")
+      ->check(CLI::Range(1, 10'000))
+      ->type_name("MS");
+}
+
 CLI::Validator Between(double above, double most) {
   return CLI::Validator(
       [above, most](const std::string& text) {

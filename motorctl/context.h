@@ -3,6 +3,7 @@
 
 #include <vehicle.h>
 
+#include <chrono>
 #include <cstddef>
 #include <functional>
 #include <optional>
@@ -50,6 +51,7 @@ struct Context {
   const Make* make = nullptr;  // of the vehicle; nullptr when it was not told
   bool json = false;
   bool verbose = false;
+  std::optional<int> timeout_ms;             // of --timeout
   std::vector<std::string> guarded_command;  // what stands behind "--" on the line of `guard`
 
   // Of a drive object that a command sets up: without a make there is nothing to set up. Throws
@@ -62,6 +64,11 @@ struct Context {
 
   // The vehicle, or one with a wheel for each motor of the nodes that were named.
   Vehicle VehicleOf(const std::vector<int>& named) const;
+
+  // For each SDO answer: of --timeout, or else what is usual.
+  std::chrono::milliseconds SdoTimeout(int usual_ms = 250) const {
+    return std::chrono::milliseconds(timeout_ms.value_or(usual_ms));
+  }
 
   // The command to run; its result is the exit status.
   std::function<int()> run;
@@ -96,6 +103,9 @@ void SetPeriod(Vehicle& vehicle, std::optional<int> period_ms);
 
 // Node-IDs, on the command line or of the vehicle.
 CLI::Option* AddNodes(CLI::App& command, std::vector<int>& nodes, const std::string& description);
+
+// --timeout of what motorctl itself reads and writes by SDO.
+void AddTimeout(CLI::App& command, Context& context, int usual_ms = 250);
 
 // Numbers above one limit and at most another; unlike the package's own range it refuses "nan".
 CLI::Validator Between(double above, double most);

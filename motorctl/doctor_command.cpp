@@ -11,7 +11,6 @@
 #include "doctor_report.h"
 #include "link.h"
 #include "listener.h"
-#include "sdo_client.h"
 #include "signals.h"
 #include "words.h"
 
@@ -24,7 +23,6 @@ constexpr std::uint32_t kHeartbeat = 0x700;
 // The heartbeat that the makes' set-ups ask for comes every 2 s.
 constexpr auto kListen = std::chrono::milliseconds(2500);
 constexpr int kShortestQueue = 10;
-constexpr std::uint32_t kServoProfile = 402;
 
 std::string UpCommand(const Context& context) {
   return "as root: ip link set " + context.vehicle.interface +
@@ -158,100 +156,6 @@ void CheckTraffic(const Heard& heard, DoctorReport& report) {
   report.Ok("heartbeats", nodes);
 }
 
-void CheckObjects(const Make& make, DriverCommon& drive, int node, DoctorReport& report) {
-  std::vector<motor_driver::Object> objects = {{0x6040, 0}, {0x6041, 0}, {0x603F, 0}};
-  for (const auto& more : {make.targets, make.positions, make.expected}) {
-    objects.insert(objects.end(), more.begin(), more.end());
-  }
-  std::string missing;
-  for (const motor_driver::Object& object : objects) {
-    const SdoAnswer answer = ReadObject(drive, node, object.index, object.sub_index);
-    if (answer.ok()) continue;
-    missing += (missing.empty() ? "" : "; ") + NameObject(object.index, object.sub_index) + ": " +
-               Explanation(answer);
-  }
-  if (missing.empty()) {
-    report.Ok("objects",
-              "all " + std::to_string(objects.size()) + " that make " + make.name + " needs");
-  } else {
-    report.Fail("objects", missing, "is it really a drive of make " + std::string(make.name) + "?");
-  }
-}
-
-void CheckState(const Context& context, DriverCommon& drive, int node, DoctorReport& report) {
-  const SdoAnswer heartbeat = ReadObject(drive, node, 0x1017, 0);
-  if (heartbeat.ok() && heartbeat.value > 0) {
-    report.Ok("heartbeat time", std::to_string(heartbeat.value) + " ms (0x1017)");
-  } else {
-    report.Warn(
-        "heartbeat time",
-        heartbeat.ok() ? "0: the node sends no heartbeat (0x1017)"
-                       : "0x1017: " + Explanation(heartbeat),
-        "motorctl bring-up, or: motorctl sdo write " + std::to_string(node) + " 0x1017 0 u16 2000");
-  }
-  const SdoAnswer error = ReadObject(drive, node, 0x603F, 0);
-  if (!error.ok()) return;
-  // A node with two motors has the second one's code in the upper half.
-  const auto first = static_cast<std::uint16_t>(error.value);
-  const auto second = static_cast<std::uint16_t>(error.value >> 16U);
-  if (first == 0 && second == 0) {
-    report.Ok("error code", "none (0x603F)");
-    return;
-  }
-  std::string text;
-  for (const std::uint16_t code : {first, second}) {
-    if (code != 0) {
-      text += (text.empty() ? "" : "; ") + Hex(code, 4) + ", " + ErrorCodeText(code);
-    }
-  }
-  report.Fail("error code", text,
-              std::string("mend the cause; \"motorctl --make ") +
-                  (context.make == nullptr ? "MAKE" : context.make->name) + " bring-up " +
-                  std::to_string(node) + "\" clears the error");
-}
-
-void CheckNode(const Context& context, int node, DoctorReport& report) {
-  const std::unique_ptr<DriverCommon> drive = OpenBus(context);
-  const std::string name = "node " + std::to_string(node);
-  const SdoAnswer type = ReadObject(*drive, node, 0x1000, 0);
-  if (type.kind == SdoAnswer::Kind::kNotSent) {
-    report.Fail("sdo", name + ": the request could not be sent",
-                "nobody acknowledges: another node must be switched on, with the same bit rate");
-    return;
-  }
-  if (type.kind == SdoAnswer::Kind::kNoAnswer) {
-    std::string remedy =
-        "its supply, node number and bit rate; \"motorctl scan\" shows who answers";
-    if (context.make != nullptr && context.make->must_be_woken) {
-      remedy += std::string("; an inactive ") + context.make->name +
-                " drive is silent until \"motorctl --make " + context.make->name + " bring-up\"";
-    }
-    report.Fail("sdo", name + " does not answer", remedy);
-    return;
-  }
-  report.Ok("sdo", name + " answers");
-  if (type.ok() && (type.value & 0xFFFFU) == kServoProfile) {
-    report.Ok("device type", Hex(type.value, 8) + ", a drive of CiA 402");
-  } else {
-    report.Fail(
-        "device type",
-        type.ok() ? Hex(type.value, 8) + ", no drive of CiA 402" : "0x1000: " + Explanation(type),
-        "this node number belongs to another device");
-  }
-  const SdoAnswer vendor = ReadObject(*drive, node, 0x1018, 1);
-  const SdoAnswer product = ReadObject(*drive, node, 0x1018, 2);
-  if (vendor.ok() && product.ok()) {
-    report.Ok("identity", "vendor " + Hex(vendor.value, 8) + ", product " + Hex(product.value, 8));
-  } else {
-    report.Warn("identity", "0x1018: " + Explanation(vendor.ok() ? product : vendor),
-                "the drive cannot be told from others of its kind");
-  }
-  if (context.make != nullptr && !context.make->simulated) {
-    CheckObjects(*context.make, *drive, node, report);
-  }
-  CheckState(context, *drive, node, report);
-}
-
 int Run(const Context& context, const std::vector<int>& nodes) {
   EndSignals signals;
   DoctorReport report(context);
@@ -276,6 +180,7 @@ void AddDoctor(CLI::App& app, Context& context) {
   const auto nodes = std::make_shared<std::vector<int>>();
   CLI::App* const command = app.add_subcommand(
       "doctor", "check interface, bus and nodes step by step, and say how to mend what is wrong");
+  AddTimeout(*command, context);
   AddNodes(*command, *nodes, "node-IDs to examine; those of the vehicle, or only the bus, without");
   command->callback([&context, nodes] {
     if (nodes->empty() && !context.vehicle.wheels.empty()) *nodes = context.Nodes({});

@@ -57,4 +57,7 @@ class DoctorReport {
   int failed_ = 0;
 };
 
+// What the node tells about itself, by SDO.
+void CheckNode(const Context& context, int node, DoctorReport& report);
+
 }  // namespace motorctl

@@ -7,7 +7,7 @@
 #include <thread>
 
 #include "resolution.h"
-#include "sdo_client.h"
+#include "sdo_words.h"
 #include "velocity_check.h"
 
 namespace motorctl {

@@ -206,6 +206,7 @@ void AddJog(CLI::App& app, Context& context) {
   command->add_option("--period", options->period_ms, "control period in milliseconds (10)")
       ->check(CLI::Range(2, 100))
       ->type_name("MS");
+  AddTimeout(*command, context);
   command->add_option("--csv", options->csv, "write every cycle as a table")->type_name("FILE");
   command->add_option("--svg", options->svg, "write a picture of target and measured speed")
       ->type_name("FILE");

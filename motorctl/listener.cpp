@@ -1,13 +1,9 @@
 #include "listener.h"
 
 #include <linux/can/error.h>
-#include <linux/can/raw.h>
-#include <net/if.h>
 #include <poll.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/time.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <system_error>
@@ -15,43 +11,17 @@
 #include "context.h"
 
 namespace motorctl {
-namespace {
 
-CommandFailed Failure(const std::string& interface) {
-  return CommandFailed("cannot listen on " + interface + ": " +
-                       std::generic_category().message(errno));
+Listener::Listener(const std::string& interface, canid_t id, canid_t mask) try
+    : socket_(interface, {id, mask == 0 ? 0 : mask | CAN_EFF_FLAG | CAN_RTR_FLAG},
+              mask == 0 ? CAN_ERR_MASK : 0) {
+  socket_.Set(SOL_SOCKET, SO_TIMESTAMP, 1);
+} catch (const std::system_error& error) {
+  throw CommandFailed("cannot listen on " + interface + ": " + error.code().message());
 }
-
-}  // namespace
-
-Listener::Listener(const std::string& interface, canid_t only_id)
-    : socket_(::socket(PF_CAN, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, CAN_RAW)) {
-  if (socket_ < 0) throw Failure(interface);
-  sockaddr_can address = {};
-  address.can_family = AF_CAN;
-  address.can_ifindex = static_cast<int>(::if_nametoindex(interface.c_str()));
-  const can_err_mask_t errors = only_id == 0 ? CAN_ERR_MASK : 0;
-  const can_filter filter = {only_id,
-                             only_id == 0 ? 0 : CAN_SFF_MASK | CAN_EFF_FLAG | CAN_RTR_FLAG};
-  const int enabled = 1;
-  // Index 0 would mean every interface.
-  if (address.can_ifindex == 0) errno = ENODEV;
-  if (address.can_ifindex == 0 ||
-      ::setsockopt(socket_, SOL_CAN_RAW, CAN_RAW_FILTER, &filter, sizeof(filter)) != 0 ||
-      ::setsockopt(socket_, SOL_CAN_RAW, CAN_RAW_ERR_FILTER, &errors, sizeof(errors)) != 0 ||
-      ::setsockopt(socket_, SOL_SOCKET, SO_TIMESTAMP, &enabled, sizeof(enabled)) != 0 ||
-      ::bind(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
-    const int error = errno;
-    ::close(socket_);
-    errno = error;
-    throw Failure(interface);
-  }
-}
-
-Listener::~Listener() { ::close(socket_); }
 
 bool Listener::Hear(HeardFrame& heard, std::chrono::milliseconds timeout) {
-  pollfd descriptor = {socket_, POLLIN, 0};
+  pollfd descriptor = {socket_.descriptor(), POLLIN, 0};
   if (::poll(&descriptor, 1, static_cast<int>(timeout.count())) <= 0) return false;
   iovec data = {&heard.frame, sizeof(heard.frame)};
   alignas(cmsghdr) char control[CMSG_SPACE(sizeof(timeval))] = {};
@@ -60,7 +30,7 @@ bool Listener::Hear(HeardFrame& heard, std::chrono::milliseconds timeout) {
   message.msg_iovlen = 1;
   message.msg_control = control;
   message.msg_controllen = sizeof(control);
-  const ssize_t bytes = ::recvmsg(socket_, &message, 0);
+  const ssize_t bytes = ::recvmsg(socket_.descriptor(), &message, 0);
   if (bytes < 0 && (errno == EAGAIN || errno == EINTR)) return false;
   if (bytes != sizeof(heard.frame)) {
     throw CommandFailed("the interface went away while listening: " +

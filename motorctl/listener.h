@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "raw_socket.h"
+
 namespace motorctl {
 
 struct HeardFrame {
@@ -23,19 +25,19 @@ struct HeardFrame {
 
 class Listener {
  public:
-  // Throws CommandFailed when the interface cannot be listened on. `only_id`: hears this identifier
-  // alone; 0: everything, error frames included.
-  explicit Listener(const std::string& interface, canid_t only_id = 0);
-  ~Listener();
-  Listener(const Listener&) = delete;
-  Listener& operator=(const Listener&) = delete;
+  // Throws CommandFailed when the interface cannot be listened on. Hears the data frames whose
+  // identifier is `id` in the bits of `mask`; no mask: everything, error frames included.
+  explicit Listener(const std::string& interface, canid_t id = 0, canid_t mask = 0);
 
   // Waits for a frame; false when none came in time. Throws CommandFailed when the interface went
   // down or away.
   bool Hear(HeardFrame& heard, std::chrono::milliseconds timeout);
 
+  // Becomes readable when a frame waits, or the interface fails.
+  int descriptor() const { return socket_.descriptor(); }
+
  private:
-  int socket_ = -1;
+  RawSocket socket_;
 };
 
 // Little-endian value of `bytes` bytes at `offset`; 0 where the frame is too short for it.

@@ -15,6 +15,7 @@
 #include <utility>
 #include <vector>
 
+#include "context.h"
 #include "link.h"
 #include "listener.h"
 #include "node_states.h"
@@ -54,7 +55,7 @@ class Monitor {
 
   const Context& context_;
   const Options& options_;
-  std::unique_ptr<DriverCommon> drive_;
+  SdoClient client_;
   std::unique_ptr<KincoDriver> kinco_;
   Listener listener_;
   std::optional<int> bitrate_;
@@ -77,11 +78,9 @@ double CountsPerTurn(const Context& context) {
 Monitor::Monitor(const Context& context, const Options& options)
     : context_(context),
       options_(options),
-      drive_(OpenBus(context)),
+      client_(context.vehicle.interface, context.SdoTimeout()),
       listener_(context.vehicle.interface),
       states_(MakeOfPdos(context), CountsPerTurn(context), options.nodes) {
-  // What nobody takes from its queue would pile up for as long as the monitor runs.
-  if (!options.poll) drive_->StopReading();
   const std::string config = options.config.empty() ? context.vehicle.texts : options.config;
   if (!config.empty()) {
     // Its texts only: its loop would lead drives out of an emergency stop.
@@ -109,7 +108,7 @@ int Monitor::Run() {
     const bool over = limit > 0 && now - start >= std::chrono::duration<double>(limit);
     const bool ended = signals.Arrived() || over;
     if (ended || (!options_.once && now - shown >= kRefresh)) {
-      if (options_.poll) states_.Poll(*drive_);
+      if (options_.poll) states_.Poll(client_);
       states_.MeasureSpeeds();
       Show(std::chrono::duration<double>(now - shown).count());
       shown = now;
@@ -253,6 +252,7 @@ void AddMonitor(CLI::App& app, Context& context) {
       ->type_name("S");
   command->add_flag("--poll", options->poll,
                     "also read statusword and error code by SDO; not while another host does");
+  AddTimeout(*command, context);
   command
       ->add_option("--config", options->config, "error texts, as of share/motor_driver/kinco.yaml")
       ->type_name("FILE");

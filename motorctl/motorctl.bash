@@ -4,7 +4,7 @@ _motorctl_takes_value() {
   case $1 in
     --vehicle | --interface | --make | --counts-per-revolution | --from | --to | --period | --rpm | --rpm2 | \
       --seconds | --limit | --fresh-ms | --ramp | --csv | --svg | --config | --directory | --after | --memory-mb | \
-      --keep | --limit-mb) return 0 ;;
+      --keep | --limit-mb | --timeout) return 0 ;;
   esac
   return 1
 }
@@ -55,18 +55,20 @@ _motorctl() {
       options+=' --version'
       words='doctor scan info sdo bring-up jog stop guard monitor record explain decode vehicle'
       ;;
-    scan) options+=' --from --to' ;;
-    bring-up) options+=' --period' ;;
-    jog) options+=' --rpm --rpm2 --seconds --ramp --period --csv --svg --yes --allow-fast' ;;
+    doctor | info) options+=' --timeout' ;;
+    scan) options+=' --from --to --timeout' ;;
+    bring-up) options+=' --period --timeout' ;;
+    jog) options+=' --rpm --rpm2 --seconds --ramp --period --csv --svg --yes --allow-fast --timeout' ;;
     stop) options+=' --limit' ;;
     guard) options+=' --fresh-ms --prove --rpm --yes' ;;
-    monitor) options+=' --once --seconds --poll --config' ;;
+    monitor) options+=' --once --seconds --poll --config --timeout' ;;
     record) options+=' --directory --seconds --after --memory-mb --keep --limit-mb --now' ;;
     sdo)
+      options+=' --timeout'
       if ((position == 0)); then
         words='read write'
       elif ((position == 4)); then
-        words='u8 i8 u16 i16 u32 i32 hex'
+        words='u8 i8 u16 i16 u32 i32 hex str'
       fi
       [[ $nested != write ]] || options+=' --yes'
       ;;

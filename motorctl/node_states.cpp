@@ -2,8 +2,6 @@
 
 #include <algorithm>
 
-#include "sdo_client.h"
-
 namespace motorctl {
 namespace {
 
@@ -85,18 +83,18 @@ void NodeStates::TakeField(const motor_driver::Field& field, const HeardFrame& h
   }
 }
 
-void NodeStates::Poll(DriverCommon& drive) {
+void NodeStates::Poll(SdoClient& client) {
   for (auto& [id, node] : nodes_) {
-    const SdoAnswer status = ReadObject(drive, id, 0x6041, 0);
-    const SdoAnswer error = ReadObject(drive, id, 0x603F, 0);
-    node.heard = node.heard || status.ok();
+    const SdoAnswer status = client.Upload(id, 0x6041, 0);
+    const SdoAnswer error = client.Upload(id, 0x603F, 0);
+    node.heard = node.heard || status.heard();
     for (std::size_t motor = 0; motor < motors(); ++motor) {
       const unsigned shift = 16U * static_cast<unsigned>(motor);
       if (status.ok()) {
-        node.motors[motor].statusword = static_cast<std::uint16_t>(status.value >> shift);
+        node.motors[motor].statusword = static_cast<std::uint16_t>(status.number() >> shift);
       }
       if (error.ok()) {
-        node.motors[motor].error_code = static_cast<std::uint16_t>(error.value >> shift);
+        node.motors[motor].error_code = static_cast<std::uint16_t>(error.number() >> shift);
       }
     }
   }

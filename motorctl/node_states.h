@@ -1,14 +1,13 @@
 // What the nodes of a bus tell about themselves, gathered from the frames that they send.
 #pragma once
 
-#include <driver_common.h>
-
 #include <cstdint>
 #include <map>
 #include <optional>
 #include <vector>
 
 #include "listener.h"
+#include "sdo_client.h"
 #include "wheels/makes.h"
 
 namespace motorctl {
@@ -47,7 +46,7 @@ class NodeStates {
 
   void Hear(const HeardFrame& heard);
   // Asks every node for statusword and error code by SDO.
-  void Poll(DriverCommon& drive);
+  void Poll(SdoClient& client);
   // Speeds since the last call. By the kernel's clock: the library's own speed readers take the
   // period that a set-up in the same process has given, and here there was none.
   void MeasureSpeeds();

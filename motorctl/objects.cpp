@@ -28,9 +28,9 @@ constexpr ObjectRow kObjects[] = {
     {0x1003, kAnySub, "Error history",                     Format::kHex},
     {0x1005, 0,       "COB-ID of SYNC",                    Format::kHex},
     {0x1006, 0,       "Communication cycle period",        Format::kUnsigned},
-    {0x1008, 0,       "Manufacturer device name",          Format::kHex},
-    {0x1009, 0,       "Manufacturer hardware version",     Format::kHex},
-    {0x100A, 0,       "Manufacturer software version",     Format::kHex},
+    {0x1008, 0,       "Manufacturer device name",          Format::kText},
+    {0x1009, 0,       "Manufacturer hardware version",     Format::kText},
+    {0x100A, 0,       "Manufacturer software version",     Format::kText},
     {0x100C, 0,       "Guard time",                        Format::kMilliseconds},
     {0x100D, 0,       "Life time factor",                  Format::kUnsigned},
     {0x1010, 1,       "Store all parameters",              Format::kHex},
@@ -243,8 +243,32 @@ Value FormatValue(Format format, std::uint32_t raw, unsigned bytes, const Make* 
       return {raw,
               hex + (name.empty() ? "" : " " + name) + ", " + std::to_string(raw & 0xFF) + " bits"};
     }
+    case Format::kText: {
+      const std::uint8_t letters[] = {
+          static_cast<std::uint8_t>(raw), static_cast<std::uint8_t>(raw >> 8),
+          static_cast<std::uint8_t>(raw >> 16), static_cast<std::uint8_t>(raw >> 24)};
+      return {raw, "\"" + Printable(letters, bytes) + "\""};
+    }
   }
   return {raw, hex};
+}
+
+std::string Printable(const std::uint8_t* data, std::size_t size) {
+  while (size > 0 && data[size - 1] == 0) --size;
+  std::string text;
+  for (std::size_t i = 0; i < size; ++i) {
+    if (data[i] >= 0x20 && data[i] < 0x7F) {
+      text += static_cast<char>(data[i]);
+    } else {
+      text += "\\x" + Hex(data[i], 2).substr(2);
+    }
+  }
+  return text;
+}
+
+bool IsText(std::uint16_t index, std::uint8_t sub, const Make* make) {
+  const auto object = FindObject(index, sub, make);
+  return object && object->format == Format::kText;
 }
 
 Value ObjectValue(std::uint16_t index, std::uint8_t sub, std::uint32_t raw, unsigned bytes,

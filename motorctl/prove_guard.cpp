@@ -183,7 +183,8 @@ int ProveGuard(const Context& context, const Proof& proof) {
     return confirmed;
   }
   const motor_driver::Field& field = context.make->position;
-  Listener reports(context.vehicle.interface, field.base_id + static_cast<canid_t>(proof.node));
+  Listener reports(context.vehicle.interface, field.base_id + static_cast<canid_t>(proof.node),
+                   CAN_SFF_MASK);
   EndSignals signals;
   GuardedJog jog(context, proof);
   if (!jog.AwaitTurning(proof.rpm, signals)) {

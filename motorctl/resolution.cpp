@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <memory>
 #include <vector>
 
 #include "sdo_client.h"
@@ -39,16 +38,16 @@ std::string CheckResolution(const Context& context, const Vehicle& vehicle) {
   if (make.motors > 1) return "";
   const unsigned long assumed =
       motor_driver::CountsPerRevolution(make, vehicle.counts_per_revolution);
-  const std::unique_ptr<DriverCommon> drive = OpenBus(context);
+  SdoClient client(context.vehicle.interface, context.SdoTimeout());
   std::string unknown;
   for (const int node : NodesOf(vehicle)) {
-    const SdoAnswer increments = ReadObject(*drive, node, kEncoderResolution, kIncrements);
-    const SdoAnswer revolutions = ReadObject(*drive, node, kEncoderResolution, kRevolutions);
-    if (!increments.ok() || !revolutions.ok() || revolutions.value == 0) {
+    const SdoAnswer increments = client.Upload(node, kEncoderResolution, kIncrements);
+    const SdoAnswer revolutions = client.Upload(node, kEncoderResolution, kRevolutions);
+    if (!increments.ok() || !revolutions.ok() || revolutions.number() == 0) {
       unknown += (unknown.empty() ? "" : ", ") + std::to_string(node);
       continue;
     }
-    const double told = static_cast<double>(increments.value) / revolutions.value;
+    const double told = static_cast<double>(increments.number()) / revolutions.number();
     if (told == static_cast<double>(assumed)) continue;
     char counts[32];
     std::snprintf(counts, sizeof(counts), "%g", told);

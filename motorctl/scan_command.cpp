@@ -1,5 +1,6 @@
 // motorctl scan
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <map>
@@ -7,6 +8,7 @@
 #include <nlohmann/json.hpp>
 #include <thread>
 
+#include "context.h"
 #include "listener.h"
 #include "sdo_client.h"
 #include "signals.h"
@@ -23,10 +25,13 @@ struct Options {
 };
 
 constexpr std::uint16_t kDeviceType = 0x1000;
+constexpr std::uint16_t kDeviceName = 0x1008;  // then the versions of hardware and software
 constexpr std::uint16_t kIdentity = 0x1018;
 constexpr std::uint32_t kHeartbeat = 0x700;
 // Room for the traffic of a bus that works.
 constexpr auto kPace = std::chrono::milliseconds(2);
+// Every node-ID that nobody has costs as much.
+constexpr int kTimeoutMs = 100;
 
 // Heartbeats that happen to come by during the scan: the newest state of each node.
 class States {
@@ -66,17 +71,28 @@ void ClearProgress(const Context& context) {
   if (context.shows_progress()) std::fputs("\r\x1b[K", stderr);
 }
 
-void Report(const Context& context, DriverCommon& drive, States& states, int node,
+std::string TextOf(const SdoAnswer& answer) {
+  return answer.ok() ? Printable(answer.bytes.data(), answer.bytes.size()) : std::string("-");
+}
+
+void Report(const Context& context, SdoClient& client, States& states, int node,
             const SdoAnswer& device_type) {
   SdoAnswer identity[4];
   for (std::uint8_t i = 0; i < 4; ++i) {
-    identity[i] = ReadObject(drive, node, kIdentity, static_cast<std::uint8_t>(i + 1));
+    identity[i] = client.Upload(node, kIdentity, static_cast<std::uint8_t>(i + 1));
+  }
+  SdoAnswer texts[3];
+  for (std::uint16_t i = 0; i < 3; ++i) {
+    texts[i] = client.Upload(node, static_cast<std::uint16_t>(kDeviceName + i), 0);
   }
   states.Update();
   const std::string state = states.Text(node);
   if (context.json) {
     const auto value = [](const SdoAnswer& answer) {
-      return answer.ok() ? Json(answer.value) : Json(nullptr);
+      return answer.ok() ? Json(answer.number()) : Json(nullptr);
+    };
+    const auto text = [](const SdoAnswer& answer) {
+      return answer.ok() ? Json(TextOf(answer)) : Json(nullptr);
     };
     context.Line(Json{{"command", "scan"},
                       {"node", node},
@@ -85,54 +101,106 @@ void Report(const Context& context, DriverCommon& drive, States& states, int nod
                       {"product_code", value(identity[1])},
                       {"revision", value(identity[2])},
                       {"serial_number", value(identity[3])},
+                      {"device_name", text(texts[0])},
+                      {"hardware_version", text(texts[1])},
+                      {"software_version", text(texts[2])},
                       {"nmt_state", state.empty() ? Json(nullptr) : Json(state)}}
                      .dump());
     return;
   }
   const auto value = [](const SdoAnswer& answer) {
-    return answer.ok() ? Hex(answer.value, 8) : std::string("-");
+    return answer.ok() ? Hex(answer.number(), 8) : std::string("-");
   };
   char line[160];
-  std::snprintf(line, sizeof(line), "%4d  %-11s %-10s %-10s %-10s %-10s  %s", node,
+  std::snprintf(line, sizeof(line), "%4d  %-11s %-10s %-10s %-10s %-10s  %-18s  ", node,
                 value(device_type).c_str(), value(identity[0]).c_str(), value(identity[1]).c_str(),
                 value(identity[2]).c_str(), value(identity[3]).c_str(),
                 state.empty() ? "no heartbeat heard" : state.c_str());
-  context.Line(line);
+  context.Line(line + TextOf(texts[0]) + ", " + TextOf(texts[1]) + ", " + TextOf(texts[2]));
 }
 
-int Run(const Context& context, const Options& options) {
-  const std::unique_ptr<DriverCommon> drive = OpenBus(context);
-  EndSignals signals;
-  States states(context.vehicle.interface);
-  int found = 0;
-  for (int node = options.from; node <= options.to; ++node) {
-    if (signals.Arrived()) {
-      ClearProgress(context);
+class Scan {
+ public:
+  Scan(const Context& context, const Options& options)
+      : context_(context),
+        options_(options),
+        client_(context.vehicle.interface, context.SdoTimeout(kTimeoutMs)),
+        states_(context.vehicle.interface) {}
+  int Run();
+
+ private:
+  void AskAll();
+  void AwaitLate();
+  void Found(int node, const SdoAnswer& device_type);
+
+  const Context& context_;
+  const Options& options_;
+  SdoClient client_;
+  EndSignals signals_;
+  States states_;
+  std::map<int, bool> found_;
+};
+
+void Scan::Found(int node, const SdoAnswer& device_type) {
+  ClearProgress(context_);
+  if (found_.empty() && !context_.json) {
+    context_.Line(context_.Coloured(
+        Colour::kBold,
+        "node  device type vendor     product    revision   serial      state               name, "
+        "hardware, software"));
+  }
+  found_[node] = true;
+  const auto usual = client_.timeout();
+  client_.set_timeout(std::max(usual, kSdoTimeout));
+  Report(context_, client_, states_, node, device_type);
+  client_.set_timeout(usual);
+}
+
+void Scan::AskAll() {
+  for (int node = options_.from; node <= options_.to; ++node) {
+    if (signals_.Arrived()) {
+      ClearProgress(context_);
       throw CommandFailed("interrupted at node " + std::to_string(node));
     }
-    ShowProgress(context, options, node);
-    const SdoAnswer answer = ReadObject(*drive, node, kDeviceType, 0, 1);
-    states.Update();
+    ShowProgress(context_, options_, node);
+    const SdoAnswer answer = client_.Ask(node, kDeviceType, 0);
+    states_.Update();
     if (answer.kind == SdoAnswer::Kind::kNotSent) {
-      ClearProgress(context);
-      CheckBus(*drive, context);
-      throw CommandFailed("cannot send on " + context.vehicle.interface +
+      ClearProgress(context_);
+      throw CommandFailed("cannot send on " + context_.vehicle.interface +
                           ": nothing acknowledges, or it is down; see motorctl doctor");
     }
     // A node that refuses is there, too.
-    if (answer.kind != SdoAnswer::Kind::kNoAnswer) {
-      ClearProgress(context);
-      if (found++ == 0 && !context.json) {
-        context.Line(context.Coloured(
-            Colour::kBold, "node  device type vendor     product    revision   serial      state"));
-      }
-      Report(context, *drive, states, node, answer);
-    }
+    if (answer.heard()) Found(node, answer);
     std::this_thread::sleep_for(kPace);
   }
-  ClearProgress(context);
-  context.Say(std::to_string(found) + (found == 1 ? " node answers" : " nodes answer"));
-  return found > 0 ? kSuccess : kFailure;
+}
+
+// Slow nodes have answered while others were asked; the last one may still do so.
+void Scan::AwaitLate() {
+  const auto until = std::chrono::steady_clock::now() + client_.timeout();
+  while (std::chrono::steady_clock::now() < until && !signals_.Arrived()) {
+    std::this_thread::sleep_for(kPace);
+  }
+  const auto usual = client_.timeout();
+  for (const auto& [node, late] : std::map(client_.Late())) {
+    if (node < options_.from || node > options_.to || found_.count(node) != 0) continue;
+    context_.Say("node " + std::to_string(node) + " answered after " +
+                 std::to_string(late.count()) + " ms, too late for " +
+                 std::to_string(usual.count()) + " ms; --timeout waits longer");
+    client_.set_timeout(2 * late);
+    Found(node, client_.Upload(node, kDeviceType, 0));
+    client_.set_timeout(usual);
+  }
+}
+
+int Scan::Run() {
+  AskAll();
+  AwaitLate();
+  ClearProgress(context_);
+  context_.Say(std::to_string(found_.size()) +
+               (found_.size() == 1 ? " node answers" : " nodes answer"));
+  return found_.empty() ? kFailure : kSuccess;
 }
 
 }  // namespace
@@ -147,9 +215,10 @@ void AddScan(CLI::App& app, Context& context) {
   command->add_option("--to", options->to, "last node (127)")
       ->check(CLI::Range(1, 127))
       ->type_name("NODE");
+  AddTimeout(*command, context, kTimeoutMs);
   command->callback([&context, options] {
     if (options->from > options->to) throw CLI::ValidationError("--from", "is above --to");
-    context.run = [&context, options] { return Run(context, *options); };
+    context.run = [&context, options] { return Scan(context, *options).Run(); };
   });
 }
 

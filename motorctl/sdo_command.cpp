@@ -1,13 +1,13 @@
 // motorctl sdo read|write
 #include <CLI/CLI.hpp>
-#include <cerrno>
-#include <cstdlib>
-#include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
 
+#include "context.h"
 #include "sdo_client.h"
+#include "sdo_value.h"
+#include "sdo_words.h"
 #include "words.h"
 
 namespace motorctl {
@@ -15,25 +15,11 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-struct Type {
-  unsigned size;  // bytes
-  bool is_signed;
-};
-
-const std::map<std::string, Type>& Types() {
-  static const std::map<std::string, Type> types = {
-      {"u8", {1, false}},  {"i8", {1, true}},  {"u16", {2, false}}, {"i16", {2, true}},
-      {"u32", {4, false}}, {"i32", {4, true}}, {"hex", {0, false}},  // the size of the answer; of a
-                                                                     // value, that of its digits
-  };
-  return types;
-}
-
 struct Options {
   int node = 0;
   std::string index;
   std::string sub;
-  std::string type = "hex";
+  std::string type;
   std::string value;
   bool yes = false;
 };
@@ -52,25 +38,6 @@ bool Moves(std::uint16_t index) {
   return false;
 }
 
-// Decimal, or hexadecimal with 0x. `what` names the argument.
-long long ParseNumber(const std::string& text, const char* what, long long lowest,
-                      long long highest) {
-  const std::size_t digits = text.find_first_not_of("+-");
-  const bool hexadecimal = digits != std::string::npos && (text.compare(digits, 2, "0x") == 0 ||
-                                                           text.compare(digits, 2, "0X") == 0);
-  char* end = nullptr;
-  errno = 0;
-  const long long number = std::strtoll(text.c_str(), &end, hexadecimal ? 16 : 10);
-  if (text.empty() || *end != '\0' || digits > 1 || std::isspace(text[0]) != 0) {
-    throw CLI::ValidationError(what, "\"" + text + "\" is no number");
-  }
-  if (errno == ERANGE || number < lowest || number > highest) {
-    throw CLI::ValidationError(what, text + " is not between " + std::to_string(lowest) + " and " +
-                                         std::to_string(highest));
-  }
-  return number;
-}
-
 std::uint16_t Index(const Options& options) {
   return static_cast<std::uint16_t>(ParseNumber(options.index, "INDEX", 0, 0xFFFF));
 }
@@ -79,84 +46,59 @@ std::uint8_t Sub(const Options& options) {
   return static_cast<std::uint8_t>(ParseNumber(options.sub, "SUB", 0, 0xFF));
 }
 
-struct Encoded {
-  std::uint32_t value;
-  unsigned size;
-};
-
-Encoded Encode(const Options& options) {
-  const Type type = Types().at(options.type);
-  if (options.type == "hex") {
-    // The digits tell the size, as they do in a drive's manual: 0x0F is one byte, 0x000F two.
-    std::string digits = options.value;
-    if (digits.compare(0, 2, "0x") == 0 || digits.compare(0, 2, "0X") == 0) digits.erase(0, 2);
-    if (digits.size() != 2 && digits.size() != 4 && digits.size() != 8) {
-      throw CLI::ValidationError("VALUE", "hex takes 2, 4 or 8 digits: they tell the size");
-    }
-    return {static_cast<std::uint32_t>(ParseNumber("0x" + digits, "VALUE", 0, 0xFFFFFFFFLL)),
-            static_cast<unsigned>(digits.size() / 2)};
-  }
-  const unsigned bits = 8 * type.size;
-  const long long lowest = type.is_signed ? -(1LL << (bits - 1)) : 0;
-  const long long highest = type.is_signed ? (1LL << (bits - 1)) - 1 : (1LL << bits) - 1;
-  const long long number = ParseNumber(options.value, "VALUE", lowest, highest);
-  return {static_cast<std::uint32_t>(static_cast<unsigned long long>(number) &
-                                     (0xFFFFFFFFULL >> (32 - bits))),
-          type.size};
-}
-
-long long Decode(std::uint32_t value, const Type& type) {
-  if (type.size == 0) return value;
-  const unsigned bits = 8 * type.size;
-  const std::uint32_t cut = value & (0xFFFFFFFFU >> (32 - bits));
-  const bool negative = type.is_signed && (cut >> (bits - 1)) != 0;
-  return negative ? static_cast<long long>(cut) - (1LL << bits) : static_cast<long long>(cut);
-}
-
-[[noreturn]] void Fail(const Options& options, const SdoAnswer& answer) {
+[[noreturn]] void Fail(const Options& options, const std::string& reason) {
   throw CommandFailed("node " + std::to_string(options.node) + ", " +
-                      NameObject(Index(options), Sub(options)) + ": " + Explanation(answer));
+                      NameObject(Index(options), Sub(options)) + ": " + reason);
 }
 
 // The result of a transfer as JSON, of a failed one too: programs that read it need not parse
 // status lines.
-Json Describe(const char* command, const Options& options, const SdoAnswer& answer) {
-  return {
-      {"command", command},
-      {"node", options.node},
-      {"index", Index(options)},
-      {"sub", Sub(options)},
-      {"object", ObjectName(Index(options), Sub(options))},
-      {"ok", answer.ok()},
-      {"abort_code", answer.kind == SdoAnswer::Kind::kAborted ? Json(answer.value) : Json(nullptr)},
-      {"failure", answer.ok() ? Json(nullptr) : Json(Explanation(answer))}};
+Json Describe(const char* command, const Options& options, const SdoAnswer& answer,
+              const std::string& failure) {
+  return {{"command", command},
+          {"node", options.node},
+          {"index", Index(options)},
+          {"sub", Sub(options)},
+          {"object", ObjectName(Index(options), Sub(options))},
+          {"ok", failure.empty()},
+          {"abort_code", answer.abort_code != 0 ? Json(answer.abort_code) : Json(nullptr)},
+          {"late_ms",
+           answer.kind == SdoAnswer::Kind::kLate ? Json(answer.late.count()) : Json(nullptr)},
+          {"failure", failure.empty() ? Json(nullptr) : Json(failure)}};
 }
 
 int Read(const Context& context, const Options& options) {
-  const std::unique_ptr<DriverCommon> drive = OpenBus(context);
-  const SdoAnswer answer = ReadObject(*drive, options.node, Index(options), Sub(options));
-  const Type type = Types().at(options.type);
+  SdoClient client(context.vehicle.interface, context.SdoTimeout());
+  const SdoAnswer answer = client.Upload(options.node, Index(options), Sub(options));
+  const bool is_text = IsText(Index(options), Sub(options), context.make);
+  const std::string type = !options.type.empty() ? options.type : is_text ? "str" : "hex";
+  std::string failure = Explanation(answer);
+  DecodedValue value;
+  try {
+    if (answer.ok()) value = DecodeValue(type, answer.bytes);
+  } catch (const CommandFailed& error) {
+    failure = error.what();
+  }
   if (context.json) {
-    Json line = Describe("sdo read", options, answer);
-    line["type"] = options.type;
-    line["size"] = answer.ok() && answer.size != 0 ? Json(answer.size) : Json(nullptr);
-    line["value"] = answer.ok() ? Json(Decode(answer.value, type)) : Json(nullptr);
+    Json line = Describe("sdo read", options, answer, failure);
+    line["type"] = type;
+    line["size"] = answer.ok() && answer.size_told ? Json(answer.bytes.size()) : Json(nullptr);
+    line["value"] = value.json;
     context.Line(line.dump());
-    if (answer.ok()) return kSuccess;
+    if (failure.empty()) return kSuccess;
   }
-  if (!answer.ok()) Fail(options, answer);
-  if (type.size != 0 && answer.size != 0 && type.size != answer.size) {
-    context.Say("the node answers with " + std::to_string(answer.size) + " bytes, " + options.type +
-                " has " + std::to_string(type.size));
+  if (!failure.empty()) Fail(options, failure);
+  const unsigned size = SizeOfType(type);
+  if (size != 0 && answer.size_told && size != answer.bytes.size()) {
+    context.Say("the node answers with " + std::to_string(answer.bytes.size()) + " bytes, " + type +
+                " has " + std::to_string(size));
   }
-  const unsigned size = answer.size == 0 ? 4 : answer.size;
-  context.Line(options.type == "hex" ? Hex(answer.value, static_cast<int>(2 * size))
-                                     : std::to_string(Decode(answer.value, type)));
+  context.Line(value.text);
   return kSuccess;
 }
 
 int Write(const Context& context, const Options& options) {
-  const Encoded encoded = Encode(options);
+  const Bytes bytes = EncodeValue(options.type, options.value);
   if (Moves(Index(options))) {
     const ExitStatus answer = context.Ask(
         options.yes, NameObject(Index(options), Sub(options)) + " can turn the wheels of node " +
@@ -166,18 +108,18 @@ int Write(const Context& context, const Options& options) {
       return answer;
     }
   }
-  const std::unique_ptr<DriverCommon> drive = OpenBus(context);
-  const SdoAnswer answer =
-      WriteObject(*drive, options.node, Index(options), Sub(options), encoded.value, encoded.size);
+  SdoClient client(context.vehicle.interface, context.SdoTimeout());
+  const SdoAnswer answer = client.Download(options.node, Index(options), Sub(options), bytes);
+  const std::string failure = WriteExplanation(answer);
   if (context.json) {
-    Json line = Describe("sdo write", options, answer);
+    Json line = Describe("sdo write", options, answer, failure);
     line["type"] = options.type;
-    line["size"] = encoded.size;
-    line["value"] = Decode(encoded.value, Types().at(options.type));
+    line["size"] = bytes.size();
+    line["value"] = DecodeValue(options.type, bytes).json;
     context.Line(line.dump());
     if (answer.ok()) return kSuccess;
   }
-  if (!answer.ok()) Fail(options, answer);
+  if (!answer.ok()) Fail(options, failure);
   context.Say("written");
   return kSuccess;
 }
@@ -188,10 +130,10 @@ void AddObjectOptions(CLI::App& command, Options& options) {
   command.add_option("SUB", options.sub, "0 to 0xFF")->required();
 }
 
-CLI::Option* AddType(CLI::App& command, Options& options) {
-  return command.add_option("TYPE", options.type, "u8 i8 u16 i16 u32 i32 hex")
+CLI::Option* AddType(CLI::App& command, Options& options, const std::string& standard) {
+  return command.add_option("TYPE", options.type, kValueTypes + standard)
       ->check([](const std::string& name) {
-        return Types().count(name) != 0 ? std::string() : "u8, i8, u16, i16, u32, i32 or hex";
+        return IsValueType(name) ? std::string() : std::string("one of ") + kValueTypes;
       });
 }
 
@@ -200,11 +142,12 @@ CLI::Option* AddType(CLI::App& command, Options& options) {
 void AddSdo(CLI::App& app, Context& context) {
   CLI::App* const sdo = app.add_subcommand("sdo", "read or write one object of a node");
   sdo->require_subcommand(1);
+  AddTimeout(*sdo, context);
 
   const auto read_options = std::make_shared<Options>();
   CLI::App* const read = sdo->add_subcommand("read", "print the value of an object");
   AddObjectOptions(*read, *read_options);
-  AddType(*read, *read_options);
+  AddType(*read, *read_options, " (hex; str of a text that is known)");
   read->callback([&context, options = read_options] {
     Index(*options);
     Sub(*options);
@@ -214,15 +157,18 @@ void AddSdo(CLI::App& app, Context& context) {
   const auto write_options = std::make_shared<Options>();
   CLI::App* const write = sdo->add_subcommand("write", "write a value, and wait until it is taken");
   AddObjectOptions(*write, *write_options);
-  AddType(*write, *write_options)->required();
-  write->add_option("VALUE", write_options->value, "decimal, or hexadecimal with 0x")->required();
+  AddType(*write, *write_options, "")->required();
+  write
+      ->add_option("VALUE", write_options->value,
+                   "decimal, or hexadecimal with 0x; hex: two digits for each byte; str: as it is")
+      ->required();
   write->add_flag("--yes", write_options->yes,
                   "do not ask before objects that turn wheels; needed where standard input is no "
                   "terminal");
   write->callback([&context, options = write_options] {
     Index(*options);
     Sub(*options);
-    Encode(*options);
+    EncodeValue(options->type, options->value);
     context.run = [&context, options] { return Write(context, *options); };
   });
 }

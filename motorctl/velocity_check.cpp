@@ -1,13 +1,11 @@
 #include "velocity_check.h"
 
-#include <fake_driver.h>
-
 #include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <vector>
 
-#include "sdo_client.h"
+#include "sdo_words.h"
 
 namespace motorctl {
 namespace {
@@ -19,6 +17,8 @@ constexpr auto kPace = std::chrono::milliseconds(200);
 constexpr auto kSettlingTime = std::chrono::milliseconds(1000);
 constexpr double kAllowedShare = 0.2;
 constexpr double kAllowedRpm = 5;
+// A stop waits for the read that is on its way.
+constexpr auto kTimeout = std::chrono::milliseconds(100);
 
 }  // namespace
 
@@ -49,8 +49,16 @@ bool VelocityCheck::Ended(std::chrono::milliseconds wait) {
 
 void VelocityCheck::Run() {
   if (make_.velocities.empty()) return;
-  // A socket of its own: that of the wheels is not to be disturbed.
-  FakeDriver drive(vehicle_.interface.c_str());
+  try {
+    // A socket of its own: that of the wheels is not to be disturbed.
+    SdoClient client(vehicle_.interface, kTimeout);
+    CompareUntilTheEnd(client);
+  } catch (const CommandFailed&) {
+    // An interface that is gone is a matter of Wheels.
+  }
+}
+
+void VelocityCheck::CompareUntilTheEnd(SdoClient& client) {
   struct Steady {
     double target = 0;
     Clock::time_point since = Clock::now();
@@ -61,7 +69,7 @@ void VelocityCheck::Run() {
       const double target = wheels_.GetWheel(wheel).target_rpm;
       if (target != steady[wheel].target) steady[wheel] = {target, Clock::now()};
       if (target == 0 || Clock::now() - steady[wheel].since < kSettlingTime) continue;
-      const std::string failure = Compare(drive, wheel);
+      const std::string failure = Compare(client, wheel);
       if (failure.empty()) continue;
       const std::lock_guard<std::mutex> lock(mutex_);
       if (failure_.empty()) failure_ = failure;
@@ -70,14 +78,14 @@ void VelocityCheck::Run() {
 }
 
 // Without signs: whether a wheel turns the right way is judged by Wheels.
-std::string VelocityCheck::Compare(DriverCommon& drive, std::size_t wheel) const {
+std::string VelocityCheck::Compare(SdoClient& client, std::size_t wheel) const {
   const motor_driver::Wheel& description = vehicle_.wheels[wheel];
   const motor_driver::Object& object =
       make_.velocities.at(static_cast<std::size_t>(description.motor - 1));
-  const SdoAnswer answer = ReadObject(drive, description.node, object.index, object.sub_index, 1);
-  if (!answer.ok() || (answer.size != 0 && answer.size != 4)) return "";
+  const SdoAnswer answer = client.Ask(description.node, object.index, object.sub_index);
+  if (!answer.ok() || answer.bytes.size() != 4) return "";
   const double units = motor_driver::UnitsPerRpm(make_, vehicle_.counts_per_revolution);
-  const double told = std::abs(static_cast<std::int32_t>(answer.value) / units);
+  const double told = std::abs(static_cast<std::int32_t>(answer.number()) / units);
   const double measured = std::abs(wheels_.GetWheel(wheel).measured_rpm) * description.gear_ratio;
   if (std::abs(told - measured) <= kAllowedShare * std::max(told, measured) + kAllowedRpm)
     return "";

@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "context.h"
+#include "sdo_client.h"
 
 namespace motorctl {
 
@@ -27,8 +28,9 @@ class VelocityCheck {
 
  private:
   void Run();
+  void CompareUntilTheEnd(SdoClient& client);
   bool Ended(std::chrono::milliseconds wait);
-  std::string Compare(DriverCommon& drive, std::size_t wheel) const;
+  std::string Compare(SdoClient& client, std::size_t wheel) const;
 
   const Vehicle& vehicle_;
   const Make& make_;

@@ -3,6 +3,7 @@
 // `make`: nullptr when it is not known; then only what the standards define is named.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -43,6 +44,12 @@ std::string NmtCommandText(std::uint8_t command);
 // "Statusword", "RPDO1 communication: COB-ID"; empty for an object that is not known.
 std::string ObjectName(std::uint16_t index, std::uint8_t sub, const Make* make = nullptr);
 
+// Text of a node for people: what cannot be shown is written as \xNN, zeros at its end are left out.
+std::string Printable(const std::uint8_t* data, std::size_t size);
+
+// Whether the object is known to hold a text.
+bool IsText(std::uint16_t index, std::uint8_t sub, const Make* make = nullptr);
+
 // What an object holds.
 struct Value {
   std::int64_t number = 0;  // with the sign that the object has
@@ -62,6 +69,7 @@ enum class Format {
   kStatusword,
   kMode,
   kMappedObject,
+  kText,
 };
 
 // `raw` has `bytes` bytes, 1 to 4.

@@ -48,6 +48,9 @@ expect 'check' vehicle ''
 expect '--yes' sdo write 1 0x60FF 0 i32 5 --y
 expect '' sdo read 1 0x60FF 0 --y
 expect 'i16 i32 i8' sdo write 1 0x6040 0 i
+expect 'str' sdo read 1 0x1008 0 s
+expect '--timeout' sdo read 1 0x1008 0 --t
+expect 'write' sdo --timeout 100 w
 expect '' explain ''
 expect '--verbose --version' --ver
 expect '--version' --vers

@@ -1,0 +1,82 @@
+#include "sdo_words.h"
+
+#include "words.h"
+
+namespace motorctl {
+namespace {
+
+std::string WithCode(const std::string& what, std::uint32_t code) {
+  return what + " with abort code " + Hex(code, 8) + ": " + AbortCodeText(code);
+}
+
+std::string Milliseconds(std::chrono::milliseconds time) {
+  return std::to_string(time.count()) + " ms";
+}
+
+std::string NoAnswer(const SdoAnswer& answer) {
+  std::string text = "no answer";
+  if (answer.segment > 0) text += " to segment " + std::to_string(answer.segment);
+  text += " within " + Milliseconds(answer.timeout);
+  if (answer.other) {
+    text += "; instead the node ended another transfer, of " +
+            NameObject(answer.other->object.index, answer.other->object.sub_index) +
+            WithCode(",", answer.other->code);
+  }
+  return text;
+}
+
+std::string Late(const SdoAnswer& answer) {
+  return (answer.abort_code == 0 ? "answered"
+                                 : WithCode("refused", answer.abort_code) + "; answered") +
+         " after " + Milliseconds(answer.late) + ", too late for " + Milliseconds(answer.timeout);
+}
+
+constexpr const char* kHint = "; --timeout waits longer";
+
+}  // namespace
+
+std::string Explanation(const SdoAnswer& answer) {
+  switch (answer.kind) {
+    case SdoAnswer::Kind::kOk:
+      return "";
+    case SdoAnswer::Kind::kAborted:
+      return WithCode("refused", answer.abort_code);
+    case SdoAnswer::Kind::kGivenUp:
+      return WithCode("given up after a wrong answer", answer.abort_code);
+    case SdoAnswer::Kind::kNoAnswer:
+      return NoAnswer(answer);
+    case SdoAnswer::Kind::kLate:
+      return Late(answer) + kHint;
+    case SdoAnswer::Kind::kNotSent:
+      return "the request could not be sent";
+  }
+  return "";
+}
+
+std::string WriteExplanation(const SdoAnswer& answer) {
+  const bool begun = answer.segment > 0;
+  if (answer.kind == SdoAnswer::Kind::kNoAnswer && !begun) {
+    return NoAnswer(answer) + "; whether it was written is not known";
+  }
+  if (answer.kind == SdoAnswer::Kind::kLate && answer.abort_code == 0) {
+    return Late(answer) + (begun ? "; it is not whole" : "; it was written") + kHint;
+  }
+  return Explanation(answer);
+}
+
+std::string Reason(const motor_driver::SetUpFailure& failed) {
+  return NameObject(failed.index, failed.sub_index) + ": " +
+         (failed.abort_code ? WithCode("refused", *failed.abort_code) : "no answer");
+}
+
+std::string Describe(const motor_driver::SetUpFailure& failed) {
+  return "node " + std::to_string(failed.node) + ": failed: " + Reason(failed);
+}
+
+std::string NameObject(std::uint16_t index, std::uint8_t sub_index) {
+  const std::string name = ObjectName(index, sub_index);
+  return Hex(index, 4) + " sub " + std::to_string(sub_index) +
+         (name.empty() ? "" : " (" + name + ")");
+}
+
+}  // namespace motorctl
