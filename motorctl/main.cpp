@@ -11,6 +11,7 @@
 #include <string>
 
 #include "context.h"
+#include "emergency_watch.h"
 #include "guard.h"
 #include "terminal.h"
 
@@ -94,6 +95,13 @@ int TakeGuardedCommand(int argc, char** argv, Context& context) {
   return static_cast<int>(dashes - argv);
 }
 
+// They wait for nodes, or move them.
+bool IsOnTheBus(const CLI::App& app) {
+  const char* const names[] = {"doctor", "scan", "info", "sdo", "bring-up", "jog", "monitor"};
+  return std::any_of(std::begin(names), std::end(names),
+                     [&app](const char* name) { return app.got_subcommand(name); });
+}
+
 int Run(int argc, char** argv) {
   Context context;
   argc = TakeGuardedCommand(argc, argv, context);
@@ -147,7 +155,11 @@ int Run(int argc, char** argv) {
   const LibraryOutput library_output;
   int status = kFailure;
   try {
+    std::optional<EmergencyWatch> watch;
+    if (IsOnTheBus(app)) watch.emplace(context);
     status = context.run();
+  } catch (const NobodyReads&) {
+    // `| head` has what it wanted.
   } catch (const std::exception& error) {
     context.Say(error.what());
   }

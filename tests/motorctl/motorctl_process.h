@@ -28,7 +28,8 @@ constexpr auto kLongest = std::chrono::seconds(60);
 constexpr auto kPause = std::chrono::milliseconds(10);
 
 // kFullPipe: standard output is a pipe that nobody reads and that takes nothing any more.
-enum class Output { kFile, kTerminal, kFullPipe };
+// kClosedPipe: its reader has gone away.
+enum class Output { kFile, kTerminal, kFullPipe, kClosedPipe };
 
 class Process {
  public:
@@ -47,7 +48,10 @@ class Process {
     std::vector<char*> environment = {search.data(), term.data()};
     for (std::string& variable : all) environment.push_back(variable.data());
     environment.push_back(nullptr);
-    out_ = output == Output::kFullPipe ? FullPipe() : ::memfd_create("out", MFD_CLOEXEC);
+    out_ = output == Output::kFullPipe     ? FullPipe()
+           : output == Output::kClosedPipe ? ClosedPipe()
+                                           : ::memfd_create("out", MFD_CLOEXEC);
+    is_read_ = output == Output::kFile || output == Output::kTerminal;
     err_ = ::memfd_create("err", MFD_CLOEXEC);
     const int nothing = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
     const winsize size = {24, 80, 0, 0};
@@ -79,7 +83,7 @@ class Process {
 
   // Everything so far; on a terminal both outputs together.
   std::string Out() {
-    if (unread_ >= 0) return "";
+    if (!is_read_) return "";
     if (terminal_ < 0) return support::ReadWhole(out_);
     pollfd readable = {terminal_, POLLIN, 0};
     char buffer[4096];
@@ -126,7 +130,15 @@ class Process {
     return ends[1];
   }
 
+  static int ClosedPipe() {
+    int ends[2] = {};
+    EXPECT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+    ::close(ends[0]);
+    return ends[1];
+  }
+
   pid_t child_ = -1;
+  bool is_read_ = true;
   int unread_ = -1;
   int out_ = -1;
   int err_ = -1;
