@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "eds.h"
 #include "wheels/makes.h"
 
 namespace CLI {  // NOLINT(readability-identifier-naming): the name of the package
@@ -49,6 +50,7 @@ struct Context {
   Vehicle vehicle;
   std::string vehicle_file;    // of --vehicle; empty without it
   const Make* make = nullptr;  // of the vehicle; nullptr when it was not told
+  std::optional<Eds> data_sheet;  // of --eds; in use where objects are named
   bool json = false;
   bool verbose = false;
   std::optional<int> timeout_ms;             // of --timeout

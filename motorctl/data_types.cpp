@@ -184,9 +184,9 @@ const char* TypeName(DataType type) { return RowOf(type).name; }
 
 unsigned SizeOf(DataType type) { return RowOf(type).size; }
 
-bool IsInteger(DataType type) {
-  return RowOf(type).kind == Kind::kUnsigned || RowOf(type).kind == Kind::kSigned;
-}
+bool IsInteger(DataType type) { return RowOf(type).kind == Kind::kUnsigned || IsSigned(type); }
+
+bool IsSigned(DataType type) { return RowOf(type).kind == Kind::kSigned; }
 
 bool IsNumber(DataType type) { return IsInteger(type) || RowOf(type).kind == Kind::kReal; }
 

@@ -57,6 +57,8 @@ const char* TypeName(DataType type);
 unsigned SizeOf(DataType type);
 // BOOLEAN, INTEGERn and UNSIGNEDn.
 bool IsInteger(DataType type);
+// INTEGERn.
+bool IsSigned(DataType type);
 // Integers and REALn: what can have limits.
 bool IsNumber(DataType type);
 

@@ -1,21 +1,13 @@
 #include "decode.h"
 
 #include <algorithm>
-#include <array>
 #include <cstdint>
-#include <utility>
-#include <vector>
 
 namespace motorctl {
 namespace {
 
-using motor_driver::Field;
-
-constexpr std::uint32_t kTpdo1 = 0x180;
 constexpr std::uint32_t kLssResponse = 0x7E4;
 constexpr std::uint32_t kLssRequest = 0x7E5;
-
-std::string NodeText(unsigned node) { return "node " + std::to_string(node); }
 
 Meaning Odd(const LoggedFrame& frame, const std::string& what) {
   return {"unknown", what + ": " + BytesText(frame.data.data(), frame.length)};
@@ -60,111 +52,6 @@ Meaning DecodeHeartbeat(const LoggedFrame& frame, unsigned node) {
           Fields().Add("node", node).Add("state", text)};
 }
 
-// --- PDOs, as the table of makes lays them out ---------------------------------------------------
-
-struct PdoField {
-  PdoField(std::string title, unsigned at, unsigned size, Format how)
-      : name(std::move(title)), key(name), offset(at), bytes(size), format(how) {
-    std::replace(key.begin(), key.end(), ' ', '_');
-  }
-
-  std::string name;
-  std::string key;  // of JSON
-  unsigned offset;
-  unsigned bytes;
-  Format format;
-};
-
-std::vector<PdoField> LayOut(const Make& make, std::uint32_t base) {
-  struct Row {
-    const Field& field;
-    const char* name;
-    Format format;
-  };
-  const Row rows[] = {{make.target, "target velocity", Format::kVelocity},
-                      {make.position, "position", Format::kSigned},
-                      {make.error_code, "error code", Format::kErrorCode},
-                      {make.statusword, "statusword", Format::kStatusword},
-                      {make.inputs, "digital inputs", Format::kHex}};
-  std::vector<PdoField> layout;
-  for (const Row& row : rows) {
-    if (row.field.bits == 0 || row.field.base_id != base) continue;
-    const unsigned bytes = row.field.bits / 8;
-    const auto motors = static_cast<unsigned>(make.motors);
-    // Short values of all motors are one object of the drive.
-    if (motors == 1 || bytes * motors <= 4) {
-      layout.emplace_back(row.name, row.field.offset, bytes * motors, row.format);
-      continue;
-    }
-    for (unsigned motor = 0; motor < motors; ++motor) {
-      layout.emplace_back(row.name + (" " + std::to_string(motor + 1)),
-                          row.field.offset + motor * bytes, bytes, row.format);
-    }
-  }
-  std::sort(layout.begin(), layout.end(),
-            [](const PdoField& left, const PdoField& right) { return left.offset < right.offset; });
-  // What a drive sends before is its own.
-  if (!layout.empty() && layout[0].offset > 0) {
-    layout.insert(layout.begin(), {"first bytes", 0, layout[0].offset, Format::kHex});
-  }
-  return layout;
-}
-
-constexpr std::size_t kPdos = 8;  // four of each direction, in the order of their identifiers
-
-std::size_t PdoOf(std::uint32_t base) { return (base - kTpdo1) / 0x80; }
-
-// Laid out once: a log has many of them.
-const std::vector<PdoField>& LayoutOf(const Make* make, std::uint32_t base) {
-  using Layouts = std::array<std::vector<PdoField>, kPdos>;
-  static const std::vector<Layouts> of_makes = [] {
-    std::vector<Layouts> result;
-    for (const Make& each : motor_driver::Makes()) {
-      Layouts layouts;
-      for (std::uint32_t pdo = 0; pdo < kPdos; ++pdo) {
-        layouts[pdo] = LayOut(each, kTpdo1 + pdo * 0x80);
-      }
-      result.push_back(std::move(layouts));
-    }
-    return result;
-  }();
-  static const std::vector<PdoField> unknown;
-  if (make == nullptr) return unknown;
-  return of_makes[static_cast<std::size_t>(make - motor_driver::Makes().data())][PdoOf(base)];
-}
-
-Meaning DecodePdo(const LoggedFrame& frame, std::uint32_t base, const Make* make) {
-  // From 0x180 on, transmit and receive PDOs take turns.
-  const unsigned number = (base - kTpdo1) / 0x100 + 1;
-  const std::string pdo = ((base & 0x80) != 0 ? "TPDO" : "RPDO") + std::to_string(number);
-  const unsigned node = frame.id - base;
-  Meaning meaning{"pdo", pdo + " of " + NodeText(node) + ": ",
-                  Fields().Add("node", node).Add("pdo", pdo)};
-  const std::vector<PdoField>& layout = LayoutOf(make, base);
-  if (layout.empty()) {
-    meaning.text += BytesText(frame.data.data(), frame.length);
-    return meaning;
-  }
-  Fields values;
-  const char* separator = "";
-  for (const PdoField& field : layout) {
-    if (field.offset + field.bytes > frame.length) {
-      meaning.text.append(separator).append("too short for this make: ");
-      meaning.text += BytesText(frame.data.data(), frame.length);
-      break;
-    }
-    const Value value = FormatValue(
-        field.format, LittleEndian(&frame.data[field.offset], field.bytes), field.bytes, make);
-    meaning.text.append(separator).append(field.name).append(" = ").append(value.text);
-    values.Add(field.key, value.number);
-    separator = " | ";
-  }
-  meaning.fields.Add("values", values);
-  return meaning;
-}
-
-// --- Frames --------------------------------------------------------------------------------------
-
 Meaning WithNode(const char* title, unsigned node, Meaning meaning) {
   meaning.fields = Fields().Add("node", node).Append(meaning.fields);
   meaning.text = std::string(title) + NodeText(node) + ": " + meaning.text;
@@ -197,7 +84,7 @@ Meaning DecodeData(const LoggedFrame& frame, const Make* make) {
     if (frame.length != 8) return Odd(frame, "emergency message of wrong length");
     return WithNode("emergency of ", node, DecodeEmergency(frame.data.data()));
   }
-  if (base >= kTpdo1 && base < 0x580 && addressed) return DecodePdo(frame, base, make);
+  if (base >= kFirstPdo && base < 0x580 && addressed) return DecodePdo(frame, base, make);
   if ((base == 0x580 || base == 0x600) && addressed) {
     if (frame.length != 8) return Odd(frame, "SDO of wrong length");
     return WithNode("SDO ", node, DecodeSdo(frame.data.data(), base == 0x580, make));
@@ -211,6 +98,8 @@ Meaning DecodeData(const LoggedFrame& frame, const Make* make) {
 }
 
 }  // namespace
+
+std::string NodeText(unsigned node) { return "node " + std::to_string(node); }
 
 // Little-endian.
 std::uint32_t LittleEndian(const std::uint8_t* data, unsigned bytes) {

@@ -26,8 +26,13 @@ struct Meaning {
   Fields fields = {};
 };
 
-// What a frame means on a bus of drives of this make; without a make, PDOs are not taken apart.
+// What a frame means on a bus of drives of this make; without a make, PDOs are taken apart as a data
+// sheet maps them (data_sheet.h), if at all.
 Meaning DecodeFrame(const LoggedFrame& frame, const Make* make);
+
+// `base`: the identifier of the frame without the node-ID, from this one to 0x500.
+constexpr std::uint32_t kFirstPdo = 0x180;
+Meaning DecodePdo(const LoggedFrame& frame, std::uint32_t base, const Make* make);
 
 // Payloads of 8 bytes, wherever they come from.
 Meaning DecodeSdo(const std::uint8_t* data, bool response, const Make* make);
@@ -60,6 +65,9 @@ class BlockTransfers {
 
   std::vector<Transfer> running_;
 };
+
+// "node 1".
+std::string NodeText(unsigned node);
 
 // Little-endian.
 std::uint32_t LittleEndian(const std::uint8_t* data, unsigned bytes);

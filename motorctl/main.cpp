@@ -11,6 +11,7 @@
 #include <string>
 
 #include "context.h"
+#include "data_sheet.h"
 #include "emergency_watch.h"
 #include "guard.h"
 #include "terminal.h"
@@ -24,6 +25,7 @@ struct Named {
   std::optional<std::string> interface;
   std::optional<std::string> make;
   std::optional<unsigned long> counts_per_revolution;
+  std::string data_sheet;
 };
 
 std::string CheckInterface(const std::string& name) {
@@ -47,6 +49,12 @@ void TakeVehicle(const Named& named, Context& context) {
   context.make = motor_driver::FindMake(context.vehicle.make);
 }
 
+void TakeDataSheet(const std::string& file, Context& context) {
+  if (file.empty()) return;
+  context.data_sheet = LoadEds(file);
+  UseDataSheet(&*context.data_sheet);
+}
+
 void AddGlobalOptions(CLI::App& app, Context& context, Named& named) {
   app.set_version_flag("--version", std::string("motorctl ") + MOTORCTL_VERSION);
   app.add_option(
@@ -64,6 +72,9 @@ void AddGlobalOptions(CLI::App& app, Context& context, Named& named) {
                  "encoder resolution, of makes that do not know theirs (10000)")
       ->check(CLI::Range(4UL, 1UL << 24U))
       ->type_name("COUNTS");
+  app.add_option("--eds", named.data_sheet,
+                 "data sheet of the device (EDS or DCF of CiA 306): its names, types and limits")
+      ->type_name("FILE");
   app.add_flag("--json", context.json, "one JSON object per line");
   app.add_flag("--verbose", context.verbose, "what the library says, on standard error");
   // For completion, and for whoever writes the names of the makes down.
@@ -117,6 +128,7 @@ int Run(int argc, char** argv) {
   app.parse_complete_callback([&] {
     if (app.got_subcommand("vehicle")) named.vehicle.clear();  // it names its own
     TakeVehicle(named, context);
+    TakeDataSheet(named.data_sheet, context);
   });
 
   AddDoctor(app, context);
@@ -144,8 +156,8 @@ int Run(int argc, char** argv) {
   } catch (const CLI::ParseError& error) {
     context.Say(std::string(error.what()) + "; see --help");
     return kUsage;
-  } catch (const motor_driver::VehicleError& error) {
-    context.Say(error.what());
+  } catch (const std::runtime_error& wrong_file) {
+    context.Say(wrong_file.what());
     return app.got_subcommand("guard") ? int{kGuardFailed} : int{kFailure};
   }
 

@@ -2,7 +2,7 @@
 
 _motorctl_takes_value() {
   case $1 in
-    --vehicle | --interface | --make | --counts-per-revolution | --from | --to | --period | --rpm | --rpm2 | \
+    --vehicle | --interface | --make | --counts-per-revolution | --eds | --from | --to | --period | --rpm | --rpm2 | \
       --seconds | --limit | --fresh-ms | --ramp | --csv | --svg | --config | --directory | --after | --memory-mb | \
       --keep | --limit-mb | --timeout) return 0 ;;
   esac
@@ -30,7 +30,7 @@ _motorctl_guarded() {
 
 _motorctl() {
   local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
-  local options='--vehicle --interface --make --counts-per-revolution --json --verbose --help'
+  local options='--vehicle --interface --make --counts-per-revolution --eds --json --verbose --help'
   local words='' files=false command='' nested='' position=0 i
 
   for ((i = 1; i < COMP_CWORD; i++)); do
@@ -81,7 +81,7 @@ _motorctl() {
     case $previous in
       --interface) words=$(_motorctl_interfaces) ;;
       --make) words=$("${COMP_WORDS[0]}" --list-makes 2>/dev/null) ;;
-      --vehicle | --csv | --svg | --config | --directory) files=true ;;
+      --vehicle | --eds | --csv | --svg | --config | --directory) files=true ;;
     esac
   elif [[ $current == -* ]]; then
     words=$options files=false

@@ -41,7 +41,8 @@ std::string ModeText(std::int8_t mode, const Make* make = nullptr);
 std::string NmtStateText(std::uint8_t state);
 std::string NmtCommandText(std::uint8_t command);
 
-// "Statusword", "RPDO1 communication: COB-ID"; empty for an object that is not known.
+// "Statusword", "RPDO1 communication: COB-ID"; empty for an object that is not known. This and the
+// values below are those of the data sheet (data_sheet.h), where it has the object.
 std::string ObjectName(std::uint16_t index, std::uint8_t sub, const Make* make = nullptr);
 
 // Text of a node for people: what cannot be shown is written as \xNN, zeros at its end are left out.

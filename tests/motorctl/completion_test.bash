@@ -63,6 +63,7 @@ expect 'zl.log zl.txt' decode zl
 expect 'zl.log zl.txt' jog 1 --csv zl
 expect 'zl.log zl.txt' jog --vehicle zl
 expect 'zl.log zl.txt' vehicle check zl
+expect 'zl.log zl.txt' sdo read 1 0x6041 0 --eds zl
 
 # Nothing missing and nothing invented: the program's own help is the measure.
 global=$(listed)

@@ -59,6 +59,7 @@ TEST(EdsReaderTest, DefaultValuesMayDependOnTheNode) {
     EXPECT_EQ(DefaultOf(EdsOf(Changed("$NODEID+0x80", text)), 0x1014, 0, 127), "511") << text;
   }
   EXPECT_EQ(DefaultOf(EdsOf(Changed("$NODEID+0x80", "$NODEID")), 0x1014, 0, 9), "9");
+  EXPECT_EQ(DefaultOf(EdsOf(Changed("$NODEID+0x80", "$NODEID+0x1FF")), 0x1014, 0, 2), "513");
   EXPECT_EQ(DefaultOf(EdsOf(Changed("$NODEID+0x80", "0x80")), 0x1014, 0, 9), "128");
   EXPECT_EQ(DefaultOf(EdsOf(Changed("DefaultValue=wheel", "DefaultValue=$NODEID")), 0x2000, 0, 9),
             "$NODEID")

@@ -27,6 +27,8 @@ TEST(EdsRefusalsTest, WhatIsNoSuchFile) {
   EXPECT_EQ(Refusal("a=1\n"), "x.eds:1: a: stands before the first [SECTION]");
   EXPECT_EQ(Refusal("[a\nb=1\n"), "x.eds:1: neither [SECTION] nor KEY=VALUE");
   EXPECT_EQ(Refusal("[a]\nb=1\n\n[c]\nd\n"), "x.eds:5: neither [SECTION] nor KEY=VALUE");
+  EXPECT_EQ(Refusal("[a]\nx\nb=1\nb=2\n"), "x.eds:2: neither [SECTION] nor KEY=VALUE")
+      << "the first of two";
   EXPECT_EQ(Refusal("[a]\nb=" + std::string(509, 'x') + "\n"),
             "x.eds:2: a line of more than 510 characters, or a zero byte");
   EXPECT_EQ(Refusal(std::string("[a]\nb=1\0\n", 9)),

@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # explain and decode as a user meets them: outputs, exit statuses, pipes.
-# Usage: explain_decode_test.bash MOTORCTL DATA_DIRECTORY
+# Usage: explain_decode_test.bash MOTORCTL DATA_DIRECTORY DATA_SHEET
 set -euo pipefail
 motorctl=$(realpath "$1")
 data=$(realpath "$2")
+sheet=$(realpath "$3")
 directory=$(mktemp -d -p /dev/shm)  # named pipes can be made there in every guest of with-can
 trap 'rm -rf "$directory"' EXIT
 cd "$directory"
@@ -49,6 +50,18 @@ done
 "$motorctl" decode --make zl <"$data/zl.log" >out 2>err || fail 'decode of standard input'
 cmp out "$data/zl.txt" || fail 'decode of standard input'
 "$motorctl" decode - --make zl <"$data/zl.log" | cmp - "$data/zl.txt" || fail 'decode -'
+# Names and PDOs of a data sheet; a wrong one is refused before anything is read.
+printf '(1.0) can0 605#4010200000000000\n(1.0) can0 185#3700000001000000\n' >log
+expect 0 '' decode --eds "$sheet" log
+is_printed '(1.0) can0 605#4010200000000000                 SDO node 5: read 0x2010:00
+(1.0) can0 185#3700000001000000                 TPDO1 of node 5: Statusword = 0x0037 Operation enabled; voltage enabled | Error code = 0x0000 No error | Position actual internal value = 1'
+expect 0 '' explain 605#2BF02F09FEFF0000 --eds "$sheet"
+is_printed '605#2BF02F09FEFF0000: SDO node 5: write 0x2FF0:09 Commands: Velocity command = -2'
+sed 's/^SubNumber=5/SubNumber=6/' "$sheet" >wrong.eds
+expect 1 "motorctl: wrong.eds:$(grep -n -m 1 '^SubNumber=6' wrong.eds | cut -d : -f 1): [1018] SubNumber: 6, but there are 5 sections of it" --eds wrong.eds decode log
+is_printed ''
+expect 1 'motorctl: absent.eds: No such file or directory' decode --eds absent.eds log
+expect 125 'motorctl: absent.eds: No such file or directory' --eds absent.eds guard 1 -- true
 expect 1 'motorctl: absent: No such file or directory' decode absent
 expect 1 'motorctl: .: Is a directory' decode .
 printf 'x\n\n(1.0) can0 080#\ny\n' >log
