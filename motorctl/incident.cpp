@@ -155,19 +155,21 @@ void IncidentStore::RemoveUnfinished() const {
   }
 }
 
-// Of this interface only: others have limits of their own. The newest stays, whatever its size.
-void IncidentStore::KeepLimits() const {
+// Of this interface only: others have limits of their own. The newest stays, whatever its size; by
+// its name it may be an old one, when the clock was set.
+void IncidentStore::KeepLimits(const std::string& newest) const {
   std::vector<std::pair<fs::path, std::uintmax_t>> folders;
   std::uintmax_t total = 0;
   std::error_code ignored;
   for (const fs::directory_entry& entry : fs::directory_iterator(directory_, ignored)) {
     if (!IsNamed(entry.path().filename(), kPrefix, "-" + interface_)) continue;
-    folders.emplace_back(entry.path(), SizeOf(entry.path()));
-    total += folders.back().second;
+    const std::uintmax_t size = SizeOf(entry.path());
+    total += size;
+    if (entry.path() != newest) folders.emplace_back(entry.path(), size);
   }
   std::sort(folders.begin(), folders.end());
-  for (std::size_t i = 0; i + 1 < folders.size(); ++i) {
-    if (folders.size() - i <= limits_.count && total <= limits_.bytes) return;
+  for (std::size_t i = 0; i < folders.size(); ++i) {
+    if (folders.size() - i < limits_.count && total <= limits_.bytes) return;
     fs::remove_all(folders[i].first, ignored);
     total -= folders[i].second;
   }
@@ -226,7 +228,7 @@ std::string IncidentStore::Write(const Incident& incident, const FrameRing& fram
     fs::remove_all(unfinished, ignored);
     throw;
   }
-  KeepLimits();
+  KeepLimits(finished);
   return finished;
 }
 

@@ -44,7 +44,7 @@ class IncidentStore {
 
  private:
   void WriteSystem(const std::string& path, const Incident& incident) const;
-  void KeepLimits() const;
+  void KeepLimits(const std::string& newest) const;
 
   const std::string directory_;
   const std::string interface_;

@@ -177,18 +177,20 @@ void Recorder::Ask(const std::string& text) {
 
 void Recorder::Hear(const BusEvent& event) {
   const auto kept = Nanoseconds(plan_.seconds + plan_.after);
-  const std::int64_t oldest = event.nanoseconds - kept.count();
-  while (!events_.empty() && events_.front().nanoseconds < oldest) events_.pop_front();
-  if (events_.size() < kMostEvents) {
-    events_.push_back(event);
+  while (!events_.empty() && now_ - events_.front().first > kept) events_.pop_front();
+  // What does not stop is one incident: many would push each other, and the first, out.
+  bool begins = !gathering_ && event.triggers;
+  if (event.triggers) {
+    const auto [last, first] = last_.try_emplace({event.kind, event.node}, now_);
+    begins = begins && (first || now_ - last->second > Nanoseconds(plan_.seconds));
+    last->second = now_;
+  }
+  if (begins || events_.size() < kMostEvents) {
+    events_.emplace_back(now_, event);
   } else {
     ++unlisted_;
   }
-  // What does not stop is one incident: many would push each other, and the first, out.
-  const auto [last, first] = last_.try_emplace({event.kind, event.node}, now_);
-  const bool quiet = first || now_ - last->second > Nanoseconds(plan_.seconds);
-  last->second = now_;
-  if (!quiet || gathering_) return;
+  if (!begins) return;
   gathering_ = Gathering{event, now_ + Nanoseconds(plan_.after)};
   if (event.kind != "request") context_.Say(event.text);
 }
@@ -198,7 +200,7 @@ void Recorder::StartWriting() {
   tap_.TakeHeld([this](const BusFrame& frame) { Keep(frame); });
   Incident incident;
   incident.trigger = gathering_->trigger;
-  incident.events.assign(events_.begin(), events_.end());
+  for (const auto& [heard, event] : events_) incident.events.push_back(event);
   incident.first_frame =
       frames_.size() - static_cast<std::size_t>(std::min<std::uint64_t>(
                            frames_.size(), frames_.pushed() - marks_.front().second));
@@ -211,9 +213,9 @@ void Recorder::StartWriting() {
   gathering_.reset();
   unlisted_ = 0;
 
+  control_.Promise();
   int ends[2] = {};
   if (::pipe2(ends, O_CLOEXEC) != 0) return Report("!no pipe for the process that writes");
-  control_.Promise();
   const pid_t recorder = ::getpid();
   writer_ = ::fork();
   if (writer_ == 0) {

@@ -77,7 +77,7 @@ class Recorder {
   // is set.
   std::deque<std::pair<Clock::time_point, std::uint64_t>> marks_;
 
-  std::deque<BusEvent> events_;
+  std::deque<std::pair<Clock::time_point, BusEvent>> events_;  // and when they were heard
   std::size_t unlisted_ = 0;
   std::map<std::pair<std::string, int>, Clock::time_point> last_;
   std::optional<Gathering> gathering_;

@@ -25,6 +25,8 @@ constexpr std::uint8_t kResetCommunication = 0x82;
 constexpr unsigned kInitiateWrite = 1;
 constexpr unsigned kInitiateRead = 2;
 constexpr unsigned kAbort = 4;
+constexpr std::uint32_t kNoSuchObject = 0x06020000;
+constexpr std::uint32_t kNoSuchSubIndex = 0x06090011;
 constexpr std::uint16_t kHeartbeatTime = 0x1017;
 
 constexpr auto kSdoTimeout = std::chrono::milliseconds(500);
@@ -35,19 +37,20 @@ TriggerWatch::TriggerWatch(const motor_driver::Make* make,
                            std::function<void(const BusEvent&)> tell)
     : make_(make), tell_(std::move(tell)) {}
 
-void TriggerWatch::Tell(const char* kind, int node, const std::string& text,
-                        const BusFrame* frame) {
+void TriggerWatch::Tell(const char* kind, int node, const std::string& text, const BusFrame* frame,
+                        bool triggers) {
   BusEvent event;
   event.nanoseconds = frame != nullptr ? frame->nanoseconds : WallClockNanoseconds();
   event.kind = kind;
   event.node = node;
   event.text = text;
   if (frame != nullptr) event.frame = FrameText(Logged(*frame));
+  event.triggers = triggers;
   tell_(event);
 }
 
-void TriggerWatch::TellMeaning(const char* kind, int node, const BusFrame& frame) {
-  Tell(kind, node, DecodeFrame(Logged(frame), make_).text, &frame);
+void TriggerWatch::TellMeaning(const char* kind, int node, const BusFrame& frame, bool triggers) {
+  Tell(kind, node, DecodeFrame(Logged(frame), make_).text, &frame, triggers);
 }
 
 void TriggerWatch::Hear(const BusFrame& frame, Clock::time_point now) {
@@ -104,12 +107,18 @@ void TriggerWatch::HearSdo(Node& node, int id, const BusFrame& frame, Clock::tim
   const std::uint32_t object = LittleEndian(frame.data + 1, 3);
   node.heard = node.heard || !request;
   if (specifier == kAbort) {
-    node.requests.erase(object);
-    TellMeaning("sdo_abort", id, frame);
+    // To ask a drive whether it has an object is how a host finds out what it can do.
+    const auto asked = node.requests.find(object);
+    const std::uint32_t code = LittleEndian(frame.data + 4, 4);
+    const bool has_none = !request && asked != node.requests.end() && asked->second.reads &&
+                          (code == kNoSuchObject || code == kNoSuchSubIndex);
+    if (asked != node.requests.end()) node.requests.erase(asked);
+    TellMeaning("sdo_abort", id, frame, !has_none);
   } else if (!request) {
     node.requests.erase(object);
   } else if (specifier == kInitiateWrite || specifier == kInitiateRead) {
-    node.requests.try_emplace(object, now);  // one that is repeated has waited from the first on
+    // One that is repeated has waited from the first on.
+    node.requests.try_emplace(object, Request{now, specifier == kInitiateRead});
     // Another period may follow; it is learned again.
     if ((object & 0xFFFFU) == kHeartbeatTime && specifier == kInitiateWrite) {
       node.heartbeat.Forget();
@@ -120,7 +129,7 @@ void TriggerWatch::HearSdo(Node& node, int id, const BusFrame& frame, Clock::tim
 // A node that was never heard may not be there: a scan asks all of them.
 void TriggerWatch::TellTimeouts(Node& node, int id, Clock::time_point now) {
   for (auto request = node.requests.begin(); request != node.requests.end();) {
-    if (now - request->second <= kSdoTimeout) {
+    if (now - request->second.since <= kSdoTimeout) {
       ++request;
       continue;
     }

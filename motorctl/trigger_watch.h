@@ -18,7 +18,8 @@ struct BusEvent {
   std::string kind;              // names of events.jsonl; they stay
   int node = 0;                  // 0: none
   std::string text;
-  std::string frame;  // empty when it is not a frame's
+  std::string frame;     // empty when it is not a frame's
+  bool triggers = true;  // false: worth a line, but nothing is wrong
 };
 
 class TriggerWatch {
@@ -36,17 +37,22 @@ class TriggerWatch {
   void Forget() { nodes_.clear(); }
 
  private:
+  struct Request {
+    Clock::time_point since;
+    bool reads = false;
+  };
   struct Node {
     bool heard = false;
     bool operational = false;
     Rhythm heartbeat;
     // SDO requests that are not answered, by their objects: hosts ask for the next one before.
-    std::map<std::uint32_t, Clock::time_point> requests;
+    std::map<std::uint32_t, Request> requests;
     std::uint32_t errors[motor_driver::kMaxMotors] = {};
   };
 
-  void Tell(const char* kind, int node, const std::string& text, const BusFrame* frame);
-  void TellMeaning(const char* kind, int node, const BusFrame& frame);
+  void Tell(const char* kind, int node, const std::string& text, const BusFrame* frame,
+            bool triggers = true);
+  void TellMeaning(const char* kind, int node, const BusFrame& frame, bool triggers = true);
   void HearNmt(const BusFrame& frame);
   void HearHeartbeat(Node& node, int id, const BusFrame& frame, Clock::time_point now);
   void HearSdo(Node& node, int id, const BusFrame& frame, Clock::time_point now);

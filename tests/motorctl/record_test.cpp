@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <regex>
+#include <set>
 
 #include "record_bench.h"
 
@@ -105,6 +106,35 @@ TEST_F(RecordTest, AnswersToNowWithTheFolder) {
   const Result second = Motorctl(Recording());
   EXPECT_EQ(second.status, 1);
   EXPECT_TRUE(Contains(second.err, "can0 is recorded already")) << second.err;
+}
+
+TEST_F(RecordTest, ListsTheTriggerAmongMoreEventsThanItKeeps) {
+  Process recorder(Recording());
+  AwaitStart(recorder);
+  bus::Command("cangen can1 -g 0 -n 2100 -I 081 -L 8 -D 1023010000000000 -p 10");
+  ASSERT_TRUE(AwaitFolders(1));
+  ASSERT_EQ(Motorctl({"record", "--now"}).status, 0);
+  EXPECT_EQ(Trigger(Folders().back())["event"], "request");
+  EXPECT_EQ(Events(Folders().back()).size(), 2001U);
+}
+
+TEST_F(RecordTest, AnswersToNowWhenNothingCanBeWritten) {
+  Process recorder(Recording());
+  AwaitStart(recorder);
+  std::set<int> open;
+  const std::string descriptors = "/proc/" + std::to_string(recorder.pid()) + "/fd";
+  for (const auto& entry : std::filesystem::directory_iterator(descriptors)) {
+    open.insert(std::stoi(entry.path().filename()));
+  }
+  // One for the connection of the asker, none for a pipe.
+  int next = 0;
+  while (open.count(next) != 0) ++next;
+  const std::string limit = std::to_string(next + 1);
+  ASSERT_EQ(static_cast<int>(open.size()), next) << "there is a gap";
+  bus::Command("prlimit --pid " + std::to_string(recorder.pid()) + " --nofile=" + limit);
+  const Result now = Motorctl({"record", "--now"});
+  EXPECT_EQ(now.status, 1);
+  EXPECT_EQ(now.err, "motorctl: not recorded: no pipe for the process that writes\n");
 }
 
 TEST_F(RecordTest, WritesWhatItHasWhenItIsEnded) {

@@ -7,6 +7,23 @@
 
 namespace {
 
+class RecordMakesTest : public RecordTest, public ::testing::WithParamInterface<tested::Make> {};
+
+INSTANTIATE_TEST_SUITE_P(Makes, RecordMakesTest, ::testing::ValuesIn(tested::Makes()), MakeName);
+
+// Some makes do not have what their hosts ask for.
+TEST_P(RecordMakesTest, NothingIsWrongWhenADriveIsTurned) {
+  const std::string make = GetParam().name;
+  const sim::SimulatedDrive drive(Options(make));
+  Process recorder(Recording({"--make", make}));
+  AwaitStart(recorder);
+  ASSERT_EQ(Motorctl({"jog", "1", "--make", make, "--rpm", "30", "--seconds", "1", "--yes"}).status,
+            0);
+  recorder.Signal(SIGTERM);
+  EXPECT_EQ(recorder.Wait(), 0);
+  EXPECT_EQ(Folders().size(), 0U) << recorder.Err();
+}
+
 class RecordTriggersTest : public RecordTest {
  protected:
   RecordTriggersTest() : drive_(Options("zl")) {}
@@ -99,10 +116,26 @@ TEST_F(RecordTriggersTest, BootUpOfANodeThatWasOperational) {
 
 TEST_F(RecordTriggersTest, AbortOfAnSdoTransfer) {
   Start();
-  Motorctl({"sdo", "read", "1", "0x5FFF", "0"});
+  bus::Command("cansend can0 601#2FFF5F0001000000");
   const Json trigger = AwaitTrigger();
   EXPECT_EQ(trigger["event"], "sdo_abort");
   EXPECT_EQ(trigger["frame"], "581#80FF5F0000000206");
+}
+
+// A host asks a drive what it has.
+TEST_F(RecordTriggersTest, AReadOfAnObjectThatIsNotThereIsNothingWrong) {
+  Start();
+  Motorctl({"sdo", "read", "1", "0x5FFF", "0"});
+  Motorctl({"sdo", "read", "1", "0x1018", "9"});
+  std::this_thread::sleep_for(std::chrono::milliseconds(1000));
+  EXPECT_EQ(Folders().size(), 0U) << recorder_->Err();
+  recorder_->Signal(SIGUSR1);
+  EXPECT_EQ(AwaitTrigger()["event"], "request");
+  std::vector<std::string> aborts;
+  for (const Json& event : Events(Folders()[0])) {
+    if (event["event"] == "sdo_abort") aborts.push_back(event["frame"]);
+  }
+  EXPECT_EQ(aborts, (std::vector<std::string>{"581#80FF5F0000000206", "581#8018100911000906"}));
 }
 
 TEST_F(RecordTriggersTest, SdoTransferWithoutAnAnswer) {

@@ -1,0 +1,68 @@
+// The recorder while somebody sets the clock of the machine.
+#include <gtest/gtest.h>
+#include <time.h>
+
+#include "record_bench.h"
+
+namespace {
+
+constexpr time_t kHour = 3600;
+
+time_t SecondOf(clockid_t clock) {
+  timespec now = {};
+  ::clock_gettime(clock, &now);
+  return now.tv_sec;
+}
+
+// In a kernel of its own (tools/with-can); it gets its time back.
+class RecordClockTest : public RecordTest {
+ protected:
+  ~RecordClockTest() override { Set(start_ + SecondOf(CLOCK_BOOTTIME)); }
+
+  static void SetBy(time_t seconds) { Set(SecondOf(CLOCK_REALTIME) + seconds); }
+
+ private:
+  static void Set(time_t second) {
+    const timespec time = {second, 0};
+    ASSERT_EQ(::clock_settime(CLOCK_REALTIME, &time), 0)
+        << "the clock of this kernel is not to be set: tools/with-can --kernel uml";
+  }
+
+  const time_t start_ = SecondOf(CLOCK_REALTIME) - SecondOf(CLOCK_BOOTTIME);
+};
+
+TEST_F(RecordClockTest, GoesOnWhenItIsSetForward) {
+  Process recorder(Recording({}, "3"));
+  AwaitStart(recorder);
+  bus::Command("cansend can1 123#01; cansend can1 081#1023010000000000");
+  ASSERT_TRUE(Eventually([&] { return Contains(recorder.Err(), "emergency"); }));
+  SetBy(24 * kHour);
+  bus::Command("cansend can1 082#1023010000000000; cansend can1 123#02");
+  ASSERT_TRUE(AwaitFolders(1));
+  EXPECT_EQ(Trigger(Folders()[0])["frame"], "081#1023010000000000");
+  EXPECT_EQ(Events(Folders()[0]).size(), 2U);
+  const std::string log = Text(Folders()[0] + "/bus.log");
+  EXPECT_EQ(std::count(log.begin(), log.end(), 'R'), 4) << log;
+}
+
+TEST_F(RecordClockTest, GoesOnWhenItIsSetBack) {
+  Process recorder(Recording({"--keep", "1"}));
+  AwaitStart(recorder);
+  bus::Command("cansend can1 123#01");
+  ASSERT_EQ(Motorctl({"record", "--now"}).status, 0);
+  SetBy(-kHour);
+  bus::Command("cansend can1 123#02; cansend can1 081#1023010000000000");
+  ASSERT_TRUE(Eventually([&] { return Contains(recorder.Err(), "emergency"); }));
+  const Result now = Motorctl({"record", "--now"});
+  ASSERT_EQ(now.status, 0) << now.err;
+  // Its name is the older one; it stays.
+  ASSERT_EQ(Folders().size(), 1U);
+  EXPECT_EQ(Folders()[0] + "\n", now.out);
+  const std::string log = Text(Folders()[0] + "/bus.log");
+  EXPECT_TRUE(Contains(log, "123#01 R")) << log;
+  EXPECT_TRUE(Contains(log, "123#02 R")) << log;
+  EXPECT_EQ(Events(Folders()[0]).size(), 3U);
+  EXPECT_EQ(Motorctl({"decode", Folders()[0] + "/bus.log"}).status, 0);
+}
+
+}  // namespace
