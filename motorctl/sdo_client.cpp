@@ -10,68 +10,22 @@
 #include <thread>
 
 #include "context.h"
+#include "sdo_frames.h"
 
 namespace motorctl {
 namespace {
 
 using std::chrono::milliseconds;
+using namespace sdo;  // NOLINT(google-build-using-namespace): the protocol that this is
 
 constexpr canid_t kRequest = 0x600;
 constexpr canid_t kResponse = 0x580;
 constexpr canid_t kFunction = 0x780;
 constexpr canid_t kNode = 0x07F;
 
-// Command specifiers, the upper three bits of the first byte.
-constexpr unsigned kUploadSegment = 0;  // responses
-constexpr unsigned kDownloadSegment = 1;
-constexpr unsigned kUpload = 2;
-constexpr unsigned kDownload = 3;
-constexpr unsigned kAbort = 4;
-
-constexpr std::uint8_t kExpedited = 0x02;
-constexpr std::uint8_t kSizeTold = 0x01;
-constexpr std::uint8_t kToggle = 0x10;
-constexpr std::uint8_t kLast = 0x01;
-constexpr std::size_t kExpeditedSize = 4;
-constexpr std::size_t kSegmentSize = 7;
-
-constexpr std::uint32_t kToggleNotAlternated = 0x05030000;
-constexpr std::uint32_t kTimedOut = 0x05040000;
-constexpr std::uint32_t kCommandUnknown = 0x05040001;
-constexpr std::uint32_t kOutOfMemory = 0x05040005;
-constexpr std::uint32_t kLengthMismatch = 0x06070010;
-
 // No object of a drive is nearly as long: a node that goes on and on has gone wrong.
 constexpr std::size_t kLongest = std::size_t{1} << 20;
 constexpr milliseconds kShortestLateness{100};
-
-unsigned Specifier(const std::array<std::uint8_t, 8>& frame) { return frame[0] >> 5U; }
-
-std::uint32_t Number(const std::uint8_t* bytes, std::size_t count) {
-  std::uint32_t number = 0;
-  for (std::size_t i = count; i > 0; --i) number = number << 8U | bytes[i - 1];
-  return number;
-}
-
-std::array<std::uint8_t, 8> Request(unsigned command, const SdoObject& object,
-                                    std::uint32_t value = 0) {
-  return {static_cast<std::uint8_t>(command),
-          static_cast<std::uint8_t>(object.index),
-          static_cast<std::uint8_t>(object.index >> 8U),
-          object.sub_index,
-          static_cast<std::uint8_t>(value),
-          static_cast<std::uint8_t>(value >> 8U),
-          static_cast<std::uint8_t>(value >> 16U),
-          static_cast<std::uint8_t>(value >> 24U)};
-}
-
-SdoObject ObjectOf(int node, const std::array<std::uint8_t, 8>& frame) {
-  return {node, static_cast<std::uint16_t>(Number(&frame[1], 2)), frame[3]};
-}
-
-bool Same(const SdoObject& one, const SdoObject& other) {
-  return one.index == other.index && one.sub_index == other.sub_index;
-}
 
 [[noreturn]] void Throw(const std::string& interface, const std::error_code& error) {
   switch (error.value()) {

@@ -3,7 +3,6 @@
 
 #include <linux/can.h>
 
-#include <array>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -13,16 +12,11 @@
 #include <vector>
 
 #include "raw_socket.h"
+#include "sdo_frames.h"
 
 namespace motorctl {
 
 using Bytes = std::vector<std::uint8_t>;
-
-struct SdoObject {
-  int node = 0;
-  std::uint16_t index = 0;
-  std::uint8_t sub_index = 0;
-};
 
 struct SdoAnswer {
   enum class Kind {
@@ -87,7 +81,7 @@ class SdoClient {
 
  private:
   using Clock = std::chrono::steady_clock;
-  using Frame = std::array<std::uint8_t, 8>;
+  using Frame = SdoFrame;
   enum class Verdict {
     kAnswer,
     kAbort,
