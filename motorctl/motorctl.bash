@@ -70,7 +70,7 @@ _motorctl() {
       elif ((position == 4)); then
         words='u8 i8 u16 i16 u32 i32 hex str'
       fi
-      [[ $nested != write ]] || options+=' --yes'
+      [[ $nested != write ]] || options+=' --yes --force'
       ;;
     decode) files=true ;;
     vehicle) if ((position == 0)); then words='check'; else files=true; fi ;;

@@ -4,6 +4,7 @@
 #include <optional>
 
 #include "data_sheet.h"
+#include "sheet_values.h"
 #include "words.h"
 
 namespace motorctl {
@@ -193,28 +194,6 @@ std::string HalvesText(std::uint32_t raw, unsigned bytes, const Make* make, Text
   return "low word: " + low + "; high word: " + text(static_cast<std::uint16_t>(raw >> 16));
 }
 
-// By the type that a data sheet tells: where it says more than the number, and nothing is known of
-// its meaning.
-std::optional<Value> DescribedValue(std::uint16_t index, std::uint8_t sub, std::uint32_t raw,
-                                    unsigned bytes, const std::optional<KnownObject>& known) {
-  const EdsObject* const described = FindInDataSheet(index, sub);
-  if (described == nullptr) return std::nullopt;
-  const DataType type = described->type;
-  const bool has_meaning = known && known->format != Format::kUnsigned &&
-                           known->format != Format::kSigned && known->format != Format::kHex;
-  if (has_meaning || (SizeOf(type) != 0 && SizeOf(type) != bytes)) return std::nullopt;
-  Bytes value(bytes);
-  for (unsigned i = 0; i < bytes; ++i) value[i] = static_cast<std::uint8_t>(raw >> (8 * i));
-  if (IsInteger(type)) {
-    const std::int64_t number = IntegerOf(type, value);
-    // Whether hexadecimal digits suit an unsigned number better is not told.
-    if (!IsSigned(type) && (!known || known->format == Format::kHex)) return std::nullopt;
-    return Value{number, std::to_string(number)};
-  }
-  const std::string text = ValueText(type, value);
-  return Value{raw, type == DataType::kVisibleString ? '"' + text + '"' : text};
-}
-
 }  // namespace
 
 std::string ObjectName(std::uint16_t index, std::uint8_t sub, const Make* make) {
@@ -299,7 +278,8 @@ bool IsText(std::uint16_t index, std::uint8_t sub, const Make* make) {
 Value ObjectValue(std::uint16_t index, std::uint8_t sub, std::uint32_t raw, unsigned bytes,
                   const Make* make) {
   const auto object = FindObject(index, sub, make);
-  if (const auto value = DescribedValue(index, sub, raw, bytes, object)) return *value;
+  const auto known = object ? std::make_optional(object->format) : std::nullopt;
+  if (const auto value = DescribedValue(index, sub, raw, bytes, known)) return *value;
   if (object) return FormatValue(object->format, raw, bytes, make);
   return {raw, Hex(raw, static_cast<int>(2 * bytes)) + " (" + std::to_string(raw) + ")"};
 }

@@ -2,12 +2,16 @@
 #include <CLI/CLI.hpp>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
+#include <utility>
 
 #include "context.h"
+#include "data_sheet.h"
 #include "sdo_client.h"
 #include "sdo_value.h"
 #include "sdo_words.h"
+#include "sheet_values.h"
 #include "words.h"
 
 namespace motorctl {
@@ -20,8 +24,9 @@ struct Options {
   std::string index;
   std::string sub;
   std::string type;
-  std::string value;
+  std::optional<std::string> value;
   bool yes = false;
+  bool force = false;
 };
 
 // Objects that turn a wheel, or let it turn: target velocities, torque and position, controlword
@@ -44,6 +49,47 @@ std::uint16_t Index(const Options& options) {
 
 std::uint8_t Sub(const Options& options) {
   return static_cast<std::uint8_t>(ParseNumber(options.sub, "SUB", 0, 0xFF));
+}
+
+const EdsObject* Described(const Options& options) {
+  return FindInDataSheet(Index(options), Sub(options));
+}
+
+// A value as the word TYPE says, or else the data sheet.
+struct Coding {
+  std::string name;
+  std::optional<DataType> described;
+
+  unsigned size() const { return described ? SizeOf(*described) : SizeOfType(name); }
+
+  Bytes Encode(const std::string& text) const {
+    if (!described) return EncodeValue(name, text);
+    try {
+      return ParseValue(*described, text);
+    } catch (const ValueError& error) {
+      throw CLI::ValidationError("VALUE", error.what());
+    }
+  }
+
+  DecodedValue Decode(const Bytes& bytes) const {
+    if (!described) return DecodeValue(name, bytes);
+    return {ValueJson(*described, bytes), ValueText(*described, bytes)};
+  }
+};
+
+// `otherwise`: the word where nothing else tells.
+Coding CodingOf(const Options& options, const char* otherwise) {
+  const EdsObject* const object = Described(options);
+  if (!options.type.empty() || object == nullptr) {
+    return {options.type.empty() ? otherwise : options.type, std::nullopt};
+  }
+  return {TypeName(object->type), object->type};
+}
+
+void CheckType(const std::string& name) {
+  if (!IsValueType(name)) {
+    throw CLI::ValidationError("TYPE", std::string("one of ") + kValueTypes);
+  }
 }
 
 [[noreturn]] void Fail(const Options& options, const std::string& reason) {
@@ -71,34 +117,59 @@ int Read(const Context& context, const Options& options) {
   SdoClient client(context.vehicle.interface, context.SdoTimeout());
   const SdoAnswer answer = client.Upload(options.node, Index(options), Sub(options));
   const bool is_text = IsText(Index(options), Sub(options), context.make);
-  const std::string type = !options.type.empty() ? options.type : is_text ? "str" : "hex";
+  const Coding coding = CodingOf(options, is_text ? "str" : "hex");
+  const unsigned size = coding.size();
   std::string failure = Explanation(answer);
   DecodedValue value;
   try {
-    if (answer.ok()) value = DecodeValue(type, answer.bytes);
+    Bytes bytes = answer.bytes;
+    if (!answer.size_told && size != 0 && size < bytes.size()) bytes.resize(size);
+    if (answer.ok()) value = coding.Decode(bytes);
   } catch (const CommandFailed& error) {
     failure = error.what();
   }
   if (context.json) {
     Json line = Describe("sdo read", options, answer, failure);
-    line["type"] = type;
+    line["type"] = coding.name;
     line["size"] = answer.ok() && answer.size_told ? Json(answer.bytes.size()) : Json(nullptr);
     line["value"] = value.json;
     context.Line(line.dump());
     if (failure.empty()) return kSuccess;
   }
   if (!failure.empty()) Fail(options, failure);
-  const unsigned size = SizeOfType(type);
   if (size != 0 && answer.size_told && size != answer.bytes.size()) {
-    context.Say("the node answers with " + std::to_string(answer.bytes.size()) + " bytes, " + type +
-                " has " + std::to_string(size));
+    context.Say("the node answers with " + std::to_string(answer.bytes.size()) + " bytes, " +
+                coding.name + " has " + std::to_string(size));
   }
   context.Line(value.text);
   return kSuccess;
 }
 
+// The one word behind the object is its value where the data sheet tells its type.
+void SortWords(Options& options) {
+  if (options.value) {
+    CheckType(options.type);
+  } else if (Described(options) != nullptr) {
+    options.value = std::exchange(options.type, "");
+  } else {
+    throw CLI::RequiredError("VALUE");
+  }
+}
+
+// The bytes to write. Throws CLI::ValidationError where the data sheet is against it.
+Bytes EncodeChecked(const Context& context, const Options& options) {
+  Bytes bytes = CodingOf(options, "").Encode(*options.value);
+  const EdsObject* const object = Described(options);
+  if (object == nullptr || options.force) return bytes;
+  const std::string against =
+      AgainstWriting(*object, bytes, options.node, context.data_sheet->file);
+  if (against.empty()) return bytes;
+  throw CLI::ValidationError(NameObject(Index(options), Sub(options)),
+                             against + "; --force writes it all the same");
+}
+
 int Write(const Context& context, const Options& options) {
-  const Bytes bytes = EncodeValue(options.type, options.value);
+  const Bytes bytes = EncodeChecked(context, options);
   if (Moves(Index(options))) {
     const ExitStatus answer = context.Ask(
         options.yes, NameObject(Index(options), Sub(options)) + " can turn the wheels of node " +
@@ -113,9 +184,10 @@ int Write(const Context& context, const Options& options) {
   const std::string failure = WriteExplanation(answer);
   if (context.json) {
     Json line = Describe("sdo write", options, answer, failure);
-    line["type"] = options.type;
+    const Coding coding = CodingOf(options, "");
+    line["type"] = coding.name;
     line["size"] = bytes.size();
-    line["value"] = DecodeValue(options.type, bytes).json;
+    line["value"] = coding.Decode(bytes).json;
     context.Line(line.dump());
     if (answer.ok()) return kSuccess;
   }
@@ -130,13 +202,6 @@ void AddObjectOptions(CLI::App& command, Options& options) {
   command.add_option("SUB", options.sub, "0 to 0xFF")->required();
 }
 
-CLI::Option* AddType(CLI::App& command, Options& options, const std::string& standard) {
-  return command.add_option("TYPE", options.type, kValueTypes + standard)
-      ->check([](const std::string& name) {
-        return IsValueType(name) ? std::string() : std::string("one of ") + kValueTypes;
-      });
-}
-
 }  // namespace
 
 void AddSdo(CLI::App& app, Context& context) {
@@ -147,28 +212,37 @@ void AddSdo(CLI::App& app, Context& context) {
   const auto read_options = std::make_shared<Options>();
   CLI::App* const read = sdo->add_subcommand("read", "print the value of an object");
   AddObjectOptions(*read, *read_options);
-  AddType(*read, *read_options, " (hex; str of a text that is known)");
+  read->add_option("TYPE", read_options->type,
+                   std::string(kValueTypes) +
+                       " (that of --eds; or else str of a text that is "
+                       "known, and hex)");
   read->callback([&context, options = read_options] {
     Index(*options);
     Sub(*options);
+    if (!options->type.empty()) CheckType(options->type);
     context.run = [&context, options] { return Read(context, *options); };
   });
 
   const auto write_options = std::make_shared<Options>();
   CLI::App* const write = sdo->add_subcommand("write", "write a value, and wait until it is taken");
   AddObjectOptions(*write, *write_options);
-  AddType(*write, *write_options, "")->required();
   write
-      ->add_option("VALUE", write_options->value,
-                   "decimal, or hexadecimal with 0x; hex: two digits for each byte; str: as it is")
+      ->add_option("TYPE", write_options->type,
+                   std::string(kValueTypes) + "; to be left out where --eds tells it")
       ->required();
+  write->add_option(
+      "VALUE", write_options->value,
+      "decimal, or hexadecimal with 0x; hex: two digits for each byte; str: as it is");
   write->add_flag("--yes", write_options->yes,
                   "do not ask before objects that turn wheels; needed where standard input is no "
                   "terminal");
+  write->add_flag("--force", write_options->force,
+                  "also what the data sheet calls read-only or out of limits");
   write->callback([&context, options = write_options] {
     Index(*options);
     Sub(*options);
-    EncodeValue(options->type, options->value);
+    SortWords(*options);
+    EncodeChecked(context, *options);
     context.run = [&context, options] { return Write(context, *options); };
   });
 }

@@ -46,6 +46,8 @@ expect 'read write' --interface can0 sdo ''
 expect '' sdo read ''
 expect 'check' vehicle ''
 expect '--yes' sdo write 1 0x60FF 0 i32 5 --y
+expect '--force' sdo write 1 0x60FF 0 i32 5 --f
+expect '' sdo read 1 0x60FF 0 --f
 expect '' sdo read 1 0x60FF 0 --y
 expect 'i16 i32 i8' sdo write 1 0x6040 0 i
 expect 'str' sdo read 1 0x1008 0 s
