@@ -20,6 +20,7 @@
 #include "listener.h"
 #include "node_states.h"
 #include "sdo_client.h"
+#include "sheet_pdos.h"
 #include "signals.h"
 #include "terminal.h"
 #include "words.h"
@@ -60,6 +61,7 @@ class Monitor {
   Listener listener_;
   std::optional<int> bitrate_;
   NodeStates states_;
+  SheetPdos pdos_;
   std::size_t drawn_lines_ = 0;
 };
 
@@ -80,7 +82,8 @@ Monitor::Monitor(const Context& context, const Options& options)
       options_(options),
       client_(context.vehicle.interface, context.SdoTimeout()),
       listener_(context.vehicle.interface),
-      states_(MakeOfPdos(context), CountsPerTurn(context), options.nodes) {
+      states_(MakeOfPdos(context), CountsPerTurn(context), options.nodes),
+      pdos_(options.nodes) {
   const std::string config = options.config.empty() ? context.vehicle.texts : options.config;
   if (!config.empty()) {
     // Its texts only: its loop would lead drives out of an emergency stop.
@@ -103,7 +106,11 @@ int Monitor::Run() {
   auto shown = start;
   HeardFrame heard;
   for (;;) {
-    if (listener_.Hear(heard, std::chrono::milliseconds(50))) states_.Hear(heard);
+    if (listener_.Hear(heard, std::chrono::milliseconds(50))) {
+      states_.Hear(heard);
+      // Those of a make are told as states and speeds.
+      if (MakeOfPdos(context_) == nullptr) pdos_.Hear(heard);
+    }
     const auto now = Clock::now();
     const bool over = limit > 0 && now - start >= std::chrono::duration<double>(limit);
     const bool ended = signals.Arrived() || over;
@@ -156,6 +163,7 @@ void Monitor::Show(double seconds) {
     for (const auto& [id, node] : states_.nodes()) {
       for (const std::string& row : Rows(id, node)) lines.push_back(row);
     }
+    for (const auto& [place, pdo] : pdos_.heard()) lines.push_back(pdo.text);
     std::string picture;
     if (context_.live() && drawn_lines_ > 0) {
       picture = "\x1b[" + std::to_string(drawn_lines_) + "A";
@@ -235,6 +243,11 @@ void Monitor::ShowJson(const Traffic& traffic, double seconds) const {
              : Json(nullptr)},
         {"motors",
          motors}}.dump());
+  }
+  for (const auto& [place, pdo] : pdos_.heard()) {
+    Json line = {{"command", "monitor"}, {"event", "pdo"}};
+    line.update(pdo.fields.Json());
+    context_.Line(line.dump());
   }
 }
 

@@ -118,6 +118,36 @@ TEST_F(EdsCommandsTest, InfoHasItsNamesAndTypes) {
   EXPECT_TRUE(Contains(text.out, "0x6041:00  Statuswords                      0x02")) << text.out;
 }
 
+TEST_F(EdsCommandsTest, MonitorShowsThePdosThatTheSheetMaps) {
+  const Arguments monitor = {"monitor", "--seconds", "2.5", "--eds",
+                             std::string(DATA_SHEETS) + "/amps.eds"};
+  const auto heard = [&monitor](const Arguments& more) {
+    Arguments all = monitor;
+    all.insert(all.end(), more.begin(), more.end());
+    Process process(all);
+    EXPECT_TRUE(Eventually([&process] {
+      bus::Command("cansend can1 185#3700000001000000");
+      bus::Command("cansend can1 186#3700000002000000");
+      return !process.Out().empty();
+    }));
+    process.Wait();
+    return process.Out();
+  };
+  const std::string text = heard({});
+  EXPECT_TRUE(Contains(text,
+                       "\nTPDO1 of node 5: Statusword = 0x0037 Operation enabled; voltage "
+                       "enabled | Error code = 0x0000 No error | Position actual internal "
+                       "value = 1\nTPDO1 of node 6: "))
+      << text;
+  const std::string one = heard({"6", "--json"});
+  EXPECT_TRUE(Contains(one, R"({"command":"monitor","event":"pdo","node":6,"pdo":"TPDO1",)"
+                            R"("values":{"Statusword":55,"Error_code":0,)"
+                            R"("Position_actual_internal_value":2}})"))
+      << one;
+  EXPECT_FALSE(Contains(one, R"("node":5)")) << one;
+  EXPECT_FALSE(Contains(heard({"--make", "amps"}), "TPDO1 of node 5")) << "told as states";
+}
+
 TEST_F(EdsCommandsTest, AWrongSheetIsRefusedBeforeAnythingIsSent) {
   const std::string file = ::testing::TempDir() + "/wrong.eds";
   std::ofstream(file) << "[FileInfo]\na=1\na=2\n";
