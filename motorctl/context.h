@@ -48,8 +48,8 @@ struct Context {
   // Of --vehicle, with what the command line says besides in its place. Without --vehicle it has no
   // wheels.
   Vehicle vehicle;
-  std::string vehicle_file;    // of --vehicle; empty without it
-  const Make* make = nullptr;  // of the vehicle; nullptr when it was not told
+  std::string vehicle_file;       // of --vehicle; empty without it
+  const Make* make = nullptr;     // of the vehicle; nullptr when it was not told
   std::optional<Eds> data_sheet;  // of --eds; in use where objects are named
   bool json = false;
   bool verbose = false;
