@@ -30,6 +30,8 @@ constexpr std::uint32_t kNoSuchSubIndex = 0x06090011;
 constexpr std::uint16_t kHeartbeatTime = 0x1017;
 
 constexpr auto kSdoTimeout = std::chrono::milliseconds(500);
+// One that comes later was not asked for.
+constexpr auto kLongestBoot = std::chrono::seconds(10);
 
 }  // namespace
 
@@ -59,7 +61,7 @@ void TriggerWatch::Hear(const BusFrame& frame, Clock::time_point now) {
     return;
   }
   if ((frame.id & (CAN_EFF_FLAG | CAN_RTR_FLAG)) != 0) return;
-  if (frame.id == kNmt) return HearNmt(frame);
+  if (frame.id == kNmt) return HearNmt(frame, now);
   const int id = static_cast<int>(frame.id & kNodeMask);
   const std::uint32_t function = frame.id & kFunctionMask;
   if (id == 0) return;
@@ -77,14 +79,16 @@ void TriggerWatch::Hear(const BusFrame& frame, Clock::time_point now) {
   }
 }
 
-// What a host resets boots, and is silent until then.
-void TriggerWatch::HearNmt(const BusFrame& frame) {
+// What a host resets boots; what it had sent before, a heartbeat too, may still come.
+void TriggerWatch::HearNmt(const BusFrame& frame, Clock::time_point now) {
   if (frame.length != 2) return;
   const int addressed = frame.data[1];
+  if (addressed > 0 && addressed <= static_cast<int>(kNodeMask)) nodes_[addressed];
   for (auto& [id, node] : nodes_) {
     if (addressed != 0 && addressed != id) continue;
     if (frame.data[0] != kResetNode && frame.data[0] != kResetCommunication) continue;
     node = Node();
+    node.reset = now;
   }
 }
 
@@ -92,9 +96,10 @@ void TriggerWatch::HearHeartbeat(Node& node, int id, const BusFrame& frame, Cloc
   const bool was_operational = std::exchange(node.operational, frame.data[0] == kOperational);
   node.heard = true;
   if (frame.data[0] == 0) {
+    const bool expected = node.reset && now - *node.reset <= kLongestBoot;
     node = Node();
     node.heard = true;
-    if (was_operational) TellMeaning("boot_up", id, frame);
+    if (was_operational && !expected) TellMeaning("boot_up", id, frame);
     return;
   }
   node.heartbeat.Hear(now.time_since_epoch());
@@ -113,7 +118,8 @@ void TriggerWatch::HearSdo(Node& node, int id, const BusFrame& frame, Clock::tim
     const bool has_none = !request && asked != node.requests.end() && asked->second.reads &&
                           (code == kNoSuchObject || code == kNoSuchSubIndex);
     if (asked != node.requests.end()) node.requests.erase(asked);
-    TellMeaning("sdo_abort", id, frame, !has_none);
+    // A host gives up a node that was never heard: a scan asks all of them.
+    TellMeaning("sdo_abort", id, frame, node.heard && !has_none);
   } else if (!request) {
     node.requests.erase(object);
   } else if (specifier == kInitiateWrite || specifier == kInitiateRead) {
@@ -126,7 +132,7 @@ void TriggerWatch::HearSdo(Node& node, int id, const BusFrame& frame, Clock::tim
   }
 }
 
-// A node that was never heard may not be there: a scan asks all of them.
+// A node that was never heard may not be there.
 void TriggerWatch::TellTimeouts(Node& node, int id, Clock::time_point now) {
   for (auto request = node.requests.begin(); request != node.requests.end();) {
     if (now - request->second.since <= kSdoTimeout) {

@@ -44,6 +44,7 @@ class TriggerWatch {
   struct Node {
     bool heard = false;
     bool operational = false;
+    std::optional<Clock::time_point> reset;  // by a host, and not booted since
     Rhythm heartbeat;
     // SDO requests that are not answered, by their objects: hosts ask for the next one before.
     std::map<std::uint32_t, Request> requests;
@@ -53,7 +54,7 @@ class TriggerWatch {
   void Tell(const char* kind, int node, const std::string& text, const BusFrame* frame,
             bool triggers = true);
   void TellMeaning(const char* kind, int node, const BusFrame& frame, bool triggers = true);
-  void HearNmt(const BusFrame& frame);
+  void HearNmt(const BusFrame& frame, Clock::time_point now);
   void HearHeartbeat(Node& node, int id, const BusFrame& frame, Clock::time_point now);
   void HearSdo(Node& node, int id, const BusFrame& frame, Clock::time_point now);
   void TellTimeouts(Node& node, int id, Clock::time_point now);

@@ -47,9 +47,10 @@ TEST_F(BesideTest, DoctorNamesEmergenciesOnceWhileItListens) {
 
 TEST_F(BesideTest, BringUpNamesEmergencies) {
   sim::SimulatedDrive drive(Options("zl"));
+  bus::FarEnd node("can1");
   Process bring_up({"bring-up", "1", "--make", "zl"});
   ASSERT_TRUE(Eventually([&] { return Contains(bring_up.Err(), "node 1: reset"); }));
-  bus::Command("cansend can1 081#1023030000000000");
+  node.Send("081#1023030000000000");
   bring_up.Wait();
   EXPECT_EQ(Count(bring_up.Err(), kEmergency), 1U) << bring_up.Err();
 }
@@ -66,11 +67,11 @@ TEST_F(BesideTest, JogNamesTheEmergencyThatEndsIt) {
 TEST_F(BesideTest, SdoAndMonitorNameEmergencies) {
   sim::SimulatedDrive drive(Options("zl", 100));
   drive.Inject("ignore-object=0x1017");
-  Process read({"sdo", "read", "1", "0x1017", "0", "--timeout", "1000"});
-  Process monitor({"monitor", "--seconds", "3"});
-  Process scan({"scan", "--from", "3", "--to", "30"});
-  Process info({"info", "9", "--timeout", "1000"});
-  std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+  Process read({"sdo", "read", "1", "0x1017", "0", "--timeout", "2500"});
+  Process monitor({"monitor", "--seconds", "6"});
+  Process scan({"scan", "--from", "3", "--to", "60"});
+  Process info({"info", "9", "--timeout", "2500"});
+  std::this_thread::sleep_for(std::chrono::milliseconds(2500));
   drive.LatchError(0x2310);
   for (Process* process : {&read, &monitor, &scan, &info}) {
     process->Wait();

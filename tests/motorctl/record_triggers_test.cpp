@@ -62,6 +62,19 @@ TEST_F(RecordTriggersTest, NothingIsWrongInAWholeLifeOfAVehicle) {
   EXPECT_EQ(Folders().size(), 0U) << recorder_->Err();
 }
 
+// What a node had sent before it was reset comes after the command; a node that was never heard is
+// given up by whoever asked it.
+TEST_F(RecordTriggersTest, ABootUpThatWasAskedForAndASearchAreNone) {
+  Start();
+  bus::Command(
+      "cansend can0 000#8102; cansend can1 702#05; cansend can1 702#00; "
+      "cansend can0 603#4000100000000000; cansend can0 603#8000100000000405");
+  std::this_thread::sleep_for(std::chrono::milliseconds(500));
+  EXPECT_EQ(Folders().size(), 0U) << recorder_->Err();
+  bus::Command("cansend can1 702#05; cansend can1 702#00");
+  EXPECT_EQ(AwaitTrigger()["event"], "boot_up");
+}
+
 TEST_F(RecordTriggersTest, ErrorOfADrive) {
   Start();
   drive_.LatchError(0x2310);

@@ -3,6 +3,7 @@
 
 #include "bus_environment.h"
 #include "context.h"
+#include "eventually.h"
 #include "sdo_script.h"
 #include "sdo_words.h"
 
@@ -164,12 +165,13 @@ TEST_F(SdoClientTest, NamesTheAbortOfAnotherTransfer) {
 
 TEST_F(SdoClientTest, IsNotDisturbedByWhatCameBefore) {
   bus::FarEnd node("can1");
+  bus::FarEnd arrived("can0");
   SdoClient client("can0", milliseconds(2000));
   for (const char* stale : {"581#4F00200161000000", "581#8000200100000008", "581#6000200100000000",
                             "582#4F00200161000000", "581#0061626364656667"}) {
     node.Send(stale);
   }
-  node.Frames();  // they have arrived
+  ASSERT_TRUE(support::Eventually([&] { return arrived.Frames().size() == 5; }));
   node.Expect("601#" + kAsk).Reply("582#4F00200163000000").Reply("581#4F00200162000000");
   EXPECT_EQ(client.Upload(1, 0x2000, 1).number(), 0x62U);
 }
