@@ -51,6 +51,9 @@ struct Context {
   std::string vehicle_file;       // of --vehicle; empty without it
   const Make* make = nullptr;     // of the vehicle; nullptr when it was not told
   std::optional<Eds> data_sheet;  // of --eds; in use where objects are named
+  // As the command line has them; empty or false where it has none.
+  std::string named_interface;
+  bool named_counts = false;
   bool json = false;
   bool verbose = false;
   std::optional<int> timeout_ms;             // of --timeout
@@ -122,6 +125,7 @@ void AddStop(CLI::App& app, Context& context);
 void AddGuard(CLI::App& app, Context& context);
 void AddMonitor(CLI::App& app, Context& context);
 void AddRecord(CLI::App& app, Context& context);
+void AddReport(CLI::App& app, Context& context);
 void AddExplain(CLI::App& app, Context& context);
 void AddDecode(CLI::App& app, Context& context);
 void AddVehicle(CLI::App& app, Context& context);

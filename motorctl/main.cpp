@@ -42,6 +42,8 @@ void TakeVehicle(const Named& named, Context& context) {
   context.vehicle_file = named.vehicle;
   if (!named.vehicle.empty()) context.vehicle = motor_driver::LoadVehicle(named.vehicle);
   if (named.interface) context.vehicle.interface = *named.interface;
+  context.named_interface = named.interface.value_or("");
+  context.named_counts = named.counts_per_revolution.has_value();
   if (named.make) context.vehicle.make = *named.make;
   if (named.counts_per_revolution) {
     context.vehicle.counts_per_revolution = *named.counts_per_revolution;
@@ -141,6 +143,7 @@ int Run(int argc, char** argv) {
   AddGuard(app, context);
   AddMonitor(app, context);
   AddRecord(app, context);
+  AddReport(app, context);
   AddExplain(app, context);
   AddDecode(app, context);
   AddVehicle(app, context);

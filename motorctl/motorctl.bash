@@ -4,7 +4,7 @@ _motorctl_takes_value() {
   case $1 in
     --vehicle | --interface | --make | --counts-per-revolution | --eds | --from | --to | --period | --rpm | --rpm2 | \
       --seconds | --limit | --fresh-ms | --ramp | --csv | --svg | --config | --directory | --after | --memory-mb | \
-      --keep | --limit-mb | --timeout) return 0 ;;
+      --keep | --limit-mb | --timeout | --html | --bit-rate) return 0 ;;
   esac
   return 1
 }
@@ -53,7 +53,7 @@ _motorctl() {
   case $command in
     '')
       options+=' --version'
-      words='doctor scan info sdo bring-up jog stop guard monitor record explain decode vehicle'
+      words='doctor scan info sdo bring-up jog stop guard monitor record report explain decode vehicle'
       ;;
     doctor | info) options+=' --timeout' ;;
     scan) options+=' --from --to --timeout' ;;
@@ -63,6 +63,7 @@ _motorctl() {
     guard) options+=' --fresh-ms --prove --rpm --yes' ;;
     monitor) options+=' --once --seconds --poll --config --timeout' ;;
     record) options+=' --directory --seconds --after --memory-mb --keep --limit-mb --now' ;;
+    report) files=true options+=' --html --csv --bit-rate' ;;
     sdo)
       options+=' --timeout'
       if ((position == 0)); then
@@ -81,7 +82,7 @@ _motorctl() {
     case $previous in
       --interface) words=$(_motorctl_interfaces) ;;
       --make) words=$("${COMP_WORDS[0]}" --list-makes 2>/dev/null) ;;
-      --vehicle | --eds | --csv | --svg | --config | --directory) files=true ;;
+      --vehicle | --eds | --csv | --svg | --html | --config | --directory) files=true ;;
     esac
   elif [[ $current == -* ]]; then
     words=$options files=false

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "pdo_fields.h"
+
 namespace motorctl {
 namespace {
 
@@ -75,12 +77,9 @@ void NodeStates::Hear(const HeardFrame& heard) {
 template <typename Take>
 void NodeStates::TakeField(const motor_driver::Field& field, const HeardFrame& heard,
                            NodeState& node, Take take) {
-  if (!Carries(heard.frame.can_id & kFunctionMask, field)) return;
-  const unsigned bytes = field.bits / 8;
-  if (heard.frame.can_dlc < field.offset + bytes * make_->motors) return;
-  for (unsigned motor = 0; motor < make_->motors; ++motor) {
-    take(node.motors[motor], Load(heard.frame, field.offset + motor * bytes, bytes));
-  }
+  ForEachMotor(*make_, field, heard.frame.can_id & kFunctionMask, heard.frame.data,
+               heard.frame.can_dlc,
+               [&](int motor, std::uint32_t value) { take(node.motors[motor], value); });
 }
 
 void NodeStates::Poll(SdoClient& client) {

@@ -15,7 +15,7 @@ class Rhythm {
   void Hear(Time now) {
     // Of the last ones the longest: after one that came late the next comes early.
     if (last_) {
-      period_ = std::max(period_ * 7 / 8, now - *last_);
+      period_ = std::max(period_ - period_ / 8, now - *last_);
       ++periods_;
     }
     last_ = now;
@@ -33,7 +33,8 @@ class Rhythm {
   bool Overdue(Time now) const {
     constexpr int kMissed = 3;
     constexpr auto kGrace = std::chrono::milliseconds(100);
-    return last_ && period_ > Time::zero() && now - *last_ > kMissed * period_ + kGrace;
+    // Divided, for a log may hold times that are centuries apart.
+    return last_ && period_ > Time::zero() && (now - *last_ - kGrace) / kMissed >= period_;
   }
 
   const std::optional<Time>& last() const { return last_; }

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "decode.h"
+#include "pdo_fields.h"
 #include "words.h"
 
 namespace motorctl {
@@ -151,20 +152,17 @@ void TriggerWatch::TellTimeouts(Node& node, int id, Clock::time_point now) {
 }
 
 void TriggerWatch::HearErrorCode(Node& node, int id, const BusFrame& frame) {
-  const motor_driver::Field& field = make_->error_code;
-  const unsigned bytes = field.bits / 8;
   node.heard = true;
-  for (unsigned motor = 0; motor < make_->motors; ++motor) {
-    const unsigned offset = field.offset + motor * bytes;
-    if (offset + bytes > frame.length) return;
-    const std::uint32_t code = LittleEndian(frame.data + offset, bytes);
-    if (std::exchange(node.errors[motor], code) == code || code == 0) continue;
+  const std::uint32_t base = frame.id & kFunctionMask;
+  const auto tell = [&](int motor, std::uint32_t code) {
+    if (std::exchange(node.errors[motor], code) == code || code == 0) return;
     Tell("drive_error", id,
          "node " + std::to_string(id) +
              (make_->motors > 1 ? " motor " + std::to_string(motor + 1) : "") + ": error code " +
              Hex(code, 4) + " " + ErrorCodeText(static_cast<std::uint16_t>(code)),
          &frame);
-  }
+  };
+  ForEachMotor(*make_, make_->error_code, base, frame.data, frame.length, tell);
 }
 
 void TriggerWatch::Tick(Clock::time_point now) {

@@ -32,7 +32,7 @@ listed() {
   "$motorctl" "$@" --help | grep -oE '^ +(-[a-z], *)?--[a-z0-9-]+' | grep -oE -e '--[a-z0-9-]+'
 }
 
-commands='bring-up decode doctor explain guard info jog monitor record scan sdo stop vehicle'
+commands='bring-up decode doctor explain guard info jog monitor record report scan sdo stop vehicle'
 expect "$commands" ''
 expect 'decode doctor' d
 expect 'jog' jo
@@ -63,6 +63,9 @@ expect 'mapfile' guard 1 -- mapfil
 cd "$(dirname "$0")/data"
 expect 'zl.log zl.txt' decode zl
 expect 'zl.log zl.txt' jog 1 --csv zl
+expect 'zl.log zl.txt' report zl
+expect 'zl.log zl.txt' report bus.log --html zl
+expect '' report bus.log --bit-rate ''
 expect 'zl.log zl.txt' jog --vehicle zl
 expect 'zl.log zl.txt' vehicle check zl
 expect 'zl.log zl.txt' sdo read 1 0x6041 0 --eds zl

@@ -2,27 +2,14 @@
 # explain and decode as a user meets them: outputs, exit statuses, pipes.
 # Usage: explain_decode_test.bash MOTORCTL DATA_DIRECTORY DATA_SHEET
 set -euo pipefail
+# shellcheck source=tests/motorctl/expecting.bash
+source "$(dirname "$0")/expecting.bash"
 motorctl=$(realpath "$1")
 data=$(realpath "$2")
 sheet=$(realpath "$3")
 directory=$(mktemp -d -p /dev/shm)  # named pipes can be made there in every guest of with-can
 trap 'rm -rf "$directory"' EXIT
 cd "$directory"
-failures=0
-
-fail() {
-  echo "FAILED: $*"
-  cat out err
-  failures=$((failures + 1))
-}
-
-# expect STATUS TEXT_ON_STANDARD_ERROR ARGUMENTS...
-expect() {
-  local expected=$1 status=0
-  "$motorctl" "${@:3}" >out 2>err </dev/null || status=$?
-  [[ $status == "$expected" ]] || fail "${*:3}: exit status $status, expected $expected"
-  [[ $(cat err) == "$2" ]] || fail "${*:3}: standard error, expected $2"
-}
 
 is_printed() { [[ $(cat out) == "$1" ]] || fail "standard output, expected $1"; }
 
