@@ -171,17 +171,24 @@ std::optional<LoggedFrame> ParseLogLine(std::string_view line, int asc_base) {
   return frame;
 }
 
-std::string FrameText(const LoggedFrame& frame) {
+void AppendFrame(const LoggedFrame& frame, std::string& text) {
   const bool error = frame.kind == LoggedFrame::Kind::kError;
-  std::string text;
   AppendHex(error ? frame.id | CAN_ERR_FLAG : frame.id, frame.extended || error ? 8 : 3, text);
   text += '#';
-  if (frame.kind == LoggedFrame::Kind::kRemote) return text + "R";
+  if (frame.kind == LoggedFrame::Kind::kRemote) {
+    text += 'R';
+    return;
+  }
   if (frame.kind == LoggedFrame::Kind::kFd) {
     text += '#';
     AppendHex(frame.fd_flags, 1, text);
   }
   for (unsigned i = 0; i < frame.length; ++i) AppendHex(frame.data[i], 2, text);
+}
+
+std::string FrameText(const LoggedFrame& frame) {
+  std::string text;
+  AppendFrame(frame, text);
   return text;
 }
 

@@ -18,5 +18,6 @@ std::optional<LoggedFrame> ParseLogLine(std::string_view line, int asc_base = 16
 
 // "601#2B4060000F000000".
 std::string FrameText(const LoggedFrame& frame);
+void AppendFrame(const LoggedFrame& frame, std::string& text);
 
 }  // namespace candump

@@ -12,7 +12,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <system_error>
 #include <utility>
@@ -88,12 +87,19 @@ LoggedFrame Logged(const BusFrame& frame) {
   return logged;
 }
 
-std::string LogLine(const BusFrame& frame, const std::string& interface) {
-  char time[48];
-  std::snprintf(time, sizeof(time), "(%010lld.%06lld) ",
-                static_cast<long long>(frame.nanoseconds / kNanosecondsPerSecond),
-                static_cast<long long>(frame.nanoseconds % kNanosecondsPerSecond / 1000));
-  return time + interface + " " + FrameText(Logged(frame)) + (frame.sent ? " T\n" : " R\n");
+// By hand: a logger does hardly anything else.
+void AppendLogLine(const BusFrame& frame, const std::string& interface, std::string& text) {
+  char time[] = "(0000000000.000000) ";
+  const auto put = [&time](std::int64_t number, int last, int digits) {
+    for (; digits > 0; --digits, --last, number /= 10) {
+      time[last] = static_cast<char>('0' + number % 10);
+    }
+  };
+  put(frame.nanoseconds / kNanosecondsPerSecond, 10, 10);
+  put(frame.nanoseconds % kNanosecondsPerSecond / 1000, 17, 6);
+  text.append(time, sizeof(time) - 1).append(interface).append(" ");
+  candump::AppendFrame(Logged(frame), text);
+  text += frame.sent ? " T\n" : " R\n";
 }
 
 std::int64_t WallClockNanoseconds() {

@@ -30,7 +30,7 @@ static_assert(sizeof(BusFrame) == 24);
 LoggedFrame Logged(const BusFrame& frame);
 
 // A line of `candump -L -x`: "(1690000000.123456) can0 601#2B4060000F000000 T\n".
-std::string LogLine(const BusFrame& frame, const std::string& interface);
+void AppendLogLine(const BusFrame& frame, const std::string& interface, std::string& text);
 
 // The clock of the time stamps.
 std::int64_t WallClockNanoseconds();

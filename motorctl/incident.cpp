@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <sys/utsname.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,6 +14,7 @@
 #include <utility>
 
 #include "context.h"
+#include "time_name.h"
 
 namespace motorctl {
 namespace {
@@ -103,26 +103,7 @@ std::uintmax_t SizeOf(const fs::path& folder) {
   return bytes;
 }
 
-// Whether a name is `before`, a time and `after`: names of interfaces may end alike.
-bool IsNamed(const std::string& name, const std::string& before, const std::string& after) {
-  return name.size() == before.size() + TimeName(0).size() + after.size() &&
-         name.compare(0, before.size(), before) == 0 &&
-         name.compare(name.size() - after.size(), after.size(), after) == 0;
-}
-
 }  // namespace
-
-std::string TimeName(std::int64_t nanoseconds) {
-  const time_t second = nanoseconds / kNanosecondsPerSecond;
-  tm utc = {};
-  ::gmtime_r(&second, &utc);
-  char day[40];
-  std::strftime(day, sizeof(day), "%Y%m%dT%H%M%S", &utc);
-  char name[64];
-  std::snprintf(name, sizeof(name), "%s.%03dZ", day,
-                static_cast<int>(nanoseconds % kNanosecondsPerSecond / 1'000'000));
-  return name;
-}
 
 IncidentStore::IncidentStore(std::string directory, std::string interface,
                              const RecordLimits& limits, std::string vehicle_text)
@@ -148,8 +129,8 @@ IncidentStore::IncidentStore(std::string directory, std::string interface,
 void IncidentStore::RemoveUnfinished() const {
   std::error_code ignored;
   for (const fs::directory_entry& entry : fs::directory_iterator(directory_, ignored)) {
-    if (IsNamed(entry.path().filename(), std::string(".") + kPrefix,
-                "-" + interface_ + kUnfinished)) {
+    if (IsTimeNamed(entry.path().filename(), std::string(".") + kPrefix,
+                    "-" + interface_ + kUnfinished)) {
       fs::remove_all(entry.path(), ignored);
     }
   }
@@ -162,7 +143,7 @@ void IncidentStore::KeepLimits(const std::string& newest) const {
   std::uintmax_t total = 0;
   std::error_code ignored;
   for (const fs::directory_entry& entry : fs::directory_iterator(directory_, ignored)) {
-    if (!IsNamed(entry.path().filename(), kPrefix, "-" + interface_)) continue;
+    if (!IsTimeNamed(entry.path().filename(), kPrefix, "-" + interface_)) continue;
     const std::uintmax_t size = SizeOf(entry.path());
     total += size;
     if (entry.path() != newest) folders.emplace_back(entry.path(), size);
@@ -200,8 +181,11 @@ std::string IncidentStore::Write(const Incident& incident, const FrameRing& fram
     if (error) Fail(unfinished, error.value());
 
     File log(unfinished + "/bus.log");
+    std::string line;
     for (std::size_t i = incident.first_frame; i < frames.size(); ++i) {
-      log.Write(LogLine(frames.at(i), interface_));
+      line.clear();
+      AppendLogLine(frames.at(i), interface_, line);
+      log.Write(line);
     }
     log.Finish();
     File events(unfinished + "/events.jsonl");

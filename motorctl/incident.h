@@ -52,7 +52,4 @@ class IncidentStore {
   const std::string vehicle_text_;
 };
 
-// "20261122T014500.123Z".
-std::string TimeName(std::int64_t nanoseconds);
-
 }  // namespace motorctl

@@ -4,7 +4,7 @@ _motorctl_takes_value() {
   case $1 in
     --vehicle | --interface | --make | --counts-per-revolution | --eds | --from | --to | --period | --rpm | --rpm2 | \
       --seconds | --limit | --fresh-ms | --ramp | --csv | --svg | --config | --directory | --after | --memory-mb | \
-      --keep | --limit-mb | --timeout | --html | --bit-rate) return 0 ;;
+      --keep | --limit-mb | --file-mb | --files-mb | --timeout | --html | --bit-rate) return 0 ;;
   esac
   return 1
 }
@@ -62,7 +62,7 @@ _motorctl() {
     stop) options+=' --limit' ;;
     guard) options+=' --fresh-ms --prove --rpm --yes' ;;
     monitor) options+=' --once --seconds --poll --config --timeout' ;;
-    record) options+=' --directory --seconds --after --memory-mb --keep --limit-mb --now' ;;
+    record) options+=' --directory --seconds --after --memory-mb --keep --limit-mb --continuous --file-mb --files-mb --now' ;;
     report) files=true options+=' --html --csv --bit-rate' ;;
     sdo)
       options+=' --timeout'

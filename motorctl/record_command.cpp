@@ -1,4 +1,4 @@
-// motorctl record [--directory DIR] [--now]
+// motorctl record [--directory DIR] [--continuous] [--now]
 #include <CLI/CLI.hpp>
 #include <memory>
 #include <string>
@@ -10,9 +10,14 @@
 namespace motorctl {
 namespace {
 
+constexpr std::uintmax_t kMegabyte = 1'000'000;
+
 struct Options {
   RecordPlan plan;
   std::size_t limit_mb = 200;
+  bool continuous = false;
+  std::size_t file_mb = 10;
+  std::size_t files_mb = 1000;
   bool now = false;
 };
 
@@ -48,9 +53,23 @@ void AddRecord(CLI::App& app, Context& context) {
   command->add_option("--limit-mb", options->limit_mb, "of all folders together (200)")
       ->check(CLI::Range(1, 1'000'000))
       ->type_name("MB");
+  CLI::Option* const continuous = command->add_flag("--continuous", options->continuous,
+                                                    "all frames, too, in files that take turns");
+  command->add_option("--file-mb", options->file_mb, "of each file (10)")
+      ->check(CLI::Range(1, 100'000))
+      ->needs(continuous)
+      ->type_name("MB");
+  command->add_option("--files-mb", options->files_mb, "of all files, then the oldest goes (1000)")
+      ->check(CLI::Range(2, 10'000'000))
+      ->needs(continuous)
+      ->type_name("MB");
   command->add_flag("--now", options->now, "have the recorder that runs write what it has");
   command->callback([&context, options] {
-    options->plan.limits.bytes = std::uintmax_t{options->limit_mb} * 1'000'000;
+    options->plan.limits.bytes = std::uintmax_t{options->limit_mb} * kMegabyte;
+    if (options->continuous) {
+      options->plan.continuous =
+          LogLimits{options->file_mb * kMegabyte, options->files_mb * kMegabyte};
+    }
     context.run = [&context, options] {
       if (options->now) return AskNow(context);
       return Recorder(context, options->plan).Run();

@@ -30,6 +30,7 @@ constexpr auto kLook = std::chrono::milliseconds(100);
 constexpr auto kMark = std::chrono::seconds(1);
 constexpr std::size_t kMostEvents = 2000;
 constexpr int kWriterNice = 10;
+constexpr auto kLongestFinish = std::chrono::seconds(20);
 
 std::string WholeFile(const std::string& path) {
   std::ostringstream text;
@@ -59,6 +60,13 @@ Recorder::Recorder(const Context& context, const RecordPlan& plan)
       store_(plan.directory, interface_, plan.limits, WholeFile(context.vehicle_file)),
       control_(interface_),
       tap_(interface_),
+      log_(plan.continuous
+               ? std::make_unique<ContinuousLog>(context, plan.directory, *plan.continuous,
+                                                 [this] {
+                                                   control_.Close();
+                                                   tap_.Close();
+                                                 })
+               : nullptr),
       frames_(plan.memory_mb * 1024 * 1024 / sizeof(BusFrame)),
       watch_(context.make == nullptr || context.make->simulated ? nullptr : context.make,
              [this](const BusEvent& event) { Hear(event); }) {
@@ -89,13 +97,22 @@ int Recorder::Run() {
     Await();
     TakeSignals();
     TakeFrames();
+    if (log_) log_->Offer(frames_);
     WatchInterface();
     KeepMark();
     TakeOutcome();
     if (control_.Asked()) Ask("motorctl record --now");
     if (gathering_ && writer_ < 0 && (ended_ || now_ >= gathering_->due)) StartWriting();
   }
+  FinishLog();
   return kSuccess;
+}
+
+void Recorder::FinishLog() {
+  const auto deadline = Clock::now() + kLongestFinish;
+  while (log_ && !log_->Offer(frames_) && Clock::now() < deadline) {
+    std::this_thread::sleep_for(kPause);
+  }
 }
 
 void Recorder::Await() {
@@ -121,7 +138,9 @@ void Recorder::TakeSignals() {
 
 void Recorder::TakeFrames() {
   now_ = Clock::now();
-  const bool good = tap_.Take([this](const BusFrame& frame) { Keep(frame); });
+  const auto keep = [this](const BusFrame& frame) { Keep(frame); };
+  const bool good = tap_.Take(keep);
+  if (ended_) tap_.TakeHeld(keep);
   busy_ = tap_.holds_frames();
   if (tap_.is_open() && !good && !lost_interface_) {
     lost_interface_ = true;

@@ -7,12 +7,14 @@
 #include <cstddef>
 #include <deque>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <utility>
 
 #include "bus_tap.h"
 #include "context.h"
+#include "continuous_log.h"
 #include "frame_ring.h"
 #include "incident.h"
 #include "record_control.h"
@@ -26,6 +28,7 @@ struct RecordPlan {
   double after = 5;     // seconds
   std::size_t memory_mb = 32;
   RecordLimits limits;
+  std::optional<LogLimits> continuous;  // all frames, in files
 };
 
 class Recorder {
@@ -55,6 +58,7 @@ class Recorder {
   void Hear(const BusEvent& event);
   void Ask(const std::string& text);
   void StartWriting();
+  void FinishLog();
   void TakeOutcome();
   void Report(const std::string& outcome);
 
@@ -64,6 +68,8 @@ class Recorder {
   const IncidentStore store_;
   RecordControl control_;
   BusTap tap_;
+  // Before the frames: its process would keep a copy of their memory.
+  const std::unique_ptr<ContinuousLog> log_;
   FrameRing frames_;
   TriggerWatch watch_;
   int signals_ = -1;

@@ -14,6 +14,20 @@
 #include "motorctl_process.h"
 #include "simulated.h"
 
+// A disk of its own, as small as wanted.
+class Mount {
+ public:
+  Mount(const std::string& path, const std::string& size) : path_(path) {
+    bus::Command("mkdir -p " + path + " && mount -t tmpfs -o size=" + size + " none " + path);
+  }
+  ~Mount() { bus::Command("umount " + path_); }
+  Mount(const Mount&) = delete;
+  Mount& operator=(const Mount&) = delete;
+
+ private:
+  const std::string path_;
+};
+
 class RecordTest : public bus::BusTest {
  protected:
   ~RecordTest() override { std::filesystem::remove_all(directory_); }

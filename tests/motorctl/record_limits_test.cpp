@@ -9,19 +9,6 @@ namespace {
 constexpr char kTraffic[] =
     "cangen can1 -g 0 -n 20000 -I 123 -L 8 -D r -p 10; cangen can0 -g 0 -n 20000 -I 124 -L 8 -p 10";
 
-class Mount {
- public:
-  Mount(const std::string& path, const std::string& size) : path_(path) {
-    bus::Command("mkdir -p " + path + " && mount -t tmpfs -o size=" + size + " none " + path);
-  }
-  ~Mount() { bus::Command("umount " + path_); }
-  Mount(const Mount&) = delete;
-  Mount& operator=(const Mount&) = delete;
-
- private:
-  const std::string path_;
-};
-
 TEST_F(RecordTest, KeepsAsManyFoldersAsItMay) {
   Process recorder(Recording({"--keep", "2"}));
   AwaitStart(recorder);

@@ -1,0 +1,47 @@
+// All frames of a bus, in files: written by a process of its own, so that no disk holds the recorder up.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include "context.h"
+#include "frame_ring.h"
+#include "log_files.h"
+
+namespace motorctl {
+
+class ContinuousLog {
+ public:
+  // `in_writer` is called in the process that writes, which closes there what is not its own.
+  ContinuousLog(const Context& context, std::string directory, const LogLimits& limits,
+                std::function<void()> in_writer);
+  // Waits until everything that was handed over is written.
+  ~ContinuousLog();
+  ContinuousLog(const ContinuousLog&) = delete;
+  ContinuousLog& operator=(const ContinuousLog&) = delete;
+
+  // Hands over what is new in the ring, as much as the writer takes now. False when there is more: a
+  // slow disk has time until the ring is full of newer ones.
+  bool Offer(const FrameRing& frames);
+
+ private:
+  void Start();
+  void End();
+  void Write(int frames) const;
+
+  const Context& context_;
+  const std::string interface_;
+  const std::string directory_;
+  const LogLimits limits_;
+  const std::function<void()> in_writer_;
+  pid_t writer_ = -1;
+  int frames_ = -1;           // to the writer
+  std::uint64_t handed_ = 0;  // of all frames that were pushed
+  std::chrono::steady_clock::time_point started_;
+};
+
+}  // namespace motorctl
