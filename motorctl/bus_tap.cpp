@@ -13,6 +13,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <iterator>
+#include <limits>
 #include <system_error>
 #include <utility>
 
@@ -185,7 +187,7 @@ void BusTap::Close() {
 
 bool BusTap::Drain(int socket, bool sent, std::uint32_t& lost) {
   static Batch batch;
-  const auto arrived = std::chrono::steady_clock::now();
+  std::vector<BusFrame>& arrived = sent ? arrived_sent_ : arrived_received_;
   for (;;) {
     batch.Prepare();
     const int count = ::recvmmsg(socket, batch.messages, kBatch, MSG_DONTWAIT, nullptr);
@@ -211,41 +213,58 @@ bool BusTap::Drain(int socket, bool sent, std::uint32_t& lost) {
       frame.length = std::min<std::uint8_t>(heard.can_dlc, CAN_MAX_DLEN);
       frame.sent = sent || echo;
       std::copy_n(heard.data, frame.length, frame.data);
-      held_.push_back({frame, arrived});
+      arrived.push_back(frame);
     }
     if (count < static_cast<int>(kBatch)) return true;
   }
 }
 
 bool BusTap::Take(const std::function<void(const BusFrame&)>& take) {
-  const auto earlier = [](const HeldFrame& left, const HeldFrame& right) {
-    return left.frame.nanoseconds < right.frame.nanoseconds;
-  };
-  const auto begin = static_cast<std::ptrdiff_t>(held_.size());
   bool good = is_open();
   if (is_open()) good = Drain(received_, false, lost_received_);
   if (hears_sent()) good = Drain(sent_, true, lost_sent_) && good;
-  std::stable_sort(held_.begin() + begin, held_.end(), earlier);
-  std::inplace_merge(held_.begin(), held_.begin() + begin, held_.end(), earlier);
+  const auto now = std::chrono::steady_clock::now();
+  if (!arrived_received_.empty() || !arrived_sent_.empty()) Hold(now);
   if (!good) {
     TakeHeld(take);
     return false;
   }
   // By another clock than that of the stamps, which may be set.
-  const auto old = std::chrono::steady_clock::now() - kHold;
-  const auto last = std::find_if(held_.rbegin(), held_.rend(),
-                                 [old](const HeldFrame& held) { return held.arrived <= old; });
-  HandOut(static_cast<std::size_t>(held_.rend() - last), take);
+  std::int64_t latest = std::numeric_limits<std::int64_t>::min();
+  for (; !arrivals_.empty() && arrivals_.front().time <= now - kHold; arrivals_.pop_front()) {
+    latest = std::max(latest, arrivals_.front().latest_stamp);
+  }
+  for (; !held_.empty() && held_.front().nanoseconds <= latest; held_.pop_front()) {
+    take(held_.front());
+  }
   return true;
 }
 
-void BusTap::TakeHeld(const std::function<void(const BusFrame&)>& take) {
-  HandOut(held_.size(), take);
+// Each direction comes in its order, and mostly after what is held: then nothing is to be sorted.
+void BusTap::Hold(std::chrono::steady_clock::time_point now) {
+  const auto earlier = [](const BusFrame& left, const BusFrame& right) {
+    return left.nanoseconds < right.nanoseconds;
+  };
+  for (std::vector<BusFrame>* const arrived : {&arrived_received_, &arrived_sent_}) {
+    if (std::is_sorted(arrived->begin(), arrived->end(), earlier)) continue;
+    std::stable_sort(arrived->begin(), arrived->end(), earlier);
+  }
+  const auto before = static_cast<std::ptrdiff_t>(held_.size());
+  std::merge(arrived_received_.begin(), arrived_received_.end(), arrived_sent_.begin(),
+             arrived_sent_.end(), std::back_inserter(held_), earlier);
+  arrivals_.push_back({now, held_.back().nanoseconds});
+  const auto first = held_.begin() + before;
+  if (before > 0 && earlier(*first, *(first - 1))) {
+    std::inplace_merge(held_.begin(), first, held_.end(), earlier);
+  }
+  arrived_received_.clear();
+  arrived_sent_.clear();
 }
 
-void BusTap::HandOut(std::size_t count, const std::function<void(const BusFrame&)>& take) {
-  for (std::size_t i = 0; i < count; ++i) take(held_[i].frame);
-  held_.erase(held_.begin(), held_.begin() + static_cast<std::ptrdiff_t>(count));
+void BusTap::TakeHeld(const std::function<void(const BusFrame&)>& take) {
+  for (const BusFrame& frame : held_) take(frame);
+  held_.clear();
+  arrivals_.clear();
 }
 
 }  // namespace motorctl

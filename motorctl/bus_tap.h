@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <string>
 #include <vector>
@@ -72,16 +73,19 @@ class BusTap {
   int OpenReceived(int index) const;
   int OpenSent(int index) const;
   bool Drain(int socket, bool sent, std::uint32_t& lost);
-  void HandOut(std::size_t count, const std::function<void(const BusFrame&)>& take);
+  void Hold(std::chrono::steady_clock::time_point now);
 
   const std::string interface_;
   int received_ = -1;
   int sent_ = -1;
-  struct HeldFrame {
-    BusFrame frame;
-    std::chrono::steady_clock::time_point arrived;
+  std::vector<BusFrame> arrived_received_;
+  std::vector<BusFrame> arrived_sent_;
+  std::deque<BusFrame> held_;  // in the order of their stamps
+  struct Arrival {
+    std::chrono::steady_clock::time_point time;
+    std::int64_t latest_stamp;  // of what arrived then
   };
-  std::vector<HeldFrame> held_;
+  std::deque<Arrival> arrivals_;
   std::uint64_t lost_ = 0;  // of sockets that are closed
   std::uint32_t lost_received_ = 0;
   std::uint32_t lost_sent_ = 0;
