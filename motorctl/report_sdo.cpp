@@ -128,7 +128,8 @@ void SdoWatch::HearAbort(int node, bool response, const KeptFrame& frame) {
   ++report.aborts;
   const Key key(node, ObjectOf(frame));
   const std::uint32_t code = LittleEndian(frame.data + 4, 4);
-  const bool anomaly = !response || !OnlyAsks(key, code);
+  // A scan gives up every node that is not there.
+  const bool anomaly = response ? !OnlyAsks(key, code) : report.sends;
   requests_.erase(key);
   Finding finding =
       FindingOf(frame, "sdo_abort", anomaly, node,

@@ -222,6 +222,13 @@ TEST(ReportFindingsTest, TakesAQuestionForNoAnomaly) {
             }));
 }
 
+TEST(ReportFindingsTest, TakesAScanForNoAnomaly) {
+  EXPECT_EQ(
+      Happened(LogOf({"1.0 602#4000100000000000", "1.1 602#8000100000000405"})),
+      (Lines{"     +0.100   SDO node 2: abort 0x1000:00 Device type: 0x05040000 SDO protocol timed "
+             "out (by the host)"}));
+}
+
 TEST(ReportFindingsTest, NamesNodesThatNeverAnsweredOnce) {
   const std::string text =
       TextOf(LogOf({"1.0 602#4000100000000000", "1.1 603#4000100000000000",

@@ -81,6 +81,17 @@ TEST(BusLoadTest, IsToldInPercentWhereTheBitRateIsKnown) {
   EXPECT_EQ(bus[0]["slice_ms"], 100.0);
 }
 
+// What is missing is noticed later than it should have come.
+TEST(ReportJsonTest, HasFindingsInOrder) {
+  const auto findings = EventsOf(JsonOf(Merged({Repeated("701#05", 0, 2000, 100),
+                                                Repeated("123#", 0, 4000, 10),
+                                                {"2.2 082#1023010000000000"}})),
+                                 "finding");
+  ASSERT_EQ(findings.size(), 3U);
+  EXPECT_EQ(findings[1]["kind"], "heartbeat_missing");
+  EXPECT_EQ(findings[2]["kind"], "emergency");
+}
+
 TEST(ReportJsonTest, HasWhatTheTextHas) {
   const std::string log =
       "(1700000000.000000) can0 701#05 R\n"
