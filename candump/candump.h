@@ -1,5 +1,5 @@
-// Lines of text that hold CAN frames, as candump and cansend write and read them, and the text files
-// of Vector's tools (.asc).
+// Lines of text that hold CAN frames, as candump and cansend write and read them, and the text
+// files of Vector's tools (.asc).
 #pragma once
 
 #include <optional>

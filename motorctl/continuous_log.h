@@ -1,4 +1,4 @@
-// All frames of a bus, in files: written by a process of its own, so that no disk holds the recorder up.
+// All frames of a bus, in files. A process of its own writes: no disk holds the recorder up.
 #pragma once
 
 #include <sys/types.h>
@@ -24,11 +24,12 @@ class ContinuousLog {
   ContinuousLog(const ContinuousLog&) = delete;
   ContinuousLog& operator=(const ContinuousLog&) = delete;
 
-  // Hands over what is new in the ring, as much as the writer takes now. False when there is more: a
-  // slow disk has time until the ring is full of newer ones.
+  // Hands over what is new in the ring, as much as the writer takes now. False when there is more:
+  // a slow disk has time until the ring is full of newer ones.
   bool Offer(const FrameRing& frames);
 
  private:
+  // What fails is tried again later.
   void Start();
   void End();
   void Write(int frames) const;

@@ -12,8 +12,8 @@ struct LogLimits {
   std::uintmax_t all_bytes = 1'000'000'000;
 };
 
-// One interface's files in a directory: bus-TIME-INTERFACE.log. Whatever ends the writer, only whole
-// lines stay: what was cut off is removed at the next start.
+// One interface's files in a directory: bus-TIME-INTERFACE.log. Whatever ends the writer, only
+// whole lines stay: what was cut off is removed at the next start.
 class LogFiles {
  public:
   // `say`: takes what its user has to know.
@@ -23,8 +23,8 @@ class LogFiles {
   LogFiles(const LogFiles&) = delete;
   LogFiles& operator=(const LogFiles&) = delete;
 
-  // Whole lines, of so many frames; the first is of this time. What cannot be written is dropped and
-  // said, and tried again with the next ones.
+  // Whole lines, of so many frames; the first is of this time. What cannot be written is dropped
+  // and said, and tried again with the next ones.
   void Write(const std::string& lines, std::uint64_t frames, std::int64_t nanoseconds);
 
   // On the disk, as far as it is written.
