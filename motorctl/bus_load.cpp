@@ -50,24 +50,29 @@ constexpr unsigned kWithoutStuffing = 13;
 
 }  // namespace
 
-unsigned BitsOnTheWire(const KeptFrame& frame) {
-  const bool remote = frame.kind == LoggedFrame::Kind::kRemote;
+unsigned BitsOnTheWire(std::uint32_t id, bool extended, bool remote, const std::uint8_t* data,
+                       unsigned length) {
   Wire wire;
   wire.Add(0, 1);
-  if (frame.extended) {
-    wire.Add(frame.id >> 18, 11);
+  if (extended) {
+    wire.Add(id >> 18, 11);
     wire.Add(3, 2);
-    wire.Add(frame.id & 0x3FFFF, 18);
+    wire.Add(id & 0x3FFFF, 18);
     wire.Add(remote ? 4 : 0, 3);
   } else {
-    wire.Add(frame.id, 11);
+    wire.Add(id, 11);
     wire.Add(remote ? 4 : 0, 3);
   }
-  wire.Add(frame.length, 4);
+  wire.Add(length, 4);
   if (!remote) {
-    for (unsigned i = 0; i < frame.length; ++i) wire.Add(frame.data[i], 8);
+    for (unsigned i = 0; i < length; ++i) wire.Add(data[i], 8);
   }
   return wire.Finish() + kWithoutStuffing;
+}
+
+unsigned BitsOnTheWire(const KeptFrame& frame) {
+  return BitsOnTheWire(frame.id, frame.extended, frame.kind == LoggedFrame::Kind::kRemote,
+                       frame.data, frame.length);
 }
 
 BusLoad::BusLoad(std::int64_t begin, std::int64_t end)

@@ -10,6 +10,9 @@
 namespace motorctl {
 
 // What a classic frame takes on the wire: stuff bits, counted, and the pause after it included.
+// `id`: as long as `extended` says.
+unsigned BitsOnTheWire(std::uint32_t id, bool extended, bool remote, const std::uint8_t* data,
+                       unsigned length);
 unsigned BitsOnTheWire(const KeptFrame& frame);
 
 class BusLoad {

@@ -2,12 +2,14 @@
 //
 // Only listens, unless --poll is given: another host may be driving.
 #include <kinco_driver.h>
+#include <poll.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <iterator>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -15,9 +17,9 @@
 #include <utility>
 #include <vector>
 
+#include "bus_tap.h"
+#include "bus_traffic.h"
 #include "context.h"
-#include "link.h"
-#include "listener.h"
 #include "node_states.h"
 #include "sdo_client.h"
 #include "sheet_pdos.h"
@@ -49,17 +51,17 @@ class Monitor {
 
  private:
   std::string ErrorText(std::uint16_t code) const;
-  std::optional<double> BusLoad(const Traffic& traffic, double seconds) const;
-  void Show(double seconds);
-  void ShowJson(const Traffic& traffic, double seconds) const;
+  void Listen();
+  void Show();
+  void ShowJson() const;
   std::vector<std::string> Rows(int id, const NodeState& node) const;
 
   const Context& context_;
   const Options& options_;
   SdoClient client_;
   std::unique_ptr<KincoDriver> kinco_;
-  Listener listener_;
-  std::optional<int> bitrate_;
+  BusTap tap_;
+  std::unique_ptr<BusTraffic> traffic_;
   NodeStates states_;
   SheetPdos pdos_;
   std::size_t drawn_lines_ = 0;
@@ -70,20 +72,15 @@ const Make* MakeOfPdos(const Context& context) {
   return context.make == nullptr || context.make->simulated ? nullptr : context.make;
 }
 
-double CountsPerTurn(const Context& context) {
-  const unsigned long configured = context.vehicle.counts_per_revolution;
-  return static_cast<double>(context.make == nullptr
-                                 ? configured
-                                 : motor_driver::CountsPerRevolution(*context.make, configured));
-}
-
 Monitor::Monitor(const Context& context, const Options& options)
     : context_(context),
       options_(options),
       client_(context.vehicle.interface, context.SdoTimeout()),
-      listener_(context.vehicle.interface),
-      states_(MakeOfPdos(context), CountsPerTurn(context), options.nodes),
+      tap_(context.vehicle.interface),
+      states_(MakeOfPdos(context), context.vehicle.counts_per_revolution, options.nodes),
       pdos_(options.nodes) {
+  tap_.Open();
+  traffic_ = std::make_unique<BusTraffic>(context.vehicle.interface, tap_.hears_sent());
   const std::string config = options.config.empty() ? context.vehicle.texts : options.config;
   if (!config.empty()) {
     // Its texts only: its loop would lead drives out of an emergency stop.
@@ -94,9 +91,24 @@ Monitor::Monitor(const Context& context, const Options& options)
       throw CommandFailed("cannot load " + config + "; --verbose shows why");
     }
   }
-  if (const std::optional<Link> link = FindLink(context.vehicle.interface)) {
-    bitrate_ = link->bitrate;
-  }
+}
+
+// Throws CommandFailed when the interface goes down or away.
+void Monitor::Listen() {
+  pollfd waited[] = {{tap_.received(), POLLIN, 0}, {tap_.sent(), POLLIN, 0}};
+  ::poll(waited, std::size(waited), tap_.holds_frames() ? 5 : 50);
+  const bool good = tap_.Take([this](const BusFrame& frame) {
+    traffic_->Hear(frame);
+    HeardFrame heard;
+    heard.second = static_cast<double>(frame.nanoseconds) * 1e-9;
+    heard.frame.can_id = frame.id;
+    heard.frame.can_dlc = frame.length;
+    std::copy_n(frame.data, sizeof(frame.data), heard.frame.data);
+    states_.Hear(heard);
+    // Those of a make are told as states and speeds.
+    if (MakeOfPdos(context_) == nullptr) pdos_.Hear(heard);
+  });
+  if (!good) throw CommandFailed("the interface went down or away while listening");
 }
 
 int Monitor::Run() {
@@ -104,20 +116,16 @@ int Monitor::Run() {
   const auto start = Clock::now();
   const double limit = options_.once && options_.seconds == 0 ? kOnceSeconds : options_.seconds;
   auto shown = start;
-  HeardFrame heard;
   for (;;) {
-    if (listener_.Hear(heard, std::chrono::milliseconds(50))) {
-      states_.Hear(heard);
-      // Those of a make are told as states and speeds.
-      if (MakeOfPdos(context_) == nullptr) pdos_.Hear(heard);
-    }
+    Listen();
     const auto now = Clock::now();
     const bool over = limit > 0 && now - start >= std::chrono::duration<double>(limit);
     const bool ended = signals.Arrived() || over;
     if (ended || (!options_.once && now - shown >= kRefresh)) {
       if (options_.poll) states_.Poll(client_);
       states_.MeasureSpeeds();
-      Show(std::chrono::duration<double>(now - shown).count());
+      traffic_->Measure(std::chrono::duration<double>(now - shown).count());
+      Show();
       shown = now;
       LibraryOutput::Take();
     }
@@ -140,26 +148,12 @@ std::string Monitor::ErrorText(std::uint16_t code) const {
   return ErrorCodeText(code);
 }
 
-std::optional<double> Monitor::BusLoad(const Traffic& traffic, double seconds) const {
-  if (!bitrate_ || *bitrate_ <= 0 || seconds <= 0) return std::nullopt;
-  return 100.0 * static_cast<double>(traffic.bits) / seconds / *bitrate_;
-}
-
-void Monitor::Show(double seconds) {
-  const Traffic traffic = std::exchange(states_.traffic(), Traffic());
+void Monitor::Show() {
   if (context_.json) {
-    ShowJson(traffic, seconds);
+    ShowJson();
   } else {
-    std::vector<std::string> lines;
-    char text[128];
-    std::snprintf(text, sizeof(text), "%s: %.0f frames/s, %d error frames, bus load ",
-                  context_.vehicle.interface.c_str(), traffic.frames / seconds,
-                  traffic.error_frames);
-    std::string head = text;
-    const std::optional<double> load = BusLoad(traffic, seconds);
-    std::snprintf(text, sizeof(text), "%.1f %%", load.value_or(0));
-    head += load ? text : "unknown (no bit rate)";
-    lines.push_back(context_.Coloured(Colour::kBold, head));
+    std::vector<std::string> lines = traffic_->Lines();
+    lines.front() = context_.Coloured(Colour::kBold, lines.front());
     for (const auto& [id, node] : states_.nodes()) {
       for (const std::string& row : Rows(id, node)) lines.push_back(row);
     }
@@ -205,19 +199,19 @@ std::vector<std::string> Monitor::Rows(int id, const NodeState& node) const {
       std::snprintf(speed, sizeof(speed), "; %.1f rpm", *motor.rpm);
       row += speed;
     }
+    if (motor.target_rpm) {
+      char target[32];
+      std::snprintf(target, sizeof(target), "%s target %.1f rpm", motor.rpm ? "," : ";",
+                    *motor.target_rpm);
+      row += target;
+    }
     rows.push_back(row);
   }
   return rows;
 }
 
-void Monitor::ShowJson(const Traffic& traffic, double seconds) const {
-  const std::optional<double> load = BusLoad(traffic, seconds);
-  context_.Line(Json{{"command", "monitor"},
-                     {"event", "bus"},
-                     {"frames_per_s", std::round(traffic.frames / seconds * 10) / 10},
-                     {"error_frames", traffic.error_frames},
-                     {"bus_load_percent", load ? Json(std::round(*load * 10) / 10) : Json(nullptr)}}
-                    .dump());
+void Monitor::ShowJson() const {
+  context_.Line(traffic_->Json().dump());
   for (const auto& [id, node] : states_.nodes()) {
     Json motors = Json::array();
     for (std::size_t i = 0; i < states_.motors(); ++i) {
@@ -229,7 +223,9 @@ void Monitor::ShowJson(const Traffic& traffic, double seconds) const {
            {"status", status ? Json(StatuswordText(*status, context_.make)) : Json(nullptr)},
            {"error_code", error ? Json(*error) : Json(nullptr)},
            {"error", error ? Json(ErrorText(*error)) : Json(nullptr)},
-           {"rpm", motor.rpm ? Json(std::round(*motor.rpm * 10) / 10) : Json(nullptr)}});
+           {"rpm", motor.rpm ? Json(std::round(*motor.rpm * 10) / 10) : Json(nullptr)},
+           {"target_rpm",
+            motor.target_rpm ? Json(std::round(*motor.target_rpm * 10) / 10) : Json(nullptr)}});
     }
     context_.Line(Json{
         {"command", "monitor"},

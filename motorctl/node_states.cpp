@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "pdo_fields.h"
+#include "target_velocities.h"
 
 namespace motorctl {
 namespace {
@@ -20,9 +21,14 @@ bool Carries(std::uint32_t function, const motor_driver::Field& field) {
 
 }  // namespace
 
-NodeStates::NodeStates(const motor_driver::Make* make, double counts_per_turn,
+NodeStates::NodeStates(const motor_driver::Make* make, unsigned long counts_per_revolution,
                        const std::vector<int>& only)
-    : make_(make), counts_per_turn_(counts_per_turn), only_(only) {
+    : make_(make),
+      counts_per_turn_(static_cast<double>(
+          make == nullptr ? counts_per_revolution
+                          : motor_driver::CountsPerRevolution(*make, counts_per_revolution))),
+      units_per_rpm_(make == nullptr ? 1 : motor_driver::UnitsPerRpm(*make, counts_per_revolution)),
+      only_(only) {
   for (const int id : only_) nodes_[id];
 }
 
@@ -36,17 +42,17 @@ bool NodeStates::AllHeard() const {
 }
 
 void NodeStates::Hear(const HeardFrame& heard) {
-  if (heard.is_error()) {
-    ++traffic_.error_frames;
-    return;
-  }
-  const bool extended = (heard.frame.can_id & CAN_EFF_FLAG) != 0;
-  ++traffic_.frames;
-  traffic_.bits += (extended ? 67 : 47) + 8 * heard.frame.can_dlc;
+  if (heard.is_error()) return;
   now_ = heard.second;
   const std::uint32_t function = heard.frame.can_id & kFunctionMask;
   const int id = static_cast<int>(heard.frame.can_id & kNodeMask);
   if (!heard.is_data() || id == 0 || !Wanted(id)) return;
+  if (const auto known = nodes_.find(id); known != nodes_.end() && make_ != nullptr) {
+    ForEachTarget(*make_, function, heard.frame.data, heard.frame.can_dlc,
+                  [&, &motors = known->second.motors](int motor, double units) {
+                    motors[motor].target_rpm = make_->direction * units / units_per_rpm_;
+                  });
+  }
   if (function == kHeartbeat && heard.frame.can_dlc == 1) {
     NodeState& node = nodes_[id];
     node.heard = true;

@@ -1,4 +1,4 @@
-// What the nodes of a bus tell about themselves, gathered from the frames that they send.
+// What the nodes of a bus tell about themselves and are told, gathered from the frames that go by.
 #pragma once
 
 #include <cstdint>
@@ -24,6 +24,7 @@ struct MotorState {
   std::optional<Position> first;
   Position last;
   std::optional<double> rpm;
+  std::optional<double> target_rpm;  // the last that went by, to the drive
 };
 
 struct NodeState {
@@ -33,16 +34,12 @@ struct NodeState {
   MotorState motors[motor_driver::kMaxMotors];
 };
 
-struct Traffic {
-  int frames = 0;
-  int error_frames = 0;
-  long bits = 0;  // without stuff bits, which depend on the contents
-};
-
 class NodeStates {
  public:
-  // `make`: nullptr where PDOs are not to be taken apart. `only`: of these nodes; empty: of all.
-  NodeStates(const motor_driver::Make* make, double counts_per_turn, const std::vector<int>& only);
+  // `make`: nullptr where PDOs are not to be taken apart. `counts_per_revolution`: where the make
+  // does not know them. `only`: of these nodes; empty: of all.
+  NodeStates(const motor_driver::Make* make, unsigned long counts_per_revolution,
+             const std::vector<int>& only);
 
   void Hear(const HeardFrame& heard);
   // Asks every node for statusword and error code by SDO.
@@ -54,7 +51,6 @@ class NodeStates {
   const std::map<int, NodeState>& nodes() const { return nodes_; }
   std::size_t motors() const { return make_ == nullptr ? 1 : make_->motors; }
   double now() const { return now_; }  // of the frame heard last
-  Traffic& traffic() { return traffic_; }
   bool AllHeard() const;
 
  private:
@@ -65,9 +61,9 @@ class NodeStates {
 
   const motor_driver::Make* const make_;
   const double counts_per_turn_;
+  const double units_per_rpm_;
   const std::vector<int> only_;
   std::map<int, NodeState> nodes_;
-  Traffic traffic_;
   double now_ = 0;
 };
 

@@ -4,6 +4,7 @@
 
 #include "pdo_fields.h"
 #include "report.h"
+#include "target_velocities.h"
 
 namespace motorctl {
 namespace {
@@ -14,23 +15,12 @@ constexpr std::int64_t kShortest = 45'000'000;
 // After so long without a report it begins anew: what happened meanwhile is not known.
 constexpr std::int64_t kLongest = 1'000'000'000;
 
-constexpr std::uint32_t kSdoRequest = 0x600;
 constexpr std::uint32_t kHeartbeat = 0x700;
 
 struct Position {
   std::int64_t nanoseconds = 0;
   std::uint32_t counts = 0;
 };
-
-// Sign and bytes as the drive takes them.
-double Signed(std::uint32_t value, unsigned bytes) {
-  if (bytes < 4) {
-    const std::uint32_t sign = 1U << (8 * bytes - 1);
-    value &= (sign << 1) - 1;
-    value = (value ^ sign) - sign;
-  }
-  return static_cast<double>(static_cast<std::int32_t>(value));
-}
 
 class Follower {
  public:
@@ -56,17 +46,13 @@ class Follower {
     if (frame.kind != LoggedFrame::Kind::kData || frame.extended || frame.segment) return;
     const std::uint32_t base = frame.id & ~0x7FU;
     const std::uint32_t node = frame.id & 0x7FU;
-    if (base == kSdoRequest) {
-      if (frame.length == 8) HearWrite(node, frame);
-    } else if (base == kHeartbeat && frame.data[0] == 0) {
+    if (base == kHeartbeat && frame.data[0] == 0) {
       for (const int wheel : wheels_[node]) {
         if (wheel >= 0) positions_[static_cast<std::size_t>(wheel)].clear();
       }
     } else {
-      ForEachMotor(make_, make_.target, base, frame.data, frame.length,
-                   [&](int motor, std::uint32_t value) {
-                     Command(wheels_[node][motor], frame, value, make_.target.bits / 8);
-                   });
+      ForEachTarget(make_, base, frame.data, frame.length,
+                    [&](int motor, double units) { Command(wheels_[node][motor], frame, units); });
       ForEachMotor(
           make_, make_.position, base, frame.data, frame.length,
           [&](int motor, std::uint32_t value) { Measure(wheels_[node][motor], frame, value); });
@@ -74,20 +60,6 @@ class Follower {
   }
 
  private:
-  // Target velocities can be written, too; some makes take no others.
-  void HearWrite(std::uint32_t node, const KeptFrame& frame) {
-    constexpr unsigned kWrite = 1;
-    if (frame.data[0] >> 5U != kWrite || (frame.data[0] & 2U) == 0) return;
-    const bool size_given = (frame.data[0] & 1U) != 0;
-    const unsigned bytes = size_given ? 4 - (frame.data[0] >> 2U & 3U) : 4;
-    const std::uint32_t index = LittleEndian(frame.data + 1, 2);
-    for (std::size_t motor = 0; motor < make_.targets.size(); ++motor) {
-      const motor_driver::Object& target = make_.targets[motor];
-      if (index != target.index || frame.data[3] != target.sub_index) continue;
-      Command(wheels_[node][motor], frame, LittleEndian(frame.data + 4, 4), bytes);
-    }
-  }
-
   // Of the motor, in rpm of the wheel.
   double OfWheel(int wheel, double value) const {
     const motor_driver::Wheel& each = report_.wheels[static_cast<std::size_t>(wheel)].wheel;
@@ -105,9 +77,9 @@ class Follower {
     take_(point, report_.wheels[point.wheel]);
   }
 
-  void Command(int wheel, const KeptFrame& frame, std::uint32_t value, unsigned bytes) {
+  void Command(int wheel, const KeptFrame& frame, double units) {
     if (wheel < 0) return;
-    Tell(wheel, frame, false, OfWheel(wheel, Signed(value, bytes) / units_), 0);
+    Tell(wheel, frame, false, OfWheel(wheel, units / units_), 0);
   }
 
   void Measure(int wheel, const KeptFrame& frame, std::uint32_t counts) {

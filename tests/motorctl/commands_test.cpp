@@ -135,6 +135,25 @@ TEST_P(EveryMakeTest, MonitorShowsStateErrorAndSpeed) {
   EXPECT_TRUE(Contains(text.out, "error 0x2310 Continuous over current")) << text.out;
 }
 
+// A host that does not hear itself turns the wheel.
+TEST_P(EveryMakeTest, MonitorShowsWhatTheHostCommands) {
+  const sim::SimulatedDrive drive(Options(make_));
+  Process jog({"jog", "1", "--make", make_, "--rpm", "30", "--seconds", "60", "--yes"});
+  ASSERT_TRUE(Eventually([&] { return std::abs(drive.SpeedRpm()) > 25; })) << jog.Err();
+  const std::vector<Json> objects =
+      Motorctl({"monitor", "1", "--once", "--make", make_, "--json"}).Objects();
+  jog.Signal(SIGINT);
+  ASSERT_EQ(objects.size(), 2U);
+  const Json& bus = objects[0];
+  EXPECT_GT(bus["sent_frames_per_s"].get<double>(), 5.0);
+  EXPECT_GT(bus["frames_per_s"].get<double>(), bus["sent_frames_per_s"].get<double>() + 5);
+  EXPECT_GT(bus["bits_per_s"].get<double>(), 50 * bus["frames_per_s"].get<double>());
+  const Json& motor = objects[1]["motors"][0];
+  EXPECT_EQ(motor["target_rpm"], 30.0) << objects[1];
+  EXPECT_NEAR(motor["rpm"].get<double>(), 30, 6);
+  jog.Wait();
+}
+
 TEST_P(EveryMakeTest, DoctorFindsNothingWrongAfterABringUp) {
   sim::SimulatedDrive drive(Options(make_));
   ASSERT_EQ(Motorctl({"bring-up", "1", "--make", make_, "--period", "20"}).status, 0);
@@ -149,6 +168,36 @@ TEST_P(EveryMakeTest, DoctorFindsNothingWrongAfterABringUp) {
 }
 
 class CommandsTest : public bus::BusTest {};
+
+TEST_F(CommandsTest, MonitorCountsErrorFramesByWhatTheyTell) {
+  std::thread sender([] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1000));
+    bus::Command(
+        "for i in 1 2; do cansend can1 20000008#0000080000000000; done; "
+        "cansend can1 20000040#0000000000000000");
+  });
+  const Json bus = Motorctl({"monitor", "--once", "--json"}).Objects().at(0);
+  sender.join();
+  EXPECT_EQ(bus["error_frames"], 3);
+  ASSERT_EQ(bus["errors"].size(), 2U) << bus;
+  for (const auto& [text, count] : bus["errors"].items()) {
+    const bool off = Contains(text, "bus off");
+    EXPECT_TRUE(off || Contains(text, "protocol violation")) << text;
+    EXPECT_EQ(count, off ? 1 : 2) << text;
+  }
+}
+
+TEST_F(CommandsTest, MonitorSaysWhatItMayNotHear) {
+  const sim::SimulatedDrive drive(Options("zl", 50));
+  const std::string out = ::testing::TempDir() + "/unheard";
+  bus::Command("setpriv --bounding-set -net_raw --inh-caps -net_raw " MOTORCTL
+               " monitor --once > " + out);
+  std::ostringstream text;
+  text << std::ifstream(out).rdbuf();
+  EXPECT_TRUE(Contains(text.str(), "what this machine sends is not heard (CAP_NET_RAW)"))
+      << text.str();
+  EXPECT_TRUE(Contains(text.str(), "node 1: ")) << text.str();
+}
 
 TEST_F(CommandsTest, MonitorTakesTextsFromTheConfigurationOfKinco) {
   sim::SimulatedDrive drive(Options("kinco", 100));
