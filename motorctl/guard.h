@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "context.h"
-#include "guard_lock.h"
+#include "node_lock.h"
 #include "guarded_command.h"
 #include "notify_socket.h"
 #include "terminal.h"
@@ -55,7 +55,7 @@ class Guard {
   const GuardPlan& plan_;
   sigset_t previous_mask_ = {};
   int signals_ = -1;
-  GuardLock lock_;
+  NodeLock lock_;
   NotifySocket notify_;
   motor_driver::Stopper stopper_;
   GuardedCommand command_;

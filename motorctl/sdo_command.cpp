@@ -8,6 +8,7 @@
 
 #include "context.h"
 #include "data_sheet.h"
+#include "moving_objects.h"
 #include "sdo_client.h"
 #include "sdo_value.h"
 #include "sdo_words.h"
@@ -28,20 +29,6 @@ struct Options {
   bool yes = false;
   bool force = false;
 };
-
-// Objects that turn a wheel, or let it turn: target velocities, torque and position, controlword
-// and mode.
-bool Moves(std::uint16_t index) {
-  for (const int moving : {0x60FF, 0x2FF0, 0x6071, 0x607A, 0x6040, 0x6060}) {
-    if (index == moving) return true;
-  }
-  for (const motor_driver::Make& make : motor_driver::Makes()) {
-    for (const motor_driver::Object& target : make.targets) {
-      if (index == target.index) return true;
-    }
-  }
-  return false;
-}
 
 std::uint16_t Index(const Options& options) {
   return static_cast<std::uint16_t>(ParseNumber(options.index, "INDEX", 0, 0xFFFF));

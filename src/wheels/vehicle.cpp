@@ -2,7 +2,6 @@
 
 #include <fmt/format.h>
 #include <yaml-cpp/depthguard.h>
-#include <yaml-cpp/eventhandler.h>
 #include <yaml-cpp/yaml.h>
 
 #include <cerrno>
@@ -10,11 +9,11 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <sstream>
 #include <string>
 #include <type_traits>
 
 #include "wheels/vehicle_rules.h"
+#include "wheels/yaml_documents.h"
 
 namespace motor_driver {
 namespace {
@@ -65,31 +64,6 @@ std::string ReadFile(const std::string& path) {
     RefuseFile(path, fmt::format("too long for a vehicle, at most {} bytes", kLongestFile));
   }
   return text;
-}
-
-// Makes nothing of a document.
-class PassOver final : public YAML::EventHandler {
- public:
-  void OnDocumentStart(const YAML::Mark&) override {}
-  void OnDocumentEnd() override {}
-  void OnNull(const YAML::Mark&, YAML::anchor_t) override {}
-  void OnAlias(const YAML::Mark&, YAML::anchor_t) override {}
-  void OnScalar(const YAML::Mark&, const std::string&, YAML::anchor_t,
-                const std::string&) override {}
-  void OnSequenceStart(const YAML::Mark&, const std::string&, YAML::anchor_t,
-                       YAML::EmitterStyle::value) override {}
-  void OnSequenceEnd() override {}
-  void OnMapStart(const YAML::Mark&, const std::string&, YAML::anchor_t,
-                  YAML::EmitterStyle::value) override {}
-  void OnMapEnd() override {}
-};
-
-// Not by LoadAll(): where a text goes on with a comma after its document, it never ends.
-bool HoldsSeveral(const std::string& text) {
-  std::istringstream stream(text);
-  YAML::Parser parser(stream);
-  PassOver handler;
-  return parser.HandleNextDocument(handler) && parser;
 }
 
 // Takes the entries of one mapping, each at most once, and remembers where they stand.
@@ -265,7 +239,7 @@ Vehicle LoadVehicle(const std::string& path) {
   const std::string text = ReadFile(path);
   Vehicle vehicle;
   try {
-    if (HoldsSeveral(text)) {
+    if (HoldsSeveralDocuments(text)) {
       RefuseFile(path, "holds several documents, a vehicle is one");
     }
     const YAML::Node root = YAML::Load(text);

@@ -1,4 +1,4 @@
-#include "guard_lock.h"
+#include "node_lock.h"
 
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -34,14 +34,15 @@ pid_t HolderOf(const sockaddr_un& address, socklen_t size) {
 
 }  // namespace
 
-GuardLock::GuardLock(const std::string& interface, const std::vector<int>& nodes) {
+NodeLock::NodeLock(const std::string& interface, const std::vector<int>& nodes,
+                   const std::string& name, const std::string& taken) {
   for (const int node : nodes) {
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     // The first byte stays 0.
-    const std::string name = "motor-driver-guard/" + interface + "/" + std::to_string(node);
-    std::copy(name.begin(), name.end(), address.sun_path + 1);
-    const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
+    const std::string path = "motor-driver-" + name + "/" + interface + "/" + std::to_string(node);
+    std::copy(path.begin(), path.end(), address.sun_path + 1);
+    const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + path.size());
     const int socket = Socket();
     sockets_.push_back(socket);
     if (::bind(socket, reinterpret_cast<const sockaddr*>(&address), size) == 0 &&
@@ -54,15 +55,14 @@ GuardLock::GuardLock(const std::string& interface, const std::vector<int>& nodes
       throw std::system_error(failure, std::generic_category(), "lock of a node");
     }
     const pid_t holder = HolderOf(address, size);
-    throw CommandFailed("node " + std::to_string(node) + " on " + interface +
-                        " is guarded already" +
+    throw CommandFailed("node " + std::to_string(node) + " on " + interface + " " + taken +
                         (holder > 0 ? ", by process " + std::to_string(holder) : ""));
   }
 }
 
-GuardLock::~GuardLock() { Close(); }
+NodeLock::~NodeLock() { Close(); }
 
-void GuardLock::Answer() {
+void NodeLock::Answer() {
   for (const int socket : sockets_) {
     for (int asking = 0; (asking = ::accept4(socket, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
       ::close(asking);
@@ -70,7 +70,7 @@ void GuardLock::Answer() {
   }
 }
 
-void GuardLock::Close() {
+void NodeLock::Close() {
   for (const int socket : sockets_) ::close(socket);
   sockets_.clear();
 }
