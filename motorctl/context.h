@@ -128,6 +128,7 @@ void AddRecord(CLI::App& app, Context& context);
 void AddReport(CLI::App& app, Context& context);
 void AddExplain(CLI::App& app, Context& context);
 void AddDecode(CLI::App& app, Context& context);
+void AddConfig(CLI::App& app, Context& context);
 void AddVehicle(CLI::App& app, Context& context);
 
 }  // namespace motorctl

@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "context.h"
-#include "node_lock.h"
 #include "guarded_command.h"
+#include "node_lock.h"
 #include "notify_socket.h"
 #include "terminal.h"
 #include "wheels/stopper.h"

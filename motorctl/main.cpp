@@ -110,9 +110,17 @@ int TakeGuardedCommand(int argc, char** argv, Context& context) {
 
 // They wait for nodes, or move them.
 bool IsOnTheBus(const CLI::App& app) {
-  const char* const names[] = {"doctor", "scan", "info", "sdo", "bring-up", "jog", "monitor"};
+  const char* const names[] = {"doctor", "scan",     "info", "sdo",
+                               "config", "bring-up", "jog",  "monitor"};
   return std::any_of(std::begin(names), std::end(names),
                      [&app](const char* name) { return app.got_subcommand(name); });
+}
+
+// Of a file that is named on the command line.
+int StatusOfWrongFile(const CLI::App& app) {
+  if (app.got_subcommand("guard")) return kGuardFailed;
+  const CLI::App* const config = app.get_subcommand("config");
+  return config->got_subcommand("diff") ? kUsage : kFailure;
 }
 
 int Run(int argc, char** argv) {
@@ -137,6 +145,7 @@ int Run(int argc, char** argv) {
   AddScan(app, context);
   AddInfo(app, context);
   AddSdo(app, context);
+  AddConfig(app, context);
   AddBringUp(app, context);
   AddJog(app, context);
   AddStop(app, context);
@@ -161,7 +170,7 @@ int Run(int argc, char** argv) {
     return kUsage;
   } catch (const std::runtime_error& wrong_file) {
     context.Say(wrong_file.what());
-    return app.got_subcommand("guard") ? int{kGuardFailed} : int{kFailure};
+    return StatusOfWrongFile(app);
   }
 
   // A reader that has gone away shows as a failed write: a command may have wheels to stop.

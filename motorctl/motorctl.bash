@@ -4,7 +4,7 @@ _motorctl_takes_value() {
   case $1 in
     --vehicle | --interface | --make | --counts-per-revolution | --eds | --from | --to | --period | --rpm | --rpm2 | \
       --seconds | --limit | --fresh-ms | --ramp | --csv | --svg | --config | --directory | --after | --memory-mb | \
-      --keep | --limit-mb | --file-mb | --files-mb | --timeout | --html | --bit-rate) return 0 ;;
+      --keep | --limit-mb | --file-mb | --files-mb | --timeout | --html | --bit-rate | --output) return 0 ;;
   esac
   return 1
 }
@@ -53,7 +53,7 @@ _motorctl() {
   case $command in
     '')
       options+=' --version'
-      words='doctor scan info sdo bring-up jog stop guard monitor record report explain decode vehicle'
+      words='doctor scan info sdo config bring-up jog stop guard monitor record report explain decode vehicle'
       ;;
     doctor | info) options+=' --timeout' ;;
     scan) options+=' --from --to --timeout' ;;
@@ -73,6 +73,19 @@ _motorctl() {
       fi
       [[ $nested != write ]] || options+=' --yes --force'
       ;;
+    config)
+      options+=' --timeout'
+      if ((position == 0)); then
+        words='save diff restore'
+      else
+        files=true
+      fi
+      case $nested in
+        save) options+=' --output --dcf --partial' files=false ;;
+        diff) options+=' --volatile' ;;
+        restore) options+=' --yes --force --save --bus-settings' ;;
+      esac
+      ;;
     decode) files=true ;;
     vehicle) if ((position == 0)); then words='check'; else files=true; fi ;;
   esac
@@ -82,7 +95,7 @@ _motorctl() {
     case $previous in
       --interface) words=$(_motorctl_interfaces) ;;
       --make) words=$("${COMP_WORDS[0]}" --list-makes 2>/dev/null) ;;
-      --vehicle | --eds | --csv | --svg | --html | --config | --directory) files=true ;;
+      --vehicle | --eds | --csv | --svg | --html | --config | --directory | --output) files=true ;;
     esac
   elif [[ $current == -* ]]; then
     words=$options files=false

@@ -32,7 +32,7 @@ listed() {
   "$motorctl" "$@" --help | grep -oE '^ +(-[a-z], *)?--[a-z0-9-]+' | grep -oE -e '--[a-z0-9-]+'
 }
 
-commands='bring-up decode doctor explain guard info jog monitor record report scan sdo stop vehicle'
+commands='bring-up config decode doctor explain guard info jog monitor record report scan sdo stop vehicle'
 expect "$commands" ''
 expect 'decode doctor' d
 expect 'jog' jo
@@ -53,6 +53,9 @@ expect 'i16 i32 i8' sdo write 1 0x6040 0 i
 expect 'str' sdo read 1 0x1008 0 s
 expect '--timeout' sdo read 1 0x1008 0 --t
 expect 'write' sdo --timeout 100 w
+expect 'diff restore save' config ''
+expect '' config save ''
+expect '--save' config restore a.yaml 1 --s
 expect '' explain ''
 expect '--verbose --version' --ver
 expect '--version' --vers

@@ -1,0 +1,108 @@
+#include "config_bus.h"
+
+#include <poll.h>
+
+#include <algorithm>
+
+#include "config_pdo.h"
+#include "terminal.h"
+#include "words.h"
+
+namespace motorctl {
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr canid_t kErrorControl = 0x700;
+constexpr canid_t kSdoRequest = 0x600;
+constexpr canid_t kNodeBits = 0x7F;
+constexpr canid_t kFirstPdo = 0x200;
+constexpr canid_t kLastPdo = 0x500;
+constexpr unsigned kPdos = 512;
+constexpr std::uint8_t kOperational = 5;
+constexpr std::uint32_t kInvalid = 0x80000000;
+constexpr std::uint32_t kLongestId = 0x7FF;
+constexpr milliseconds kStoring{10'000};
+
+// Whoever read standard output has gone away.
+bool NobodyReadsOutput() {
+  pollfd output = {DataDescriptor(), 0, 0};
+  return ::poll(&output, 1, 0) > 0 && (output.revents & POLLERR) != 0;
+}
+
+}  // namespace
+
+BusDevice::BusDevice(const std::string& interface, int node, milliseconds timeout,
+                     std::function<bool()> interrupted)
+    : interface_(interface),
+      node_(node),
+      interrupted_(std::move(interrupted)),
+      client_(interface, timeout) {
+  // All that is the node's by the usual identifiers: boot-up, requests to it, its PDOs.
+  listeners_.push_back(
+      std::make_unique<Listener>(interface, static_cast<canid_t>(node), kNodeBits));
+  for (canid_t base = kFirstPdo; base <= kLastPdo; base += 0x100) {
+    pdos_.push_back(base + static_cast<canid_t>(node));
+  }
+}
+
+SdoAnswer BusDevice::Read(std::uint16_t index, std::uint8_t sub) {
+  return client_.Upload(node_, index, sub);
+}
+
+SdoAnswer BusDevice::Write(std::uint16_t index, std::uint8_t sub, const Bytes& bytes) {
+  return client_.Download(node_, index, sub, bytes);
+}
+
+SdoAnswer BusDevice::Store() {
+  const milliseconds usual = client_.timeout();
+  client_.set_timeout(std::max(usual, kStoring));
+  const SdoAnswer answer = client_.Download(node_, 0x1010, 1, {'s', 'a', 'v', 'e'});
+  client_.set_timeout(usual);
+  return answer;
+}
+
+void BusDevice::RefuseOtherHosts() {
+  for (unsigned number = 0; number < kPdos; ++number) {
+    const auto index = static_cast<std::uint16_t>(0x1400 + number);
+    const SdoAnswer answer = client_.Upload(node_, index, kPdoCobId);
+    if (!answer.ok()) break;
+    const std::uint32_t cob_id = answer.number();
+    const bool heard = (cob_id & kNodeBits) == static_cast<canid_t>(node_);
+    if ((cob_id & kInvalid) != 0 || (cob_id & CAN_EFF_MASK) > kLongestId || cob_id == 0) continue;
+    const canid_t id = cob_id & kLongestId;
+    if (!heard) listeners_.push_back(std::make_unique<Listener>(interface_, id, CAN_SFF_MASK));
+    if (std::find(pdos_.begin(), pdos_.end(), id) == pdos_.end()) pdos_.push_back(id);
+  }
+  refuses_others_ = true;
+  other_host_.clear();
+}
+
+std::string BusDevice::Disturbance() {
+  for (const auto& listener : listeners_) {
+    for (HeardFrame heard; listener->Hear(heard, milliseconds(0));) {
+      if (heard.is_data()) Hear(heard.frame);
+    }
+  }
+  if (interrupted_()) return "interrupted";
+  if (NobodyReadsOutput()) return "nobody reads standard output any more";
+  if (booted_up_) return "node " + std::to_string(node_) + " booted up in the middle";
+  return refuses_others_ ? other_host_ : "";
+}
+
+void BusDevice::Hear(const can_frame& frame) {
+  const auto node = static_cast<canid_t>(node_);
+  const std::string name = "node " + std::to_string(node_);
+  if (frame.can_id == kErrorControl + node && frame.can_dlc == 1) {
+    const std::uint8_t state = frame.data[0] & 0x7F;
+    booted_up_ = booted_up_ || state == 0;
+    not_operational_ = state != 0 && state != kOperational;
+  } else if (frame.can_id == kSdoRequest + node) {
+    other_host_ = "another program writes or reads objects of " + name;
+  } else if (!not_operational_ &&
+             std::find(pdos_.begin(), pdos_.end(), frame.can_id) != pdos_.end()) {
+    other_host_ = "another host drives " + name + ": PDO " + Hex(frame.can_id, 3) + " comes";
+  }
+}
+
+}  // namespace motorctl

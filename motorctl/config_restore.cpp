@@ -1,0 +1,172 @@
+#include "config_restore.h"
+
+#include <chrono>
+#include <map>
+#include <thread>
+
+#include "context.h"
+#include "sdo_words.h"
+
+namespace motorctl {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr int kAttempts = 3;
+// A drive that was reset is back by then.
+constexpr std::chrono::seconds kLongestBoot{5};
+constexpr std::chrono::milliseconds kPause{100};
+
+std::string Shown(const ConfigObject& object) {
+  return Place(object.index, object.sub) + (object.name.empty() ? "" : " (" + object.name + ")");
+}
+
+class Restoring {
+ public:
+  Restoring(const std::vector<ConfigWrite>& writes, const ConfigIdentity& identity,
+            ConfigDevice& device)
+      : writes_(writes), identity_(identity), device_(device) {}
+
+  ConfigOutcome Run(const std::function<void()>& finish) {
+    ConfigOutcome outcome;
+    try {
+      for (const ConfigWrite& write : writes_) {
+        RequirePeace();
+        ++begun_;
+        if (!Write(write)) outcome.refused.push_back(Shown(write.object));
+      }
+      RequirePeace();
+      RequireTheSameDrive();
+      finish();
+    } catch (const CommandFailed& failure) {
+      outcome.failure = failure.what();
+      Undo(outcome);
+    }
+    return outcome;
+  }
+
+ private:
+  void RequirePeace() const {
+    const std::string disturbance = device_.Disturbance();
+    if (!disturbance.empty()) throw CommandFailed(disturbance);
+  }
+
+  void RequireTheSameDrive() const {
+    const std::string another = Another(IdentityOf(device_));
+    if (!another.empty()) throw CommandFailed(another);
+  }
+
+  // Why the drive may be another one than that which the plan was made for.
+  std::string Another(const ReadIdentity& found) const {
+    if (!found.answers) return "the drive answers no longer";
+    std::string different = DifferentProduct(identity_, found.identity);
+    if (different.empty()) different = DifferentRevision(identity_, found.identity);
+    if (different.empty()) different = DifferentSerial(identity_, found.identity);
+    if (!different.empty()) return "this is another drive: " + different;
+    if (device_.booted_up() && identity_.serial.value_or(0) == 0) {
+      return "a drive booted up, and without a serial number it may be another one";
+    }
+    return "";
+  }
+
+  // False where the drive refuses what nothing uses.
+  bool Write(const ConfigWrite& write) {
+    const ConfigObject& object = write.object;
+    const SdoAnswer answer =
+        Repeat([&] { return device_.Write(object.index, object.sub, object.bytes); });
+    if (answer.kind == SdoAnswer::Kind::kAborted && write.optional) return false;
+    const bool written =
+        answer.ok() || (answer.kind == SdoAnswer::Kind::kLate && answer.abort_code == 0);
+    if (!written) throw CommandFailed(Shown(object) + ": " + WriteExplanation(answer));
+    const SdoAnswer read = Repeat([&] { return device_.Read(object.index, object.sub); });
+    if (!read.ok()) throw CommandFailed(Shown(object) + ": read back: " + Explanation(read));
+    if (read.bytes != object.bytes) {
+      throw CommandFailed(Shown(object) + ": was written as " + ConfigValueText(object) +
+                          " and is read back as " + ConfigValueText(object, read.bytes));
+    }
+    return true;
+  }
+
+  // The same value once more does no harm; a frame may have been lost.
+  template <typename Transfer>
+  static SdoAnswer Repeat(Transfer transfer) {
+    SdoAnswer answer = transfer();
+    for (int i = 1; i < kAttempts && answer.kind == SdoAnswer::Kind::kNoAnswer; ++i) {
+      answer = transfer();
+    }
+    return answer;
+  }
+
+  void Undo(ConfigOutcome& outcome) {
+    if (begun_ == 0) return;
+    const ReadIdentity found = AwaitDrive();
+    const std::string another = Another(found);
+    if (!another.empty()) {
+      outcome.failure += "; nothing is written back, for " + another;
+      NameAll(outcome);
+      return;
+    }
+    for (std::size_t i = begun_; i > 0; --i) {
+      const ConfigWrite& write = writes_[i - 1];
+      // An object that takes the value back only later is seen when all are compared.
+      Repeat([&] { return device_.Write(write.object.index, write.object.sub, write.before); });
+    }
+    Compare(outcome);
+  }
+
+  // As the plan found them.
+  using Held = std::map<std::pair<std::uint16_t, std::uint8_t>, const ConfigWrite*>;
+  Held Before() const {
+    Held held;
+    for (std::size_t i = 0; i < begun_; ++i) {
+      const ConfigObject& object = writes_[i].object;
+      held.insert({{object.index, object.sub}, &writes_[i]});
+    }
+    return held;
+  }
+
+  void NameAll(ConfigOutcome& outcome) const {
+    for (const auto& [place, write] : Before()) {
+      outcome.not_as_they_were.push_back(Shown(write->object) + " was " +
+                                         ConfigValueText(write->object, write->before));
+    }
+  }
+
+  void Compare(ConfigOutcome& outcome) {
+    bool answers = true;
+    for (const auto& [place, write] : Before()) {
+      const ConfigObject& object = write->object;
+      const SdoAnswer read = answers ? device_.Read(object.index, object.sub) : SdoAnswer();
+      answers = answers && read.heard();
+      if (read.ok() && read.bytes == write->before) continue;
+      outcome.not_as_they_were.push_back(Shown(object) + " was " +
+                                         ConfigValueText(object, write->before) + " and " +
+                                         (read.ok() ? "is " + ConfigValueText(object, read.bytes)
+                                                    : "cannot be read: " + Explanation(read)));
+    }
+  }
+
+  // It may be booting.
+  ReadIdentity AwaitDrive() {
+    ReadIdentity found = IdentityOf(device_);
+    for (const auto until = Clock::now() + kLongestBoot; !found.answers && Clock::now() < until;) {
+      std::this_thread::sleep_for(kPause);
+      found = IdentityOf(device_);
+    }
+    return found;
+  }
+
+  const std::vector<ConfigWrite>& writes_;
+  const ConfigIdentity& identity_;
+  ConfigDevice& device_;
+  std::size_t begun_ = 0;
+};
+
+}  // namespace
+
+ConfigOutcome WritePlan(const std::vector<ConfigWrite>& writes, const ConfigIdentity& identity,
+                        ConfigDevice& device, const std::function<void()>& finish) {
+  return Restoring(writes, identity, device).Run(finish);
+}
+
+}  // namespace motorctl

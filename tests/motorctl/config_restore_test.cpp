@@ -1,0 +1,204 @@
+// A plan is written, or the drive is as it was, or what is not is named: on a drive of memory.
+#include "config_restore.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "context.h"
+#include "memory_drive.h"
+
+namespace motorctl {
+namespace {
+
+// Each of the five objects is 0x10 more; the first one takes a detour, as identifiers of PDOs do.
+std::vector<ConfigWrite> Plan() {
+  std::vector<ConfigWrite> writes;
+  const auto add = [&](std::uint8_t sub, std::uint8_t before, std::uint8_t value) {
+    ConfigWrite write;
+    write.object.index = 0x2000;
+    write.object.sub = sub;
+    write.object.bytes = {value};
+    write.before = {before};
+    writes.push_back(write);
+  };
+  add(1, 1, 0x80);
+  for (std::uint8_t sub = 2; sub <= 5; ++sub) {
+    add(sub, sub, static_cast<std::uint8_t>(0x10 + sub));
+  }
+  add(1, 0x80, 0x11);
+  return writes;
+}
+
+constexpr int kSteps = 6;
+const ConfigIdentity kIdentity = {1, 2, 3, 4};
+
+ConfigOutcome Restore(MemoryDrive& drive, const ConfigIdentity& identity = kIdentity) {
+  return WritePlan(Plan(), identity, drive, [] {});
+}
+
+std::vector<int> Held(MemoryDrive& drive) {
+  std::vector<int> held;
+  for (std::uint8_t sub = 1; sub <= 5; ++sub) held.push_back(drive.values[{0x2000, sub}][0]);
+  return held;
+}
+
+const std::vector<int> kBefore = {1, 2, 3, 4, 5};
+const std::vector<int> kAfter = {0x11, 0x12, 0x13, 0x14, 0x15};
+
+bool Contains(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
+}
+
+TEST(ConfigRestore, WritesAndReadsEveryObject) {
+  MemoryDrive drive;
+  bool finished = false;
+  const ConfigOutcome outcome =
+      WritePlan(Plan(), kIdentity, drive, [&finished] { finished = true; });
+  EXPECT_EQ(outcome.failure, "");
+  EXPECT_TRUE(finished);
+  EXPECT_EQ(drive.writes, kSteps);
+  EXPECT_GE(drive.reads, kSteps);
+  EXPECT_EQ(Held(drive), kAfter);
+}
+
+TEST(ConfigRestore, WritesOldValuesBackInReverseAfterARefusal) {
+  for (int step = 1; step <= kSteps; ++step) {
+    MemoryDrive drive;
+    drive.abort_at = step;
+    const ConfigOutcome outcome = Restore(drive);
+    EXPECT_TRUE(Contains(outcome.failure, "0x06090030")) << outcome.failure;
+    EXPECT_EQ(outcome.not_as_they_were.size(), 0U);
+    EXPECT_EQ(Held(drive), kBefore) << step;
+    ASSERT_EQ(drive.log.size(), static_cast<std::size_t>(2 * step));
+    for (int i = 0; i < step; ++i) {
+      EXPECT_EQ(drive.log[static_cast<std::size_t>(i)].first,
+                drive.log[static_cast<std::size_t>(2 * step - 1 - i)].first);
+    }
+    EXPECT_EQ(drive.log.back().second, Bytes{1});
+  }
+}
+
+TEST(ConfigRestore, RepeatsAWriteThatWasLost) {
+  for (int step = 1; step <= kSteps; ++step) {
+    MemoryDrive lost;
+    lost.lose_at = step;
+    EXPECT_EQ(Restore(lost).failure, "") << step;
+    EXPECT_EQ(Held(lost), kAfter);
+    MemoryDrive unconfirmed;
+    unconfirmed.lose_answer_at = step;
+    EXPECT_EQ(Restore(unconfirmed).failure, "") << step;
+    EXPECT_EQ(Held(unconfirmed), kAfter);
+  }
+}
+
+TEST(ConfigRestore, UndoesWhatIsReadBackDifferently) {
+  MemoryDrive drive;
+  drive.lies_at = {0x2000, 4};
+  const ConfigOutcome outcome = Restore(drive);
+  EXPECT_TRUE(Contains(outcome.failure, "0x2000:04: was written as 0x14 and is read back as 0x94"))
+      << outcome.failure;
+  EXPECT_EQ(Held(drive), kBefore);
+  // It still lies: nobody can tell what it holds.
+  ASSERT_EQ(outcome.not_as_they_were.size(), 1U);
+  EXPECT_EQ(outcome.not_as_they_were[0], "0x2000:04 was 0x04 and is 0x84");
+}
+
+TEST(ConfigRestore, UndoesEverythingWhenItIsInterrupted) {
+  for (int step = 0; step <= kSteps; ++step) {
+    MemoryDrive drive;
+    drive.disturb_after = step;
+    const ConfigOutcome outcome = Restore(drive);
+    EXPECT_EQ(outcome.failure, "interrupted") << step;
+    EXPECT_EQ(outcome.not_as_they_were.size(), 0U);
+    EXPECT_EQ(Held(drive), kBefore) << step;
+    EXPECT_EQ(drive.writes, 2 * step);
+  }
+}
+
+TEST(ConfigRestore, UndoesEverythingWhenItCannotBeFinished) {
+  MemoryDrive drive;
+  const ConfigOutcome outcome =
+      WritePlan(Plan(), kIdentity, drive, [] { throw CommandFailed("standard output"); });
+  EXPECT_EQ(outcome.failure, "standard output");
+  EXPECT_EQ(Held(drive), kBefore);
+}
+
+TEST(ConfigRestore, NamesWhatCouldNotBeWrittenBack) {
+  for (int step = 1; step <= kSteps; ++step) {
+    MemoryDrive drive;
+    drive.refuse_after = step;
+    const ConfigOutcome outcome = Restore(drive);
+    if (step == kSteps) {
+      EXPECT_EQ(outcome.failure, "");
+      continue;
+    }
+    EXPECT_TRUE(Contains(outcome.failure, "0x08000022")) << outcome.failure;
+    // Those that were written, and not the one that was refused.
+    ASSERT_EQ(outcome.not_as_they_were.size(), static_cast<std::size_t>(std::min(step, 5)));
+    EXPECT_EQ(outcome.not_as_they_were[0], "0x2000:01 was 0x01 and is 0x80");
+  }
+}
+
+TEST(ConfigRestore, NamesAllThatWasTouchedInADriveThatVanished) {
+  MemoryDrive drive;
+  drive.die_after = 3;
+  const ConfigOutcome outcome = Restore(drive);
+  EXPECT_TRUE(Contains(outcome.failure, "0x2000:04")) << outcome.failure;
+  EXPECT_TRUE(
+      Contains(outcome.failure, "nothing is written back, for the drive answers no longer"));
+  EXPECT_EQ(outcome.not_as_they_were,
+            (std::vector<std::string>{"0x2000:01 was 0x01", "0x2000:02 was 0x02",
+                                      "0x2000:03 was 0x03", "0x2000:04 was 0x04"}));
+}
+
+TEST(ConfigRestore, WritesNothingIntoAnotherDrive) {
+  MemoryDrive swapped;
+  swapped.swap_after = 3;
+  swapped.serial_after = {5, 0, 0, 0};
+  const ConfigOutcome outcome = Restore(swapped);
+  EXPECT_EQ(outcome.failure,
+            "node 1 booted up in the middle; nothing is written back, for this is another drive: "
+            "its serial number is 0x00000005, not 0x00000004");
+  EXPECT_EQ(swapped.writes, 3);
+  EXPECT_EQ(outcome.not_as_they_were.size(), 3U);
+
+  // One that boots up without a serial number may be another one.
+  MemoryDrive nameless;
+  nameless.swap_after = 3;
+  const ConfigOutcome unknown = Restore(nameless, {1, 2, 3, std::nullopt});
+  EXPECT_TRUE(Contains(unknown.failure, "it may be another one")) << unknown.failure;
+  EXPECT_EQ(nameless.writes, 3);
+}
+
+TEST(ConfigRestore, SeesASwapThatNoBootUpTold) {
+  MemoryDrive drive;
+  drive.values[{0x1018, 4}] = {9, 0, 0, 0};
+  const ConfigOutcome outcome = Restore(drive);
+  EXPECT_TRUE(Contains(outcome.failure, "this is another drive")) << outcome.failure;
+  EXPECT_EQ(drive.writes, kSteps);
+}
+
+TEST(ConfigRestore, WritesBackIntoTheSameDriveThatBootedUp) {
+  MemoryDrive drive;
+  drive.swap_after = 3;
+  const ConfigOutcome outcome = Restore(drive);
+  EXPECT_EQ(outcome.failure, "node 1 booted up in the middle");
+  EXPECT_EQ(outcome.not_as_they_were.size(), 0U);
+  EXPECT_EQ(Held(drive), kBefore);
+}
+
+TEST(ConfigRestore, DoesNotMindARefusalOfWhatNothingUses) {
+  MemoryDrive drive;
+  std::vector<ConfigWrite> plan = Plan();
+  plan[2].optional = true;
+  drive.abort_at = 3;
+  const ConfigOutcome outcome = WritePlan(plan, kIdentity, drive, [] {});
+  EXPECT_EQ(outcome.failure, "");
+  EXPECT_EQ(outcome.refused, std::vector<std::string>{"0x2000:03"});
+  EXPECT_EQ(Held(drive), (std::vector<int>{0x11, 0x12, 3, 0x14, 0x15}));
+}
+
+}  // namespace
+}  // namespace motorctl
