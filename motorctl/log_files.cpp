@@ -53,7 +53,9 @@ void CutToWholeLines(const fs::path& path) {
   for (char last = 0; end > 0; --end) {
     if (::pread(file, &last, 1, end - 1) != 1 || last == '\n') break;
   }
-  if (end != whole && ::ftruncate(file, end) != 0) end = whole;  // decode says that it is cut off
+  // Where that fails, decode says that the line is cut off.
+  const bool is_whole = end == whole || ::ftruncate(file, end) == 0;
+  static_cast<void>(is_whole);
   ::close(file);
 }
 

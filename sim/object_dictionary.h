@@ -51,7 +51,7 @@ class Object {
   Object(unsigned size, Access access, std::uint32_t initial)
       : size_(size), access_(access), initial_(initial), value_(initial) {}
   /// A string of at most `longest` bytes.
-  Object(Access access, std::string initial, std::size_t longest)
+  Object(Access access, const std::string& initial, std::size_t longest)
       : size_(0), access_(access), longest_(longest), initial_text_(initial), text_(initial) {}
 
   /// Values outside are refused. Unsigned; an object with signed limits uses OnWrite.

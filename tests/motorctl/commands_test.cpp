@@ -137,7 +137,7 @@ TEST_P(EveryMakeTest, MonitorShowsStateErrorAndSpeed) {
 
 // A host that does not hear itself turns the wheel.
 TEST_P(EveryMakeTest, MonitorShowsWhatTheHostCommands) {
-  const sim::SimulatedDrive drive(Options(make_));
+  sim::SimulatedDrive drive(Options(make_));
   Process jog({"jog", "1", "--make", make_, "--rpm", "30", "--seconds", "60", "--yes"});
   ASSERT_TRUE(Eventually([&] { return std::abs(drive.SpeedRpm()) > 25; })) << jog.Err();
   const std::vector<Json> objects =
@@ -190,8 +190,8 @@ TEST_F(CommandsTest, MonitorCountsErrorFramesByWhatTheyTell) {
 TEST_F(CommandsTest, MonitorSaysWhatItMayNotHear) {
   const sim::SimulatedDrive drive(Options("zl", 50));
   const std::string out = ::testing::TempDir() + "/unheard";
-  bus::Command("setpriv --bounding-set -net_raw --inh-caps -net_raw " MOTORCTL
-               " monitor --once > " + out);
+  bus::Command(
+      "setpriv --bounding-set -net_raw --inh-caps -net_raw " MOTORCTL " monitor --once > " + out);
   std::ostringstream text;
   text << std::ifstream(out).rdbuf();
   EXPECT_TRUE(Contains(text.str(), "what this machine sends is not heard (CAP_NET_RAW)"))

@@ -56,10 +56,26 @@ TEST_F(ProgramTest, ExplainsItself) {
   const auto result = Shell("$SIM --help");
   EXPECT_EQ(result.exit_status, 0);
   EXPECT_EQ(result.err, "");
-  for (const char* word :
-       {"--interface", "--make", "--node", "--heartbeat-ms", "--start-position",
-        "--counts-per-revolution", "--tpdo1-id", "--inactive", "--eds", "--fault", "abort-write=N",
-        "zl", "tt", "hls", "amps", "kinco", "SIGUSR1", "Exit status", "--replay", "--patience"}) {
+  for (const char* word : {"--interface",
+                           "--make",
+                           "--node",
+                           "--heartbeat-ms",
+                           "--start-position",
+                           "--counts-per-revolution",
+                           "--tpdo1-id",
+                           "--inactive",
+                           "--eds",
+                           "--fault",
+                           "abort-write=N",
+                           "zl",
+                           "tt",
+                           "hls",
+                           "amps",
+                           "kinco",
+                           "SIGUSR1",
+                           "Exit status",
+                           "--replay",
+                           "--patience"}) {
     EXPECT_NE(result.out.find(word), std::string::npos) << word;
   }
 }
