@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <cstdio>
+#include <nlohmann/json.hpp>
 #include <utility>
 
 #include "bus_load.h"

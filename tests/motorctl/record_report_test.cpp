@@ -83,7 +83,7 @@ TEST_F(RecordReportTest, FindsNothingWrongInAWholeLifeOfAVehicle) {
   Process recorder(Recording({"--vehicle", vehicle_}));
   AwaitStart(recorder);
   ASSERT_EQ(Motorctl({"bring-up", "1", "--make", "zl"}).status, 0);
-  ASSERT_EQ(Motorctl({"jog", "1", "--make", "zl", "--rpm", "30", "--seconds", "1", "--yes"}).status,
+  ASSERT_EQ(Motorctl({"jog", "1", "--make", "zl", "--rpm", "30", "--seconds", "3", "--yes"}).status,
             0);
   ASSERT_EQ(Motorctl({"bring-up", "1", "--make", "zl"}).status, 0);
   ASSERT_EQ(Motorctl({"stop", "1", "--make", "zl"}).status, 0);
