@@ -66,14 +66,14 @@ void NodeWatch::HearHeartbeat(int id, const KeptFrame& frame) {
     ++report.boot_ups;
     const bool restarted = was_operational && !node.reset;
     findings_.Add(FindingOf(frame, "boot_up", restarted, id,
-                            "boot-up of " + NodeText(id) +
+                            "boot-up of " + NodeText(static_cast<unsigned>(id)) +
                                 (restarted ? ", which was operational: nobody had reset it" : "")));
     node.reset = false;
     streams_.ForgetNode(id);
   } else if (!Shows(report.nmt, state)) {
     const bool alone = was_operational && state != kOperational && !WasTold(node, frame);
     Finding finding = FindingOf(frame, "nmt_state", alone, id,
-                                NodeText(id) + ": " + NmtStateText(state) +
+                                NodeText(static_cast<unsigned>(id)) + ": " + NmtStateText(state) +
                                     (alone ? ", was operational: nobody had told it to" : ""));
     finding.fields.Add("state", NmtStateText(state));
     findings_.Add(std::move(finding));
@@ -199,8 +199,9 @@ void NodeWatch::HearInputs(int id, const KeptFrame& frame, std::uint32_t value) 
     return;
   }
   node.inputs = value;
-  Finding finding = FindingOf(frame, "digital_inputs", false, id,
-                              NodeText(id) + ": digital inputs " + Hex(value, 4));
+  Finding finding =
+      FindingOf(frame, "digital_inputs", false, id,
+                NodeText(static_cast<unsigned>(id)) + ": digital inputs " + Hex(value, 4));
   if (node.drives[0].stop_since) {
     finding.text += value == 0 ? ", all released while the drive shows the emergency stop" : "";
   }
