@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "candump/candump.h"
 #include "input.h"
 #include "report_output.h"
 
@@ -64,8 +65,8 @@ void CheckFindings(const motorctl::Report& report, const std::vector<std::string
     fuzz::Require(finding.line <= lines.size(), "a line of the log");
     const std::string& line = lines[finding.line - 1];
     if (line.find('\x1B') != std::string::npos) continue;
-    const auto hexadecimal = motorctl::ParseLogLine(line);
-    const auto decimal = motorctl::ParseLogLine(line, 10);
+    const auto hexadecimal = candump::ParseLogLine(line);
+    const auto decimal = candump::ParseLogLine(line, 10);
     const auto id = static_cast<std::uint32_t>(0x080 + finding.node);
     fuzz::Require((hexadecimal && hexadecimal->id == id) || (decimal && decimal->id == id),
                   "the frame that it tells of");

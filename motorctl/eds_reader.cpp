@@ -3,6 +3,7 @@
 #include <map>
 #include <utility>
 
+#include "candump/log_words.h"
 #include "eds_section.h"
 #include "words.h"
 
@@ -17,10 +18,9 @@ constexpr unsigned kHighestCompactSub = 0xFE;
 using Place = std::pair<std::uint32_t, int>;  // index, sub-index or kWholeObject
 
 std::optional<std::uint32_t> ParseHex(const std::string& digits) {
-  if (digits.empty() || digits.find_first_not_of("0123456789abcdef") != std::string::npos) {
-    return std::nullopt;
-  }
-  return static_cast<std::uint32_t>(std::stoul(digits, nullptr, 16));
+  std::uint32_t value = 0;
+  if (!candump::ParseNumber(digits, 16, value)) return std::nullopt;
+  return value;
 }
 
 // "1018" and "1018sub4", in lower case. Nothing for other sections, "1003name" among them.

@@ -70,6 +70,8 @@ const Row kLists[] = {
     {"[1018]", "[1019]", "x.eds:13: [MandatoryObjects] 2: no section [1018]"},
     {"[1018]\n", "[2018sub1]\nParameterName=x\n[1018]\n",
      "x.eds:21: [2018sub1] is in no list of objects"},
+    {"[1018sub1]", "[1018sub11111111111111111111]",
+     "x.eds:24: [1018] SubNumber: 2, but there are 1 sections of it"},
     {"[1018sub1]", "[2018sub1]", "x.eds:24: [1018] SubNumber: 2, but there are 1 sections of it"},
 };
 
