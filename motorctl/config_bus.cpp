@@ -19,6 +19,9 @@ constexpr canid_t kNodeBits = 0x7F;
 constexpr canid_t kFirstPdo = 0x200;
 constexpr canid_t kLastPdo = 0x500;
 constexpr unsigned kPdos = 512;
+// Of records between two that a drive has.
+constexpr unsigned kLongestGap = 16;
+constexpr std::uint8_t kStart = 1;
 constexpr std::uint8_t kOperational = 5;
 constexpr std::uint32_t kInvalid = 0x80000000;
 constexpr std::uint32_t kLongestId = 0x7FF;
@@ -37,7 +40,9 @@ BusDevice::BusDevice(const std::string& interface, int node, milliseconds timeou
     : interface_(interface),
       node_(node),
       interrupted_(std::move(interrupted)),
-      client_(interface, timeout) {
+      client_(interface, timeout),
+      tap_(interface) {
+  tap_.Open();
   // All that is the node's by the usual identifiers: boot-up, requests to it, its PDOs.
   listeners_.push_back(
       std::make_unique<Listener>(interface, static_cast<canid_t>(node), kNodeBits));
@@ -62,17 +67,23 @@ SdoAnswer BusDevice::Store() {
   return answer;
 }
 
+void BusDevice::Watch(canid_t pdo) {
+  if (std::find(pdos_.begin(), pdos_.end(), pdo) != pdos_.end()) return;
+  pdos_.push_back(pdo);
+  if ((pdo & kNodeBits) == static_cast<canid_t>(node_)) return;  // is heard
+  listeners_.push_back(std::make_unique<Listener>(interface_, pdo, CAN_SFF_MASK));
+}
+
 void BusDevice::RefuseOtherHosts() {
+  unsigned absent = 0;
   for (unsigned number = 0; number < kPdos; ++number) {
     const auto index = static_cast<std::uint16_t>(0x1400 + number);
     const SdoAnswer answer = client_.Upload(node_, index, kPdoCobId);
-    if (!answer.ok()) break;
-    const std::uint32_t cob_id = answer.number();
-    const bool heard = (cob_id & kNodeBits) == static_cast<canid_t>(node_);
+    absent = answer.ok() ? 0 : absent + 1;
+    if (!answer.heard() || absent > kLongestGap) break;
+    const std::uint32_t cob_id = answer.ok() ? answer.number() : kInvalid;
     if ((cob_id & kInvalid) != 0 || (cob_id & CAN_EFF_MASK) > kLongestId || cob_id == 0) continue;
-    const canid_t id = cob_id & kLongestId;
-    if (!heard) listeners_.push_back(std::make_unique<Listener>(interface_, id, CAN_SFF_MASK));
-    if (std::find(pdos_.begin(), pdos_.end(), id) == pdos_.end()) pdos_.push_back(id);
+    Watch(cob_id & kLongestId);
   }
   refuses_others_ = true;
   other_host_.clear();
@@ -84,10 +95,27 @@ std::string BusDevice::Disturbance() {
       if (heard.is_data()) Hear(heard.frame);
     }
   }
+  const auto take = [this](const BusFrame& frame) { HearHost(frame); };
+  tap_.Take(take);
+  tap_.TakeHeld(take);
   if (interrupted_()) return "interrupted";
   if (NobodyReadsOutput()) return "nobody reads standard output any more";
   if (booted_up_) return "node " + std::to_string(node_) + " booted up in the middle";
   return refuses_others_ ? other_host_ : "";
+}
+
+// What no listener hears: hosts on this machine that do not hear themselves, and commands to all. Our
+// own transfers are among what this machine sends.
+void BusDevice::HearHost(const BusFrame& frame) {
+  if (frame.id == 0 && frame.length == 2 && frame.data[0] == kStart &&
+      (frame.data[1] == 0 || frame.data[1] == node_)) {
+    other_host_ = "another host starts node " + std::to_string(node_);
+  } else if (frame.sent && frame.id != kSdoRequest + static_cast<canid_t>(node_)) {
+    can_frame sent = {};
+    sent.can_id = frame.id;
+    sent.can_dlc = frame.length;
+    if (std::find(pdos_.begin(), pdos_.end(), frame.id) != pdos_.end()) Hear(sent);
+  }
 }
 
 void BusDevice::Hear(const can_frame& frame) {

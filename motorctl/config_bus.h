@@ -5,6 +5,7 @@
 #include <memory>
 #include <vector>
 
+#include "bus_tap.h"
 #include "config_device.h"
 #include "listener.h"
 
@@ -28,15 +29,21 @@ class BusDevice : public ConfigDevice {
   // node receives, unless it is known not to be operational. Hears the identifiers of its PDOs
   // besides the usual ones.
   void RefuseOtherHosts();
+  // A PDO that the node is to receive, too.
+  void Watch(canid_t pdo);
+  // Whether hosts on this machine are heard that do not hear themselves; see BusTap.
+  bool hears_this_machine() const { return tap_.hears_sent(); }
 
  private:
   void Hear(const can_frame& frame);
+  void HearHost(const BusFrame& frame);
 
   const std::string interface_;
   const int node_;
   const std::function<bool()> interrupted_;
   SdoClient client_;
   std::vector<std::unique_ptr<Listener>> listeners_;
+  BusTap tap_;
   std::vector<canid_t> pdos_;
   bool refuses_others_ = false;
   bool booted_up_ = false;

@@ -46,6 +46,10 @@ std::string Enabled(ConfigDevice& device) {
       return "whether it is enabled is not known: " + NameObject(index, 0) + ": " +
              Explanation(answer);
     }
+    if (answer.bytes.size() < 2) {
+      return "whether it is enabled is not known: " + NameObject(index, 0) + " has " +
+             std::to_string(answer.bytes.size()) + " bytes";
+    }
     // Two motors may share one object.
     for (std::size_t i = 0; i + 2 <= answer.bytes.size(); i += 2) {
       const auto word = static_cast<std::uint16_t>(answer.bytes[i] | answer.bytes[i + 1] << 8);

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <map>
+#include <set>
 #include <thread>
 
 #include "context.h"
@@ -33,9 +34,13 @@ class Restoring {
       for (const ConfigWrite& write : writes_) {
         RequirePeace();
         ++begun_;
-        if (!Write(write)) outcome.refused.push_back(Shown(write.object));
+        if (!Write(write)) {
+          outcome.refused.push_back(Shown(write.object));
+          refused_.insert(&write);
+        }
       }
       RequirePeace();
+      RequireWhatWasWritten();
       RequireTheSameDrive();
       finish();
     } catch (const CommandFailed& failure) {
@@ -49,6 +54,25 @@ class Restoring {
   void RequirePeace() const {
     const std::string disturbance = device_.Disturbance();
     if (!disturbance.empty()) throw CommandFailed(disturbance);
+  }
+
+  // One object may have changed another, and a drive may have been reset unseen.
+  void RequireWhatWasWritten() {
+    std::map<std::pair<std::uint16_t, std::uint8_t>, const ConfigObject*> last;
+    for (const ConfigWrite& write : writes_) {
+      if (refused_.count(&write) == 0) {
+        last[{write.object.index, write.object.sub}] = &write.object;
+      }
+    }
+    for (const auto& [place, object] : last) {
+      const SdoAnswer read =
+          Repeat([&, object = object] { return device_.Read(object->index, object->sub); });
+      if (read.ok() && read.bytes == object->bytes) continue;
+      throw CommandFailed(Shown(*object) + ": was written as " + ConfigValueText(*object) +
+                          ", and in the end " +
+                          (read.ok() ? "is " + ConfigValueText(*object, read.bytes)
+                                     : "cannot be read: " + Explanation(read)));
+    }
   }
 
   void RequireTheSameDrive() const {
@@ -109,7 +133,16 @@ class Restoring {
     for (std::size_t i = begun_; i > 0; --i) {
       const ConfigWrite& write = writes_[i - 1];
       // An object that takes the value back only later is seen when all are compared.
-      Repeat([&] { return device_.Write(write.object.index, write.object.sub, write.before); });
+      const SdoAnswer answer =
+          Repeat([&] { return device_.Write(write.object.index, write.object.sub, write.before); });
+      if (answer.heard()) continue;
+      // It is gone; what comes back may be another one.
+      const std::string now = Another(AwaitDrive());
+      if (now.empty() && !device_.booted_up()) continue;
+      outcome.failure += "; not all is written back, for " +
+                         (now.empty() ? "the drive went away in the middle" : now);
+      NameAll(outcome);
+      return;
     }
     Compare(outcome);
   }
@@ -160,6 +193,7 @@ class Restoring {
   const ConfigIdentity& identity_;
   ConfigDevice& device_;
   std::size_t begun_ = 0;
+  std::set<const ConfigWrite*> refused_;
 };
 
 }  // namespace

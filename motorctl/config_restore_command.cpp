@@ -9,6 +9,7 @@
 #include "config_restore.h"
 #include "config_session.h"
 #include "dcf.h"
+#include "decode.h"
 #include "sdo_words.h"
 
 namespace motorctl {
@@ -49,6 +50,12 @@ class Restore {
     const ConfigIdentity identity = RequireTheProduct(session.device());
     if (options_.store) RequireStore(session.device());
     session.device().RefuseOtherHosts();
+    if (!session.device().hears_this_machine()) {
+      context_.Say(
+          "hosts on this machine are not heard without the capability CAP_NET_RAW: see that "
+          "none drives " +
+          Node());
+    }
     const std::string why = WhyNotNow(session.device(), kPatience);
     if (!why.empty()) throw CommandFailed(Node() + ": " + why + "; nothing was written");
     for (const ConfigObject* moved : MoveToNode(file_, options_.node)) {
@@ -69,13 +76,24 @@ class Restore {
       return answer;
     }
     session.HoldSignals();
-    // Somebody thought about it meanwhile.
-    if (!options_.yes) RequireTheSame(session, identity, drive);
+    // What the file has the drive receive may be on the bus already.
+    for (const ConfigWrite& write : plan.writes) WatchPdo(session.device(), write.object);
+    // Reading took its time, and somebody thought about it.
+    RequireTheSame(session, identity, drive);
     return Write(session, plan, identity);
   }
 
  private:
   std::string Node() const { return "node " + std::to_string(options_.node); }
+
+  static void WatchPdo(BusDevice& device, const ConfigObject& object) {
+    constexpr std::uint32_t kInvalid = 0x80000000;
+    constexpr std::uint32_t kLongestId = 0x7FF;
+    if (object.index < 0x1400 || object.index > 0x15FF || object.sub != 1) return;
+    const std::uint32_t cob_id = LittleEndian(
+        object.bytes.data(), static_cast<unsigned>(std::min<std::size_t>(object.bytes.size(), 4)));
+    if ((cob_id & kInvalid) == 0 && cob_id != 0 && cob_id <= kLongestId) device.Watch(cob_id);
+  }
 
   // Returns what the drive says about itself.
   ConfigIdentity RequireTheProduct(BusDevice& device) const {
@@ -185,6 +203,14 @@ class Restore {
       context_.Say(object + " stays as it was: the drive refuses it, and nothing uses it");
     }
     if (!options_.store) return kSuccess;
+    // Whoever held our output held us, too.
+    const std::string why = WhyNotNow(session.device(), kPatience);
+    if (!why.empty()) {
+      context_.Say("*** " + Upper(Node()) +
+                   " HOLDS THEM UNTIL IT IS SWITCHED OFF; IT WAS NOT TOLD " +
+                   "TO STORE THEM: " + why + " ***");
+      return kFailure;
+    }
     const SdoAnswer stored = session.device().Store();
     if (!stored.ok()) {
       context_.Say("*** " + Upper(Node()) +

@@ -129,7 +129,8 @@ IncidentStore::IncidentStore(std::string directory, std::string interface,
 void IncidentStore::RemoveUnfinished() const {
   std::error_code ignored;
   for (const fs::directory_entry& entry : fs::directory_iterator(directory_, ignored)) {
-    if (IsTimeNamed(entry.path().filename(), std::string(".") + kPrefix,
+    if (!entry.is_symlink(ignored) &&
+        IsTimeNamed(entry.path().filename(), std::string(".") + kPrefix,
                     "-" + interface_ + kUnfinished)) {
       fs::remove_all(entry.path(), ignored);
     }
@@ -143,6 +144,7 @@ void IncidentStore::KeepLimits(const std::string& newest) const {
   std::uintmax_t total = 0;
   std::error_code ignored;
   for (const fs::directory_entry& entry : fs::directory_iterator(directory_, ignored)) {
+    if (entry.is_symlink(ignored)) continue;
     if (!IsTimeNamed(entry.path().filename(), kPrefix, "-" + interface_)) continue;
     const std::uintmax_t size = SizeOf(entry.path());
     total += size;

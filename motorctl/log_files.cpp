@@ -36,6 +36,8 @@ std::vector<fs::path> Logs(const std::string& directory, const std::string& inte
   std::vector<fs::path> logs;
   std::error_code ignored;
   for (const fs::directory_entry& entry : fs::directory_iterator(directory, ignored)) {
+    // What a link points to is somebody else's.
+    if (entry.is_symlink(ignored)) continue;
     if (IsTimeNamed(entry.path().filename(), kPrefix, "-" + interface + kSuffix)) {
       logs.push_back(entry.path());
     }
@@ -46,7 +48,7 @@ std::vector<fs::path> Logs(const std::string& directory, const std::string& inte
 
 // Not one that a writer still has, which ends by itself when its recorder is gone.
 void CutToWholeLines(const fs::path& path) {
-  const int file = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
+  const int file = ::open(path.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC);
   if (file < 0) return;
   off_t end = ::flock(file, LOCK_EX | LOCK_NB) == 0 ? ::lseek(file, 0, SEEK_END) : 0;
   const off_t whole = end;

@@ -1,5 +1,7 @@
 #include "time_name.h"
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdio>
 #include <ctime>
 
@@ -23,9 +25,14 @@ std::string TimeName(std::int64_t nanoseconds) {
 }
 
 bool IsTimeNamed(const std::string& name, const std::string& before, const std::string& after) {
-  return name.size() == before.size() + TimeName(0).size() + after.size() &&
+  const std::string form = TimeName(0);
+  const auto is_digit = [](char c) { return c >= '0' && c <= '9'; };
+  return name.size() == before.size() + form.size() + after.size() &&
          name.compare(0, before.size(), before) == 0 &&
-         name.compare(name.size() - after.size(), after.size(), after) == 0;
+         name.compare(name.size() - after.size(), after.size(), after) == 0 &&
+         std::equal(
+             form.begin(), form.end(), name.begin() + static_cast<std::ptrdiff_t>(before.size()),
+             [&](char wanted, char c) { return is_digit(wanted) ? is_digit(c) : c == wanted; });
 }
 
 }  // namespace motorctl

@@ -1,8 +1,14 @@
 // motorctl config restore, against simulated drives: all of it, or nothing, or what is not is named.
 #include <gtest/gtest.h>
+#include <linux/can/raw.h>
+#include <net/if.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <map>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "changed_drive.h"
@@ -70,10 +76,41 @@ TEST_F(RestoreTest, WritesAPdoInTheOrderOfCia301) {
       "601#2F011802FF000000", "601#4001180200000000",  // transmission type
       "601#2B01180500000000", "601#4001180500000000",  // event timer
       "601#2301180181020000", "601#4001180100000000",  // the identifier last
+      "601#4017100000000000", "601#4001180100000000", "601#4001180200000000",  // all once more
+      "601#4001180500000000", "601#40011A0000000000", "601#40011A0100000000",
       "601#4000100000000000", "601#4018100100000000", "601#4018100200000000",
       "601#4018100300000000", "601#4018100400000000"};  // it is the same drive
   EXPECT_EQ(frames, expected);
   EXPECT_EQ(Held(*drive), saved_);
+}
+
+// As every host of the library: what it sends comes back to nobody on its machine.
+TEST_F(RestoreTest, HearsAHostOfThisMachineThatDoesNotHearItself) {
+  const auto drive = Changed();
+  std::atomic<bool> ended{false};
+  std::thread host([&ended] {
+    const int socket = ::socket(PF_CAN, SOCK_RAW | SOCK_CLOEXEC, CAN_RAW);
+    const int off = 0;
+    ::setsockopt(socket, SOL_CAN_RAW, CAN_RAW_LOOPBACK, &off, sizeof(off));
+    sockaddr_can address = {};
+    address.can_family = AF_CAN;
+    address.can_ifindex = static_cast<int>(::if_nametoindex("can0"));
+    EXPECT_EQ(::bind(socket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+    can_frame zero = {};
+    zero.can_id = 0x201;
+    zero.can_dlc = 8;
+    while (!ended) {
+      EXPECT_EQ(::write(socket, &zero, sizeof(zero)), static_cast<ssize_t>(sizeof(zero)));
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    ::close(socket);
+  });
+  const Result refused = Restore();
+  ended = true;
+  host.join();
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_TRUE(Contains(refused.err, "another host drives node 1: PDO 0x201 comes")) << refused.err;
+  EXPECT_EQ(Held(*drive), changed_);
 }
 
 TEST_F(RestoreTest, ShowsWhatItWillDoAndAsks) {

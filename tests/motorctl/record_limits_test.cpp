@@ -21,19 +21,27 @@ TEST_F(RecordTest, KeepsAsManyFoldersAsItMay) {
 
 TEST_F(RecordTest, KeepsAsManyBytesAsItMay) {
   std::filesystem::create_directories(directory_ + "/incident-20200101T000000.000Z-x-can0");
+  // As long as one of the recorder's, and somebody else's; so is what a link points to.
+  const std::string foreign = directory_ + "/incident-front-left-customer1-can0";
+  std::filesystem::create_directories(foreign);
+  std::ofstream(directory_ + "/kept") << "no line";
+  std::filesystem::create_symlink(directory_ + "/kept",
+                                  directory_ + "/bus-20200101T000000.000Z-can0.log");
   bus::Command("mkdir " + directory_ +
                "/incident-20200101T000000.000Z-can0 && "
                "head -c 999900 /dev/zero > " +
                directory_ + "/incident-20200101T000000.000Z-can0/bus.log");
-  Process recorder(Recording({"--limit-mb", "1"}));
+  Process recorder(Recording({"--limit-mb", "1", "--continuous"}));
   AwaitStart(recorder);
   const Result small = Motorctl({"record", "--now"});
   EXPECT_EQ(small.status, 0);
   bus::Command("cansend can0 123#01");
-  ASSERT_EQ(Folders().size(), 2U);
+  ASSERT_EQ(Folders().size(), 3U);
   // Another interface's is not touched.
   EXPECT_TRUE(Contains(Folders()[0], "-x-can0"));
   EXPECT_EQ(Folders()[1] + "\n", small.out);
+  EXPECT_EQ(Folders()[2], foreign);
+  EXPECT_EQ(Text(directory_ + "/kept"), "no line");
 }
 
 TEST_F(RecordTest, SaysThatTheDiskIsFullAndGoesOn) {
