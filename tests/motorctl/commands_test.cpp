@@ -176,7 +176,7 @@ TEST_F(CommandsTest, MonitorCountsErrorFramesByWhatTheyTell) {
         "for i in 1 2; do cansend can1 20000008#0000080000000000; done; "
         "cansend can1 20000040#0000000000000000");
   });
-  const Json bus = Motorctl({"monitor", "--once", "--json"}).Objects().at(0);
+  const Json bus = Motorctl({"monitor", "--once", "--seconds", "5", "--json"}).Objects().at(0);
   sender.join();
   EXPECT_EQ(bus["error_frames"], 3);
   ASSERT_EQ(bus["errors"].size(), 2U) << bus;
