@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "config_pdo.h"
+#include "identifiers.h"
 #include "terminal.h"
 #include "words.h"
 
@@ -13,9 +14,6 @@ namespace {
 
 using std::chrono::milliseconds;
 
-constexpr canid_t kErrorControl = 0x700;
-constexpr canid_t kSdoRequest = 0x600;
-constexpr canid_t kNodeBits = 0x7F;
 constexpr canid_t kFirstPdo = 0x200;
 constexpr canid_t kLastPdo = 0x500;
 constexpr unsigned kPdos = 512;
@@ -45,7 +43,7 @@ BusDevice::BusDevice(const std::string& interface, int node, milliseconds timeou
   tap_.Open();
   // All that is the node's by the usual identifiers: boot-up, requests to it, its PDOs.
   listeners_.push_back(
-      std::make_unique<Listener>(interface, static_cast<canid_t>(node), kNodeBits));
+      std::make_unique<Listener>(interface, static_cast<canid_t>(node), kNodeMask));
   for (canid_t base = kFirstPdo; base <= kLastPdo; base += 0x100) {
     pdos_.push_back(base + static_cast<canid_t>(node));
   }
@@ -70,7 +68,7 @@ SdoAnswer BusDevice::Store() {
 void BusDevice::Watch(canid_t pdo) {
   if (std::find(pdos_.begin(), pdos_.end(), pdo) != pdos_.end()) return;
   pdos_.push_back(pdo);
-  if ((pdo & kNodeBits) == static_cast<canid_t>(node_)) return;  // is heard
+  if ((pdo & kNodeMask) == static_cast<canid_t>(node_)) return;  // is heard
   listeners_.push_back(std::make_unique<Listener>(interface_, pdo, CAN_SFF_MASK));
 }
 
@@ -110,27 +108,28 @@ void BusDevice::HearHost(const BusFrame& frame) {
   if (frame.id == 0 && frame.length == 2 && frame.data[0] == kStart &&
       (frame.data[1] == 0 || frame.data[1] == node_)) {
     other_host_ = "another host starts node " + std::to_string(node_);
-  } else if (frame.sent && frame.id != kSdoRequest + static_cast<canid_t>(node_)) {
-    can_frame sent = {};
-    sent.can_id = frame.id;
-    sent.can_dlc = frame.length;
-    if (std::find(pdos_.begin(), pdos_.end(), frame.id) != pdos_.end()) Hear(sent);
+  } else if (frame.sent) {
+    HearPdo(frame.id);
   }
 }
 
 void BusDevice::Hear(const can_frame& frame) {
   const auto node = static_cast<canid_t>(node_);
-  const std::string name = "node " + std::to_string(node_);
-  if (frame.can_id == kErrorControl + node && frame.can_dlc == 1) {
+  if (frame.can_id == kHeartbeat + node && frame.can_dlc == 1) {
     const std::uint8_t state = frame.data[0] & 0x7F;
     booted_up_ = booted_up_ || state == 0;
     not_operational_ = state != 0 && state != kOperational;
   } else if (frame.can_id == kSdoRequest + node) {
-    other_host_ = "another program writes or reads objects of " + name;
-  } else if (!not_operational_ &&
-             std::find(pdos_.begin(), pdos_.end(), frame.can_id) != pdos_.end()) {
-    other_host_ = "another host drives " + name + ": PDO " + Hex(frame.can_id, 3) + " comes";
+    other_host_ = "another program writes or reads objects of node " + std::to_string(node_);
+  } else {
+    HearPdo(frame.can_id);
   }
+}
+
+void BusDevice::HearPdo(canid_t id) {
+  if (not_operational_ || std::find(pdos_.begin(), pdos_.end(), id) == pdos_.end()) return;
+  other_host_ =
+      "another host drives node " + std::to_string(node_) + ": PDO " + Hex(id, 3) + " comes";
 }
 
 }  // namespace motorctl

@@ -37,6 +37,7 @@ class BusDevice : public ConfigDevice {
  private:
   void Hear(const can_frame& frame);
   void HearHost(const BusFrame& frame);
+  void HearPdo(canid_t id);
 
   const std::string interface_;
   const int node_;

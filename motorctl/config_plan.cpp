@@ -4,14 +4,14 @@
 #include <map>
 
 #include "config_pdo.h"
+#include "identifiers.h"
 
 namespace motorctl {
 namespace {
 
 constexpr std::uint32_t kInvalid = 0x80000000;
-constexpr std::uint32_t kNodeBits = 0x7F;
 constexpr std::uint32_t kIdentifier = 0x1FFFFFFF;
-constexpr std::uint16_t kEmergency = 0x1014;
+constexpr std::uint16_t kEmergencyCobId = 0x1014;
 constexpr std::size_t kCobIdSize = 4;
 
 using Where = std::pair<std::uint16_t, std::uint8_t>;
@@ -56,7 +56,7 @@ class Planner {
     for (const ConfigDifference& change : plan_.changes) {
       if (const auto pdo = PdoOf(change.right->index)) {
         pdos[*pdo].push_back(change);
-      } else if (change.right->index == kEmergency && change.right->sub == 0) {
+      } else if (change.right->index == kEmergencyCobId && change.right->sub == 0) {
         AddEmergency(change);
       } else {
         Add(*change.right, change.right->bytes);
@@ -158,13 +158,13 @@ std::vector<const ConfigObject*> MoveToNode(Config& config, int node) {
   const auto from = static_cast<std::uint32_t>(config.node);
   for (ConfigObject& object : config.objects) {
     const bool has_cob_id = (IsPdoCommunication(object.index) && object.sub == kPdoCobId) ||
-                            (object.index == kEmergency && object.sub == 0);
+                            (object.index == kEmergencyCobId && object.sub == 0);
     const std::uint32_t value = Number(object.bytes);
     if (!has_cob_id || object.bytes.size() != kCobIdSize || config.node == node ||
-        (value & kIdentifier) > 0x7FF || (value & kNodeBits) != from) {
+        (value & kIdentifier) > 0x7FF || (value & kNodeMask) != from) {
       continue;
     }
-    object.bytes = CobId((value & ~kNodeBits) | static_cast<std::uint32_t>(node));
+    object.bytes = CobId((value & ~kNodeMask) | static_cast<std::uint32_t>(node));
     moved.push_back(&object);
   }
   config.node = node;

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstdint>
 
+#include "identifiers.h"
+
 namespace motorctl {
 namespace {
 
@@ -70,8 +72,8 @@ Meaning DecodeRemote(const LoggedFrame& frame) {
 // An identifier of the predefined connection set is a function and, in its lower seven bits, a
 // node.
 Meaning DecodeData(const LoggedFrame& frame, const Make* make) {
-  const std::uint32_t base = frame.id & ~0x7FU;
-  const unsigned node = frame.id & 0x7F;
+  const std::uint32_t base = frame.id & ~kNodeMask;
+  const unsigned node = frame.id & kNodeMask;
   const bool addressed = node != 0 || (make != nullptr && make->serves_node_zero);
   if (frame.id == 0x000) return DecodeNmt(frame);
   if (frame.id == 0x080 && frame.length <= 1) return DecodeSync(frame);
@@ -84,16 +86,16 @@ Meaning DecodeData(const LoggedFrame& frame, const Make* make) {
     if (frame.length != 8) return Odd(frame, "emergency message of wrong length");
     return WithNode("emergency of ", node, DecodeEmergency(frame.data.data()));
   }
-  if (base >= kFirstPdo && base < 0x580 && addressed) return DecodePdo(frame, base, make);
-  if ((base == 0x580 || base == 0x600) && addressed) {
+  if (base >= kFirstPdo && base < kSdoResponse && addressed) return DecodePdo(frame, base, make);
+  if ((base == kSdoResponse || base == kSdoRequest) && addressed) {
     if (frame.length != 8) return Odd(frame, "SDO of wrong length");
-    return WithNode("SDO ", node, DecodeSdo(frame.data.data(), base == 0x580, make));
+    return WithNode("SDO ", node, DecodeSdo(frame.data.data(), base == kSdoResponse, make));
   }
   if (frame.id == kLssRequest || frame.id == kLssResponse) {
     if (frame.length != 8) return Odd(frame, "LSS of wrong length");
     return DecodeLss(frame.data.data(), frame.id == kLssResponse);
   }
-  if (base == 0x700 && node != 0) return DecodeHeartbeat(frame, node);
+  if (base == kHeartbeat && node != 0) return DecodeHeartbeat(frame, node);
   return Odd(frame, "no CANopen function at " + Hex(frame.id, 3));
 }
 

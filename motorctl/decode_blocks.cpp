@@ -3,6 +3,7 @@
 #include <cstdint>
 
 #include "decode.h"
+#include "identifiers.h"
 
 namespace motorctl {
 namespace {
@@ -15,14 +16,14 @@ constexpr unsigned kAbort = 0x80;
 }  // namespace
 
 std::optional<Meaning> BlockTransfers::Decode(const LoggedFrame& frame) {
-  const std::uint32_t base = frame.id & ~0x7FU;
+  const std::uint32_t base = frame.id & ~kNodeMask;
   if (frame.kind != LoggedFrame::Kind::kData || frame.extended || frame.length != 8 ||
-      (base != 0x580 && base != 0x600)) {
+      (base != kSdoResponse && base != kSdoRequest)) {
     return std::nullopt;
   }
-  const bool response = base == 0x580;
+  const bool response = base == kSdoResponse;
   const unsigned command = frame.data[0];
-  const unsigned node = frame.id & 0x7F;
+  const unsigned node = frame.id & kNodeMask;
   if (response ? (command & ~4U) == kReadyForBlocks : command == kStartOfBlocks) {
     Start(frame, !response);
     return std::nullopt;
@@ -54,7 +55,7 @@ std::optional<Meaning> BlockTransfers::Decode(const LoggedFrame& frame) {
 }
 
 void BlockTransfers::Start(const LoggedFrame& frame, bool upload) {
-  const unsigned node = frame.id & 0x7F;
+  const unsigned node = frame.id & kNodeMask;
   const auto same = [&](const Transfer& transfer) {
     return transfer.node == node && transfer.interface == frame.interface;
   };

@@ -9,6 +9,7 @@
 #include <memory>
 
 #include "doctor_report.h"
+#include "identifiers.h"
 #include "link.h"
 #include "listener.h"
 #include "signals.h"
@@ -19,7 +20,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::uint32_t kHeartbeat = 0x700;
 // The heartbeat that the makes' set-ups ask for comes every 2 s.
 constexpr auto kListen = std::chrono::milliseconds(2500);
 constexpr int kShortestQueue = 10;

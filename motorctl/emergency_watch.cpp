@@ -8,19 +8,14 @@
 #include <chrono>
 
 #include "decode.h"
+#include "identifiers.h"
 
 namespace motorctl {
-namespace {
-
-constexpr canid_t kEmergency = 0x080;
-constexpr canid_t kFunction = 0x780;
-
-}  // namespace
 
 EmergencyWatch::EmergencyWatch(const Context& context)
     : context_(context), end_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
   try {
-    listener_.emplace(context.vehicle.interface, kEmergency, kFunction);
+    listener_.emplace(context.vehicle.interface, kEmergency, kFunctionMask);
   } catch (const CommandFailed&) {
     return;
   }

@@ -2,16 +2,13 @@
 
 #include <algorithm>
 
+#include "identifiers.h"
 #include "pdo_fields.h"
 #include "target_velocities.h"
 
 namespace motorctl {
 namespace {
 
-constexpr std::uint32_t kEmergency = 0x080;
-constexpr std::uint32_t kHeartbeat = 0x700;
-constexpr std::uint32_t kFunctionMask = 0x780;
-constexpr std::uint32_t kNodeMask = 0x07F;
 // Of a shorter stretch the speed would be coarse.
 constexpr double kShortestStretchSeconds = 0.05;
 

@@ -4,17 +4,13 @@
 #include <cmath>
 #include <limits>
 
+#include "identifiers.h"
 #include "report_watch.h"
 
 namespace motorctl {
 namespace {
 
-constexpr std::uint32_t kNodeMask = 0x7F;
-constexpr std::uint32_t kEmergency = 0x080;
 constexpr std::uint32_t kTpdo1 = 0x180;
-constexpr std::uint32_t kSdoResponse = 0x580;
-constexpr std::uint32_t kSdoRequest = 0x600;
-constexpr std::uint32_t kHeartbeat = 0x700;
 
 // What was measured so long ago is not how fast a wheel turns.
 constexpr std::int64_t kMeasuredNow = 300'000'000;

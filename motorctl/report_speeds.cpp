@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <deque>
 
+#include "identifiers.h"
 #include "pdo_fields.h"
 #include "report.h"
 #include "target_velocities.h"
@@ -14,8 +15,6 @@ constexpr std::int64_t kMean = 100'000'000;
 constexpr std::int64_t kShortest = 45'000'000;
 // After so long without a report it begins anew: what happened meanwhile is not known.
 constexpr std::int64_t kLongest = 1'000'000'000;
-
-constexpr std::uint32_t kHeartbeat = 0x700;
 
 struct Position {
   std::int64_t nanoseconds = 0;

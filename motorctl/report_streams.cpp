@@ -1,13 +1,12 @@
 // What comes again and again on a bus, and stops.
 #include <algorithm>
 
+#include "identifiers.h"
 #include "report_watch.h"
 
 namespace motorctl {
 namespace {
 
-constexpr std::uint32_t kHeartbeat = 0x700;
-constexpr std::uint32_t kFunctionMask = 0x780;
 constexpr std::int64_t kTick = 10'000'000;
 // Other messages than heartbeats come on events, too: those that come for a while, and never paused
 // before as long as now, have stopped.

@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "context.h"
+#include "identifiers.h"
 #include "listener.h"
 #include "sdo_client.h"
 #include "signals.h"
@@ -27,7 +28,6 @@ struct Options {
 constexpr std::uint16_t kDeviceType = 0x1000;
 constexpr std::uint16_t kDeviceName = 0x1008;  // then the versions of hardware and software
 constexpr std::uint16_t kIdentity = 0x1018;
-constexpr std::uint32_t kHeartbeat = 0x700;
 // Room for the traffic of a bus that works.
 constexpr auto kPace = std::chrono::milliseconds(2);
 // Every node-ID that nobody has costs as much.

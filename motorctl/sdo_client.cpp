@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "context.h"
+#include "identifiers.h"
 #include "sdo_frames.h"
 
 namespace motorctl {
@@ -17,11 +18,6 @@ namespace {
 
 using std::chrono::milliseconds;
 using namespace sdo;  // NOLINT(google-build-using-namespace): the protocol that this is
-
-constexpr canid_t kRequest = 0x600;
-constexpr canid_t kResponse = 0x580;
-constexpr canid_t kFunction = 0x780;
-constexpr canid_t kNode = 0x07F;
 
 // No object of a drive is nearly as long: a node that goes on and on has gone wrong.
 constexpr std::size_t kLongest = std::size_t{1} << 20;
@@ -49,7 +45,8 @@ std::uint32_t SdoAnswer::number() const {
 }
 
 SdoClient::SdoClient(const std::string& interface, milliseconds timeout) try
-    : socket_(interface, {kResponse, kFunction | CAN_EFF_FLAG | CAN_RTR_FLAG}), timeout_(timeout) {
+    : socket_(interface, {kSdoResponse, kFunctionMask | CAN_EFF_FLAG | CAN_RTR_FLAG}),
+      timeout_(timeout) {
   // As hosts do: other programs on this machine hear the nodes, and not each other.
   socket_.Set(SOL_CAN_RAW, CAN_RAW_LOOPBACK, 0);
 } catch (const std::system_error& error) {
@@ -255,7 +252,7 @@ bool SdoClient::GiveUp(const SdoObject& object, std::uint32_t code, SdoAnswer& a
 // The queue of the interface may be full for a moment.
 bool SdoClient::Send(int node, const Frame& data) {
   can_frame frame = {};
-  frame.can_id = kRequest + static_cast<canid_t>(node);
+  frame.can_id = kSdoRequest + static_cast<canid_t>(node);
   frame.can_dlc = CAN_MAX_DLEN;
   std::copy(data.begin(), data.end(), frame.data);
   const auto until = Clock::now() + timeout_;
@@ -282,7 +279,7 @@ bool SdoClient::Hear(int node, Clock::time_point until, Frame& data) {
       continue;
     }
     if (frame.can_dlc != CAN_MAX_DLEN) continue;
-    const int from = static_cast<int>(frame.can_id & kNode);
+    const int from = static_cast<int>(frame.can_id & kNodeMask);
     if (from == node) {
       std::copy(std::begin(frame.data), std::end(frame.data), data.begin());
       return true;

@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "decode.h"
+#include "identifiers.h"
 #include "pdo_fields.h"
 #include "wheels/makes.h"
 
@@ -25,7 +26,6 @@ inline double SignedValue(std::uint32_t value, unsigned bytes) {
 template <typename Take>
 void ForEachTarget(const motor_driver::Make& make, std::uint32_t base, const std::uint8_t* data,
                    unsigned length, Take take) {
-  constexpr std::uint32_t kSdoRequest = 0x600;
   constexpr unsigned kWrite = 1;
   if (base != kSdoRequest) {
     ForEachMotor(make, make.target, base, data, length, [&](int motor, std::uint32_t value) {

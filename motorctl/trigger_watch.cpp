@@ -5,19 +5,12 @@
 #include <utility>
 
 #include "decode.h"
+#include "identifiers.h"
 #include "pdo_fields.h"
 #include "words.h"
 
 namespace motorctl {
 namespace {
-
-constexpr std::uint32_t kNmt = 0x000;
-constexpr std::uint32_t kEmergency = 0x080;
-constexpr std::uint32_t kSdoResponse = 0x580;
-constexpr std::uint32_t kSdoRequest = 0x600;
-constexpr std::uint32_t kHeartbeat = 0x700;
-constexpr std::uint32_t kFunctionMask = 0x780;
-constexpr std::uint32_t kNodeMask = 0x07F;
 
 constexpr std::uint8_t kOperational = 0x05;
 constexpr std::uint8_t kResetNode = 0x81;
