@@ -1,18 +1,12 @@
 // What keeps a vehicle from getting ready: it is told which node and why, nothing was enabled
 // before zero was confirmed, and zeros flow to what was.
-#include <algorithm>
 #include <chrono>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "amps_script.h"
-#include "hls_script.h"
-#include "kinco_script.h"
-#include "tt_script.h"
 #include "wheels/set_up_failure.h"
 #include "wheels_test.h"
-#include "zl_script.h"
 
 namespace {
 
@@ -26,14 +20,6 @@ using std::chrono::milliseconds;
 using std::chrono::seconds;
 
 using Records = std::vector<bus::RecordedFrame>;
-
-std::vector<SetUpStep> SetUpOf(const std::string& make) {
-  return make == "zl"     ? zl_script::WholeSetUp()
-         : make == "tt"   ? tt_script::WholeSetUp()
-         : make == "hls"  ? hls_script::WholeSetUp()
-         : make == "amps" ? amps_script::WholeSetUp()
-                          : kinco_script::WholeSetUp();
-}
 
 void ExpectNothingEnabled(const Records& records) {
   for (const bus::RecordedFrame& record : records) {
@@ -148,53 +134,6 @@ TEST_P(BringUpFailuresTest, ZeroThatIsRefusedEnablesNothing) {
   ExpectNothingEnabled(bus_record.Records());
   drives[2].ClearFaults();
   ExpectClears(wheels, drives);
-}
-
-TEST_P(BringUpFailuresTest, EveryWriteOfTheSetUpThatIsNotTakenIsNamed) {
-  SimulatedDrives drives(make_);
-  Vehicle vehicle = TwoWheels(make_);
-  vehicle.wheels.resize(1);
-  Wheels wheels(vehicle);
-  bool begun = false;
-  std::vector<std::string> seen;
-  for (const SetUpStep& step : SetUpOf(make_.name)) {
-    const std::string object = step.frame.substr(8, 2) + step.frame.substr(6, 2);
-    const std::string sub = step.frame.substr(10, 2);
-    if (std::find(seen.begin(), seen.end(), object + sub) != seen.end()) {
-      continue;
-    }
-    seen.push_back(object + sub);
-    if (make_.is_woken && object == "6040") {
-      continue;  // by which it is asked whether it is awake
-    }
-    for (const std::string refusal : {"abort", "ignore"}) {
-      SCOPED_TRACE(refusal + " 0x" + object + " sub " + sub);
-      drives[1].Inject(refusal + "-object=0x" + object + ":0x" + sub);
-      EXPECT_FALSE(begun ? wheels.Clear() : wheels.BringUp());
-      begun = true;
-      const Report report = wheels.GetReport();
-      EXPECT_EQ(report.state, State::kFault);
-      EXPECT_EQ(report.node, 1);
-      const std::vector<SetUpFailure> failures = SetUpFailures(wheels);
-      ASSERT_FALSE(failures.empty());
-      // A drive may refuse others because of this one.
-      const SetUpFailure& first = failures.front();
-      EXPECT_EQ(first.node, 1);
-      EXPECT_EQ(first.index, std::stoul(object, nullptr, 16));
-      EXPECT_EQ(first.sub_index, std::stoul(sub, nullptr, 16));
-      EXPECT_EQ(first.abort_code.has_value(), refusal == "abort");
-      EXPECT_EQ(first.abort_code.value_or(0x08000000), 0x08000000U);
-      EXPECT_EQ(report.fault, Fault::kSetUpRefused) << report.reason;
-      EXPECT_NE(report.reason.find("; 0x" + object + " sub "), std::string::npos) << report.reason;
-      EXPECT_NE(report.reason.find(refusal == "abort" ? "abort code 0x08000000" : "no answer"),
-                std::string::npos)
-          << report.reason;
-      drives[1].ClearFaults();
-    }
-  }
-  ASSERT_TRUE(wheels.Clear() || wheels.Clear()) << wheels.GetReport().reason;
-  EXPECT_TRUE(SetUpFailures(wheels).empty());
-  EXPECT_TRUE(wheels.Stop());
 }
 
 TEST_P(BringUpFailuresTest, CancelledBeforeEveryStepItIsInterrupted) {
