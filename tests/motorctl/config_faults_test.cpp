@@ -1,4 +1,5 @@
 // motorctl config restore when something goes wrong in the middle.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 
 #include <map>

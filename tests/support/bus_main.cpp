@@ -1,31 +1,42 @@
 // main() of every test binary that meets a real bus.
+#include <errno.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
-#include <ostream>
-#include <sstream>
 #include <string>
 
 #include "bus_environment.h"
 
 namespace {
 
-// A machine that stands still for 100 ms fails a case that is right. Where this names a file, failed
-// cases get two more tries, and why they failed is added to the file: a program that passes in the
-// end shows nothing else of it.
-constexpr const char* kFile = "MOTOR_DRIVER_TRIED_AGAIN";
-constexpr const char* kTriesLeft = "MOTOR_DRIVER_TRIES_LEFT";  // in another try
-constexpr int kMoreTries = 2;
+// Where this names a directory, the cases that fail are noted there, and a program that is run again
+// runs these alone: in another try of many cases another one would meet the machine's next stall.
+std::string FileOfFailedCases() {
+  const char* const directory = std::getenv("MOTOR_DRIVER_FAILED_CASES");
+  if (directory == nullptr) {
+    return "";
+  }
+  const char* const shard = std::getenv("GTEST_SHARD_INDEX");
+  return std::string(directory) + "/" + program_invocation_short_name + "." +
+         (shard == nullptr ? "0" : shard);
+}
+
+// What the last try noted: it is forgotten, so that after a crash all are run.
+std::string TakeFailedCases(const std::string& file) {
+  std::string failed;
+  std::getline(std::ifstream(file), failed);
+  std::remove(file.c_str());
+  return failed;
+}
 
 // As a filter. Empty where something failed that belongs to no case.
-std::string FailedCases(std::ostream& why) {
+std::string FailedCases() {
   const ::testing::UnitTest& all = *::testing::UnitTest::GetInstance();
   std::string failed;
   if (all.ad_hoc_test_result().Failed()) {
-    return failed;
+    return "";
   }
   for (int i = 0; i < all.total_test_suite_count(); ++i) {
     const ::testing::TestSuite& suite = *all.GetTestSuite(i);
@@ -34,44 +45,32 @@ std::string FailedCases(std::ostream& why) {
     }
     for (int j = 0; j < suite.total_test_count(); ++j) {
       const ::testing::TestInfo& test = *suite.GetTestInfo(j);
-      if (!test.result()->Failed()) {
-        continue;
-      }
-      const std::string name = std::string(suite.name()) + "." + test.name();
-      failed += (failed.empty() ? "" : ":") + name;
-      why << name << '\n';
-      for (int k = 0; k < test.result()->total_part_count(); ++k) {
-        const ::testing::TestPartResult& part = test.result()->GetTestPartResult(k);
-        if (part.failed()) {
-          why << "  line " << part.line_number() << ": " << part.summary() << '\n';
-        }
+      if (test.result()->Failed()) {
+        failed += std::string(failed.empty() ? "" : ":") + suite.name() + "." + test.name();
       }
     }
   }
   return failed;
 }
 
-// Only what failed, in a process that remembers nothing.
-void TryFailedCasesAgain() {
-  const char* const file = std::getenv(kFile);
-  const char* const set = std::getenv(kTriesLeft);
-  const int left = set == nullptr ? kMoreTries : std::atoi(set);
-  if (file == nullptr || left == 0) {
-    return;
+// The result as an exit status.
+int RunAll() {
+  const std::string file = FileOfFailedCases();
+  if (file.empty()) {
+    return RUN_ALL_TESTS();
   }
-  std::ostringstream why;
-  const std::string failed = FailedCases(why);
-  if (failed.empty()) {
-    return;
+  const std::string again = TakeFailedCases(file);
+  if (!again.empty()) {
+    GTEST_FLAG_SET(filter, again);
+    unsetenv("GTEST_TOTAL_SHARDS");
+    unsetenv("GTEST_SHARD_INDEX");
   }
-  std::ofstream(file, std::ios::app) << why.str();  // at once: others write, too
-  setenv(kTriesLeft, std::to_string(left - 1).c_str(), 1);
-  unsetenv("GTEST_TOTAL_SHARDS");
-  unsetenv("GTEST_SHARD_INDEX");
-  std::fflush(nullptr);
-  const std::string filter = "--gtest_filter=" + failed;
-  ::execl("/proc/self/exe", "another-try", filter.c_str(), nullptr);
-  std::perror("another try");
+  if (RUN_ALL_TESTS() != EXIT_SUCCESS) {
+    std::ofstream(file) << FailedCases();
+    return EXIT_FAILURE;
+  }
+  const bool ran = ::testing::UnitTest::GetInstance()->test_to_run_count() > 0;
+  return again.empty() || ran ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
 }  // namespace
@@ -92,13 +91,5 @@ int main(int argc, char** argv) {
   // No colours, should standard output be a terminal.
   setenv("TERM", "dumb", 1);
   unsetenv("COLORTERM");
-  const int result = RUN_ALL_TESTS();
-  if (result != EXIT_SUCCESS) {
-    TryFailedCasesAgain();
-  }
-  if (std::getenv(kTriesLeft) != nullptr &&
-      ::testing::UnitTest::GetInstance()->test_to_run_count() == 0) {
-    return EXIT_FAILURE;  // the filter did not find them
-  }
-  return result;
+  return RunAll();
 }
