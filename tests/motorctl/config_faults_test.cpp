@@ -116,31 +116,23 @@ TEST_F(RestoreFaultsTest, RepeatsAnyWriteThatIsLost) {
   }
 }
 
-TEST_F(RestoreFaultsTest, IsWholeOrNamesWhateverTheDriveDoes) {
-  const char* const faults[] = {"abort-object=0x1801:5",
-                                "ignore-object=0x1801:5",
-                                "abort-value=0x1801:5/0",
-                                "abort-value=0x1801:1/0x281",
-                                "abort-value=0x2012:2/200",
-                                "delay-replies-ms=100",
-                                "delay-replies-ms=400",
-                                "duplicate-replies",
-                                "truncate-replies=5",
-                                "wrong-index",
-                                "no-size",
-                                "error-after-ms=1200/0x2310",
-                                "no-heartbeat-after-ms=1100",
-                                "emergency-stop-after-ms=1200"};
-  for (const char* fault : faults) {
-    drive_->Inject(fault);
-    const Result result = Restore();
-    drive_->ClearFaults();
-    ExpectWholeOrNamed(result.status, result.err, fault);
-    drive_.reset();
-    SetUpDrive();
-    Change();
-  }
+class RestoreWithFaultTest : public RestoreFaultsTest,
+                             public ::testing::WithParamInterface<const char*> {};
+
+TEST_P(RestoreWithFaultTest, IsWholeOrNamesWhatIsNot) {
+  drive_->Inject(GetParam());
+  const Result result = Restore();
+  drive_->ClearFaults();
+  ExpectWholeOrNamed(result.status, result.err, GetParam());
 }
+
+INSTANTIATE_TEST_SUITE_P(
+    Drive, RestoreWithFaultTest,
+    ::testing::Values("abort-object=0x1801:5", "ignore-object=0x1801:5", "abort-value=0x1801:5/0",
+                      "abort-value=0x1801:1/0x281", "abort-value=0x2012:2/200",
+                      "delay-replies-ms=100", "delay-replies-ms=400", "duplicate-replies",
+                      "truncate-replies=5", "wrong-index", "no-size", "error-after-ms=1200/0x2310",
+                      "no-heartbeat-after-ms=1100", "emergency-stop-after-ms=1200"));
 
 TEST_F(RestoreFaultsTest, NamesInCapitalsWhatCannotBeWrittenBack) {
   // The identifier is refused in the end, and the old event timer on the way back.
