@@ -17,7 +17,8 @@
 
 namespace sim {
 
-/// A drive on a CAN interface, with a thread of its own that blocks every signal.
+/// A drive on a CAN interface, with a thread of its own that blocks every signal and, where the
+/// process may ask for it, has real-time priority 1.
 ///
 /// The constructor powers it on, the destructor unplugs it within a few milliseconds. Every
 /// operation may be called from any thread; all of them first bring the simulation up to the
