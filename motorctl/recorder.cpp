@@ -4,7 +4,6 @@
 #include <net/if.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/signalfd.h>
@@ -18,6 +17,8 @@
 #include <sstream>
 #include <system_error>
 #include <thread>
+
+#include "link.h"
 
 namespace motorctl {
 namespace {
@@ -42,26 +43,18 @@ std::chrono::nanoseconds Nanoseconds(double seconds) {
   return std::chrono::nanoseconds(static_cast<std::int64_t>(seconds * 1e9));
 }
 
-bool IsUp(const std::string& interface) {
-  ifreq request = {};
-  std::copy(interface.begin(), interface.end(), request.ifr_name);
-  const int socket = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  const bool known = ::ioctl(socket, SIOCGIFFLAGS, &request) == 0;
-  ::close(socket);
-  return known && (static_cast<unsigned>(request.ifr_flags) & IFF_UP) != 0;
-}
-
 }  // namespace
 
 Recorder::Recorder(const Context& context, const RecordPlan& plan)
     : context_(context),
       plan_(plan),
       interface_(context.vehicle.interface),
+      output_(context),
       store_(plan.directory, interface_, plan.limits, WholeFile(context.vehicle_file)),
       control_(interface_),
       tap_(interface_),
       log_(plan.continuous
-               ? std::make_unique<ContinuousLog>(context, plan.directory, *plan.continuous,
+               ? std::make_unique<ContinuousLog>(context, output_, plan.directory, *plan.continuous,
                                                  [this] {
                                                    control_.Close();
                                                    tap_.Close();
@@ -72,6 +65,8 @@ Recorder::Recorder(const Context& context, const RecordPlan& plan)
              [this](const BusEvent& event) { Hear(event); }) {
   tap_.Open();
   store_.RemoveUnfinished();
+  // In the background of a terminal, writing to it would stop the process.
+  ::signal(SIGTTOU, SIG_IGN);
   sigset_t taken = {};
   sigemptyset(&taken);
   for (const int signal : {SIGUSR1, SIGINT, SIGTERM, SIGHUP}) sigaddset(&taken, signal);
@@ -87,15 +82,16 @@ Recorder::~Recorder() {
 }
 
 int Recorder::Run() {
-  context_.Say("recording " + interface_ + " into " + plan_.directory +
-               (tap_.hears_sent() ? ""
-                                  : "; only what it receives: what this machine sends needs the "
-                                    "capability CAP_NET_RAW, as root has it"));
+  output_.Say("recording " + interface_ + " into " + plan_.directory +
+              (tap_.hears_sent() ? ""
+                                 : "; only what it receives: what this machine sends needs the "
+                                   "capability CAP_NET_RAW, as root has it"));
   now_ = Clock::now();
   KeepMark();  // before the first frame
   while (!ended_ || gathering_ || writer_ > 0) {
     Await();
     TakeSignals();
+    ended_ = ended_ || output_.NobodyReads();
     TakeFrames();
     if (log_) log_->Offer(frames_);
     WatchInterface();
@@ -105,6 +101,8 @@ int Recorder::Run() {
     if (gathering_ && writer_ < 0 && (ended_ || now_ >= gathering_->due)) StartWriting();
   }
   FinishLog();
+  // `| head` has what it wanted.
+  if (output_.NobodyReads()) throw NobodyReads("standard output");
   return kSuccess;
 }
 
@@ -175,7 +173,7 @@ void Recorder::WatchInterface() {
     return;  // it is gone again
   }
   lost_interface_ = false;
-  context_.Say(interface_ + " is back");
+  output_.Say(interface_ + " is back");
 }
 
 void Recorder::KeepMark() {
@@ -211,7 +209,7 @@ void Recorder::Hear(const BusEvent& event) {
   }
   if (!begins) return;
   gathering_ = Gathering{event, now_ + Nanoseconds(plan_.after)};
-  if (event.kind != "request") context_.Say(event.text);
+  if (event.kind != "request") output_.Say(event.text);
 }
 
 // In a process of its own, which has a copy of the memory at no cost and may wait for its disk.
@@ -280,18 +278,18 @@ void Recorder::Report(const std::string& outcome) {
   control_.Answer(outcome);
   if (context_.json) {
     using Json = nlohmann::ordered_json;
-    context_.Line(Json{{"command", "record"},
-                       {"ok", good},
-                       {"trigger", trigger_text_},
-                       {"folder", good ? Json(text) : Json(nullptr)},
-                       {"failure", good ? Json(nullptr) : Json(text)}}
-                      .dump());
+    output_.Line(Json{{"command", "record"},
+                      {"ok", good},
+                      {"trigger", trigger_text_},
+                      {"folder", good ? Json(text) : Json(nullptr)},
+                      {"failure", good ? Json(nullptr) : Json(text)}}
+                     .dump());
   } else if (good) {
-    context_.Line(text);
+    output_.Line(text);
   }
   if (!good) {
-    context_.Say("AN INCIDENT WAS NOT WRITTEN (" + trigger_text_ + "): " + text +
-                 "; make room or name another place with --directory. Still recording");
+    output_.Say("AN INCIDENT WAS NOT WRITTEN (" + trigger_text_ + "): " + text +
+                "; make room or name another place with --directory. Still recording");
   }
 }
 
