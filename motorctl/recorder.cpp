@@ -12,9 +12,7 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <fstream>
 #include <nlohmann/json.hpp>
-#include <sstream>
 #include <system_error>
 #include <thread>
 
@@ -33,12 +31,6 @@ constexpr std::size_t kMostEvents = 2000;
 constexpr int kWriterNice = 10;
 constexpr auto kLongestFinish = std::chrono::seconds(20);
 
-std::string WholeFile(const std::string& path) {
-  std::ostringstream text;
-  if (!path.empty()) text << std::ifstream(path).rdbuf();
-  return text.str();
-}
-
 std::chrono::nanoseconds Nanoseconds(double seconds) {
   return std::chrono::nanoseconds(static_cast<std::int64_t>(seconds * 1e9));
 }
@@ -50,7 +42,7 @@ Recorder::Recorder(const Context& context, const RecordPlan& plan)
       plan_(plan),
       interface_(context.vehicle.interface),
       output_(context),
-      store_(plan.directory, interface_, plan.limits, WholeFile(context.vehicle_file)),
+      store_(plan.directory, interface_, plan.limits, context.vehicle_file),
       control_(interface_),
       tap_(interface_),
       log_(plan.continuous
@@ -86,6 +78,10 @@ int Recorder::Run() {
               (tap_.hears_sent() ? ""
                                  : "; only what it receives: what this machine sends needs the "
                                    "capability CAP_NET_RAW, as root has it"));
+  if (!control_.holder().empty()) {
+    output_.Say(control_.holder() + " has the address of the recorder of " + interface_ +
+                ": \"motorctl record --now\" does not reach this one, SIGUSR1 does");
+  }
   now_ = Clock::now();
   KeepMark();  // before the first frame
   while (!ended_ || gathering_ || writer_ > 0) {
@@ -275,6 +271,7 @@ void Recorder::TakeOutcome() {
 void Recorder::Report(const std::string& outcome) {
   const bool good = outcome[0] == '+';
   const std::string text = outcome.substr(1);
+  if (good) store_.Remember(text);
   control_.Answer(outcome);
   if (context_.json) {
     using Json = nlohmann::ordered_json;
@@ -283,7 +280,7 @@ void Recorder::Report(const std::string& outcome) {
                       {"trigger", trigger_text_},
                       {"folder", good ? Json(text) : Json(nullptr)},
                       {"failure", good ? Json(nullptr) : Json(text)}}
-                     .dump());
+                     .dump(-1, ' ', false, Json::error_handler_t::replace));
   } else if (good) {
     output_.Line(text);
   }

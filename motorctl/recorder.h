@@ -67,7 +67,7 @@ class Recorder {
   const RecordPlan plan_;
   const std::string interface_;
   LastingOutput output_;
-  const IncidentStore store_;
+  IncidentStore store_;
   RecordControl control_;
   BusTap tap_;
   // Before the frames: its process would keep a copy of their memory.

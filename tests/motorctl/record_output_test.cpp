@@ -76,6 +76,18 @@ TEST_F(RecordOutputTest, WritesItsLogThoughItsTerminalIsHeld) {
   ExpectUsualEnd(recorder);
 }
 
+// No text that JSON could have.
+TEST_F(RecordOutputTest, TellsOfADirectoryWhoseNameIsNoText) {
+  const std::string odd = directory_ + "/\xff";
+  Process recorder({"record", "--json", "--after", "0.2", "--directory", odd});
+  AwaitStart(recorder);
+  EXPECT_EQ(Motorctl({"record", "--now"}).status, 0);
+  EXPECT_EQ(Motorctl({"record", "--now"}).status, 0);
+  EXPECT_TRUE(Eventually([&] { return Contains(recorder.Out(), "can0\""); }));
+  const Json object = Json::parse(recorder.Out().substr(0, recorder.Out().find('\n')));
+  EXPECT_TRUE(Contains(object["folder"], directory_ + "/\xEF\xBF\xBD/incident-")) << object;
+}
+
 TEST_F(RecordOutputTest, GoesOnWithoutRoomForItsLines) {
   bus::Command(MOTORCTL " record --after 0.2 --directory " + directory_ + " >/dev/full 2>" +
                directory_ + ".err & until grep -qs recording " + directory_ +
