@@ -30,9 +30,10 @@ constexpr std::size_t kBatch = 256;  // frames
 
 }  // namespace
 
-ContinuousLog::ContinuousLog(const Context& context, std::string directory, const LogLimits& limits,
-                             std::function<void()> in_writer)
+ContinuousLog::ContinuousLog(const Context& context, LastingOutput& output, std::string directory,
+                             const LogLimits& limits, std::function<void()> in_writer)
     : context_(context),
+      output_(output),
       interface_(context.vehicle.interface),
       directory_(std::move(directory)),
       limits_(limits),
@@ -55,14 +56,7 @@ void ContinuousLog::Start() {
     sigfillset(&all);
     ::sigprocmask(SIG_BLOCK, &all, nullptr);
     ::setpriority(PRIO_PROCESS, 0, kWriterNice);
-    int status = kFailure;
-    try {
-      Write(ends[1]);
-      status = kSuccess;
-    } catch (const std::exception& error) {
-      context_.Say(std::string("the writer of the log ended: ") + error.what());
-    }
-    ::_exit(status);
+    ::_exit(RunWriter(ends[1]));
   }
   ::close(ends[1]);
   frames_ = ends[0];
@@ -78,8 +72,8 @@ bool ContinuousLog::Offer(const FrameRing& frames) {
   if (frames_ < 0 && Clock::now() - started_ > kRestart) Start();
   const std::uint64_t kept = frames.pushed() - frames.size();
   if (handed_ < kept) {
-    context_.Say(std::to_string(kept - handed_) +
-                 " frames are missing in the log: the disk is too slow");
+    output_.Say(std::to_string(kept - handed_) +
+                " frames are missing in the log: the disk is too slow");
     handed_ = kept;
   }
   std::array<BusFrame, kBatch> batch;
@@ -91,7 +85,7 @@ bool ContinuousLog::Offer(const FrameRing& frames) {
     if (::send(frames_, batch.data(), count * sizeof(BusFrame), MSG_NOSIGNAL | MSG_DONTWAIT) > 0) {
       handed_ += count;
     } else if (errno != EAGAIN && errno != EINTR) {
-      context_.Say("the writer of the log was ended; it is started again");
+      output_.Say("the writer of the log was ended; it is started again");
       End();
     } else {
       return false;
@@ -100,9 +94,20 @@ bool ContinuousLog::Offer(const FrameRing& frames) {
   return frames_ >= 0;
 }
 
-void ContinuousLog::Write(int frames) const {
+ExitStatus ContinuousLog::RunWriter(int frames) const {
+  LastingOutput output(context_);
+  try {
+    Write(frames, output);
+    return kSuccess;
+  } catch (const std::exception& error) {
+    output.Say(std::string("the writer of the log ended: ") + error.what());
+    return kFailure;
+  }
+}
+
+void ContinuousLog::Write(int frames, LastingOutput& output) const {
   LogFiles files(directory_, interface_, limits_,
-                 [this](const std::string& text) { context_.Say(text); });
+                 [&output](const std::string& text) { output.Say(text); });
   std::array<BusFrame, kBatch> batch = {};
   std::string lines;
   std::uint64_t count = 0;

@@ -10,6 +10,7 @@
 
 #include "context.h"
 #include "frame_ring.h"
+#include "lasting_output.h"
 #include "log_files.h"
 
 namespace motorctl {
@@ -17,8 +18,8 @@ namespace motorctl {
 class ContinuousLog {
  public:
   // `in_writer` is called in the process that writes, which closes there what is not its own.
-  ContinuousLog(const Context& context, std::string directory, const LogLimits& limits,
-                std::function<void()> in_writer);
+  ContinuousLog(const Context& context, LastingOutput& output, std::string directory,
+                const LogLimits& limits, std::function<void()> in_writer);
   // Waits until everything that was handed over is written.
   ~ContinuousLog();
   ContinuousLog(const ContinuousLog&) = delete;
@@ -32,9 +33,11 @@ class ContinuousLog {
   // What fails is tried again later.
   void Start();
   void End();
-  void Write(int frames) const;
+  ExitStatus RunWriter(int frames) const;
+  void Write(int frames, LastingOutput& output) const;
 
   const Context& context_;
+  LastingOutput& output_;
   const std::string interface_;
   const std::string directory_;
   const LogLimits limits_;

@@ -8,8 +8,10 @@
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <sstream>
 #include <system_error>
 #include <utility>
 
@@ -56,6 +58,12 @@ void WriteFile(const std::string& path, const std::string& text) {
   File file(path);
   file.Write(text);
   file.Finish();
+}
+
+std::string WholeFile(const std::string& path) {
+  std::ostringstream text;
+  if (!path.empty()) text << std::ifstream(path).rdbuf();
+  return text.str();
 }
 
 void SyncDirectory(const std::string& path) {
@@ -106,11 +114,11 @@ std::uintmax_t SizeOf(const fs::path& folder) {
 }  // namespace
 
 IncidentStore::IncidentStore(std::string directory, std::string interface,
-                             const RecordLimits& limits, std::string vehicle_text)
+                             const RecordLimits& limits, const std::string& vehicle_file)
     : directory_(std::move(directory)),
       interface_(std::move(interface)),
       limits_(limits),
-      vehicle_text_(std::move(vehicle_text)) {
+      vehicle_text_(WholeFile(vehicle_file)) {
   std::error_code error;
   fs::create_directories(directory_, error);
   if (!error) {
@@ -137,22 +145,23 @@ void IncidentStore::RemoveUnfinished() const {
   }
 }
 
-// Of this interface only: others have limits of their own. The newest stays, whatever its size; by
-// its name it may be an old one, when the clock was set.
+void IncidentStore::Remember(const std::string& folder) {
+  if (written_.size() >= limits_.count) written_.erase(written_.begin());
+  written_.emplace_back(folder);
+}
+
+// Of this interface only: others have limits of their own. The newest stays, whatever its size.
 void IncidentStore::KeepLimits(const std::string& newest) const {
   std::vector<std::pair<fs::path, std::uintmax_t>> folders;
   std::uintmax_t total = 0;
-  std::error_code ignored;
-  for (const fs::directory_entry& entry : fs::directory_iterator(directory_, ignored)) {
-    if (entry.is_symlink(ignored)) continue;
-    if (!IsTimeNamed(entry.path().filename(), kPrefix, "-" + interface_)) continue;
-    const std::uintmax_t size = SizeOf(entry.path());
+  for (fs::path& folder : OldestFirst(directory_, kPrefix, "-" + interface_, written_)) {
+    const std::uintmax_t size = SizeOf(folder);
     total += size;
-    if (entry.path() != newest) folders.emplace_back(entry.path(), size);
+    if (folder != newest) folders.emplace_back(std::move(folder), size);
   }
-  std::sort(folders.begin(), folders.end());
   for (std::size_t i = 0; i < folders.size(); ++i) {
     if (folders.size() - i < limits_.count && total <= limits_.bytes) return;
+    std::error_code ignored;
     fs::remove_all(folders[i].first, ignored);
     total -= folders[i].second;
   }

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -30,13 +31,16 @@ struct Incident {
 // One interface's folders in a directory.
 class IncidentStore {
  public:
-  // `vehicle_text`: of the vehicle file; empty without one. Makes the directory where it is
+  // `vehicle_file`: read at once; empty without one. Makes the directory where it is
   // missing. Throws CommandFailed when nothing can be written there.
   IncidentStore(std::string directory, std::string interface, const RecordLimits& limits,
-                std::string vehicle_text);
+                const std::string& vehicle_file);
 
   // Removes what a recorder that was killed had begun.
   void RemoveUnfinished() const;
+
+  // What Write has written in another process: it is newer than what was there before.
+  void Remember(const std::string& folder);
 
   // Returns the path of the folder, which is there as a whole or not at all; the oldest are
   // removed where the limits ask for it. Throws CommandFailed. Takes as long as the disk does.
@@ -50,6 +54,7 @@ class IncidentStore {
   const std::string interface_;
   const RecordLimits limits_;
   const std::string vehicle_text_;
+  std::vector<std::filesystem::path> written_;  // by this recorder, the oldest first
 };
 
 }  // namespace motorctl

@@ -1,7 +1,11 @@
 #include "link.h"
 
 #include <net/if.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -25,6 +29,15 @@ Json Part(const Json& object, const char* key) {
 }
 
 }  // namespace
+
+bool IsUp(const std::string& interface) {
+  ifreq request = {};
+  std::copy(interface.begin(), interface.end(), request.ifr_name);
+  const int socket = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  const bool known = ::ioctl(socket, SIOCGIFFLAGS, &request) == 0;
+  ::close(socket);
+  return known && (static_cast<unsigned>(request.ifr_flags) & IFF_UP) != 0;
+}
 
 std::optional<Link> FindLink(const std::string& interface) {
   if (::if_nametoindex(interface.c_str()) == 0) return std::nullopt;

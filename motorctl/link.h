@@ -1,4 +1,4 @@
-// What the kernel tells about a network interface, as the program ip prints it.
+// What the kernel tells about a network interface, most of it as the program ip prints it.
 #pragma once
 
 #include <optional>
@@ -18,6 +18,9 @@ struct Link {
   std::optional<int> transmit_errors;
   std::optional<int> receive_errors;
 };
+
+// Asks the kernel, at once. False when there is no such interface.
+bool IsUp(const std::string& interface);
 
 // Nothing when there is no such interface; throws CommandFailed when ip cannot be asked.
 // `interface` was checked to hold no character that a shell would take for its own.

@@ -10,7 +10,6 @@
 #include <filesystem>
 #include <system_error>
 #include <utility>
-#include <vector>
 
 #include "time_name.h"
 
@@ -29,21 +28,6 @@ constexpr std::uintmax_t kMegabyte = 1'000'000;
 
 std::uintmax_t Reserve(const struct statvfs& disk) {
   return std::min(kReserve, std::uintmax_t{disk.f_blocks} * disk.f_frsize / kReservePart);
-}
-
-// The oldest first.
-std::vector<fs::path> Logs(const std::string& directory, const std::string& interface) {
-  std::vector<fs::path> logs;
-  std::error_code ignored;
-  for (const fs::directory_entry& entry : fs::directory_iterator(directory, ignored)) {
-    // What a link points to is somebody else's.
-    if (entry.is_symlink(ignored)) continue;
-    if (IsTimeNamed(entry.path().filename(), kPrefix, "-" + interface + kSuffix)) {
-      logs.push_back(entry.path());
-    }
-  }
-  std::sort(logs.begin(), logs.end());
-  return logs;
 }
 
 // Not one that a writer still has, which ends by itself when its recorder is gone.
@@ -83,8 +67,12 @@ LogFiles::LogFiles(std::string directory, std::string interface, const LogLimits
 
 LogFiles::~LogFiles() { End(); }
 
+std::vector<fs::path> LogFiles::Logs() const {
+  return OldestFirst(directory_, kPrefix, "-" + interface_ + kSuffix, begun_);
+}
+
 void LogFiles::Repair() const {
-  for (const fs::path& log : Logs(directory_, interface_)) CutToWholeLines(log);
+  for (const fs::path& log : Logs()) CutToWholeLines(log);
 }
 
 void LogFiles::End() {
@@ -100,18 +88,19 @@ void LogFiles::Sync() const {
 std::uintmax_t LogFiles::SizeOfOthers() const {
   std::uintmax_t bytes = 0;
   std::error_code ignored;
-  for (const fs::path& log : Logs(directory_, interface_)) {
+  for (const fs::path& log : Logs()) {
     const std::uintmax_t size = fs::file_size(log, ignored);
     if (!ignored && log != path_) bytes += size;
   }
   return bytes;
 }
 
-// By its name; with a clock that was set, the newest may have an older one.
 bool LogFiles::RemoveOldest() {
-  for (const fs::path& log : Logs(directory_, interface_)) {
+  for (const fs::path& log : Logs()) {
     std::error_code error;
-    if (log != path_ && fs::remove(log, error)) return true;
+    if (log == path_ || !fs::remove(log, error)) continue;
+    begun_.erase(std::remove(begun_.begin(), begun_.end(), log), begun_.end());
+    return true;
   }
   return false;
 }
@@ -127,6 +116,7 @@ bool LogFiles::Begin(std::int64_t nanoseconds) {
     nanoseconds += kNanosecondsPerMillisecond;
   } while (file_ < 0 && errno == EEXIST);
   if (file_ < 0) return false;
+  begun_.emplace_back(path_);
   ::flock(file_, LOCK_EX | LOCK_NB);
   written_ = 0;
   return true;

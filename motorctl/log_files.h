@@ -2,8 +2,10 @@
 #pragma once
 
 #include <cstdint>
+#include <filesystem>
 #include <functional>
 #include <string>
+#include <vector>
 
 namespace motorctl {
 
@@ -34,6 +36,7 @@ class LogFiles {
   bool Append(const std::string& lines, std::int64_t nanoseconds);
   bool Begin(std::int64_t nanoseconds);
   bool HasRoom(std::size_t bytes) const;
+  std::vector<std::filesystem::path> Logs() const;  // the oldest first
   bool RemoveOldest();
   void End();
   std::uintmax_t SizeOfOthers() const;
@@ -43,6 +46,7 @@ class LogFiles {
   const std::string interface_;
   const LogLimits limits_;
   const std::function<void(const std::string&)> say_;
+  std::vector<std::filesystem::path> begun_;  // by this writer, the oldest first
   std::string path_;
   int file_ = -1;
   std::uintmax_t written_ = 0;  // to this file

@@ -10,4 +10,7 @@ namespace motorctl {
 void AppendPrintable(std::string& out, std::string_view text);
 std::string Printable(std::string_view text);
 
+// The same, but UTF-8 stays that tells a terminal nothing: names of files and of wheels.
+std::string Visible(std::string_view text);
+
 }  // namespace motorctl

@@ -22,10 +22,10 @@ struct Options {
 };
 
 int AskNow(const Context& context) {
-  const std::string outcome = AskForRecord(context.vehicle.interface);
-  const std::string text = outcome.substr(1);
-  if (outcome[0] != '+') throw CommandFailed("not recorded: " + text);
-  context.Line(text);
+  const RecordAnswer answer = AskForRecord(context.vehicle.interface);
+  if (!answer.answerer.empty()) context.Say("the answer is that of " + answer.answerer);
+  if (!answer.written) throw CommandFailed("not recorded: " + answer.text);
+  context.Line(answer.text);
   return kSuccess;
 }
 
@@ -42,7 +42,7 @@ void AddRecord(CLI::App& app, Context& context) {
       ->check(Between(0, 3600))
       ->type_name("S");
   command->add_option("--after", plan.after, "how much after it (5)")
-      ->check(Between(0, 600))
+      ->check(Between(0, kMostAfterSeconds))
       ->type_name("S");
   command->add_option("--memory-mb", plan.memory_mb, "for frames of 24 bytes (32)")
       ->check(CLI::Range(1, 1024))

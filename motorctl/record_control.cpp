@@ -2,6 +2,7 @@
 
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -9,16 +10,22 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
+#include <memory>
+#include <optional>
+#include <string_view>
 #include <system_error>
 
 #include "context.h"
+#include "printable.h"
 
 namespace motorctl {
 namespace {
 
 constexpr int kWaiting = 8;
+constexpr std::size_t kMostAsking = 8;
 // What comes after the trigger, then a slow disk.
-constexpr int kLongestMilliseconds = 180'000;
+constexpr int kLongestMilliseconds = (kMostAfterSeconds + 180) * 1000;
+constexpr timeval kLongestConnect = {10, 0};
 
 struct Address {
   sockaddr_un address = {};
@@ -40,16 +47,52 @@ int Socket(int flags) {
   return socket;
 }
 
+// Who listens at the other end, or has connected; nothing where nobody tells.
+std::optional<ucred> PeerOf(int socket) {
+  ucred peer = {};
+  socklen_t size = sizeof(peer);
+  if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) return std::nullopt;
+  return peer;
+}
+
+std::string Name(const ucred& peer) {
+  return "process " + std::to_string(peer.pid) + " of user " + std::to_string(peer.uid);
+}
+
+std::optional<ucred> HolderOf(const Address& name) {
+  // Without waiting: it may accept nobody.
+  const int socket = Socket(SOCK_NONBLOCK);
+  std::optional<ucred> holder;
+  if (::connect(socket, name.get(), name.size) == 0) holder = PeerOf(socket);
+  ::close(socket);
+  return holder;
+}
+
+bool Trusts(const std::optional<ucred>& peer) {
+  return peer && (peer->uid == 0 || peer->uid == ::geteuid());
+}
+
+void Refuse(int asking, const std::string& reason) {
+  const std::string text = "!" + reason;
+  ::send(asking, text.data(), text.size(), MSG_NOSIGNAL);
+  ::close(asking);
+}
+
 }  // namespace
 
 RecordControl::RecordControl(const std::string& interface) : socket_(Socket(SOCK_NONBLOCK)) {
   const Address name(interface);
   if (::bind(socket_, name.get(), name.size) == 0 && ::listen(socket_, kWaiting) == 0) return;
   const int error = errno;
-  ::close(socket_);
+  Close();
   if (error == EADDRINUSE) {
-    throw CommandFailed(interface +
-                        " is recorded already; \"motorctl record --now\" asks that recorder");
+    const std::optional<ucred> holder = HolderOf(name);
+    if (Trusts(holder)) {
+      throw CommandFailed(interface + " is recorded already, by " + Name(*holder) +
+                          "; \"motorctl record --now\" asks that recorder");
+    }
+    holder_ = holder ? Name(*holder) : "somebody who does not answer";
+    return;
   }
   throw std::system_error(error, std::generic_category(), "address of the recorder");
 }
@@ -63,10 +106,19 @@ void RecordControl::Close() {
 
 bool RecordControl::Asked() {
   bool asked = false;
-  for (int asking = 0;
-       (asking = ::accept4(socket_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK)) >= 0;) {
-    asking_.push_back(asking);
-    asked = true;
+  // No more at once: whoever connects again and again must not keep it here.
+  for (int i = 0; i < kWaiting; ++i) {
+    const int asking = ::accept4(socket_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    if (asking < 0) break;
+    // Another user could have incidents written until the ones that matter are removed.
+    if (!Trusts(PeerOf(asking))) {
+      Refuse(asking, "only root and the user of the recorder may ask");
+    } else if (asking_.size() >= kMostAsking) {
+      Refuse(asking, "too many ask at once; wait for their records");
+    } else {
+      asking_.push_back(asking);
+      asked = true;
+    }
   }
   return asked;
 }
@@ -81,20 +133,34 @@ void RecordControl::Answer(const std::string& text) {
   promised_ = 0;
 }
 
-std::string AskForRecord(const std::string& interface) {
+RecordAnswer AskForRecord(const std::string& interface) {
   const int socket = Socket(0);
+  const std::unique_ptr<const int, void (*)(const int*)> closed(
+      &socket, [](const int* descriptor) { ::close(*descriptor); });
+  ::setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &kLongestConnect, sizeof(kLongestConnect));
   const Address name(interface);
-  if (::connect(socket, name.get(), name.size) == 0) {
-    char text[4096];
-    pollfd readable = {socket, POLLIN, 0};
-    ::poll(&readable, 1, kLongestMilliseconds);
-    const ssize_t bytes = ::recv(socket, text, sizeof(text), MSG_DONTWAIT);
-    ::close(socket);
-    if (bytes > 0) return std::string(text, static_cast<std::size_t>(bytes));
-    throw CommandFailed("the recorder of " + interface + " ended, or does not answer");
+  const std::string silent = "the recorder of " + interface + " ended, or does not answer";
+  if (::connect(socket, name.get(), name.size) != 0) {
+    if (errno == EAGAIN) throw CommandFailed(silent);
+    throw CommandFailed("nobody records " + interface + "; start \"motorctl record\" first");
   }
-  ::close(socket);
-  throw CommandFailed("nobody records " + interface + "; start \"motorctl record\" first");
+  const std::optional<ucred> peer = PeerOf(socket);
+  RecordAnswer answer;
+  if (!peer || peer->uid != ::geteuid()) {
+    answer.answerer = peer ? Name(*peer) : "somebody";
+    if (::geteuid() != 0) {
+      throw CommandFailed("the recorder of " + interface + " is " + answer.answerer +
+                          ": ask as that user or as root");
+    }
+  }
+  char text[4096];
+  pollfd readable = {socket, POLLIN, 0};
+  ::poll(&readable, 1, kLongestMilliseconds);
+  const ssize_t bytes = ::recv(socket, text, sizeof(text), MSG_DONTWAIT);
+  if (bytes <= 0) throw CommandFailed(silent);
+  answer.written = text[0] == '+';
+  answer.text = Visible(std::string_view(text, static_cast<std::size_t>(bytes)).substr(1));
+  return answer;
 }
 
 }  // namespace motorctl

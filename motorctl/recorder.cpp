@@ -4,7 +4,6 @@
 #include <net/if.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/signalfd.h>
@@ -13,11 +12,11 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <fstream>
 #include <nlohmann/json.hpp>
-#include <sstream>
 #include <system_error>
 #include <thread>
+
+#include "link.h"
 
 namespace motorctl {
 namespace {
@@ -32,23 +31,8 @@ constexpr std::size_t kMostEvents = 2000;
 constexpr int kWriterNice = 10;
 constexpr auto kLongestFinish = std::chrono::seconds(20);
 
-std::string WholeFile(const std::string& path) {
-  std::ostringstream text;
-  if (!path.empty()) text << std::ifstream(path).rdbuf();
-  return text.str();
-}
-
 std::chrono::nanoseconds Nanoseconds(double seconds) {
   return std::chrono::nanoseconds(static_cast<std::int64_t>(seconds * 1e9));
-}
-
-bool IsUp(const std::string& interface) {
-  ifreq request = {};
-  std::copy(interface.begin(), interface.end(), request.ifr_name);
-  const int socket = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  const bool known = ::ioctl(socket, SIOCGIFFLAGS, &request) == 0;
-  ::close(socket);
-  return known && (static_cast<unsigned>(request.ifr_flags) & IFF_UP) != 0;
 }
 
 }  // namespace
@@ -57,11 +41,12 @@ Recorder::Recorder(const Context& context, const RecordPlan& plan)
     : context_(context),
       plan_(plan),
       interface_(context.vehicle.interface),
-      store_(plan.directory, interface_, plan.limits, WholeFile(context.vehicle_file)),
+      output_(context),
+      store_(plan.directory, interface_, plan.limits, context.vehicle_file),
       control_(interface_),
       tap_(interface_),
       log_(plan.continuous
-               ? std::make_unique<ContinuousLog>(context, plan.directory, *plan.continuous,
+               ? std::make_unique<ContinuousLog>(context, output_, plan.directory, *plan.continuous,
                                                  [this] {
                                                    control_.Close();
                                                    tap_.Close();
@@ -72,6 +57,8 @@ Recorder::Recorder(const Context& context, const RecordPlan& plan)
              [this](const BusEvent& event) { Hear(event); }) {
   tap_.Open();
   store_.RemoveUnfinished();
+  // In the background of a terminal, writing to it would stop the process.
+  ::signal(SIGTTOU, SIG_IGN);
   sigset_t taken = {};
   sigemptyset(&taken);
   for (const int signal : {SIGUSR1, SIGINT, SIGTERM, SIGHUP}) sigaddset(&taken, signal);
@@ -87,15 +74,20 @@ Recorder::~Recorder() {
 }
 
 int Recorder::Run() {
-  context_.Say("recording " + interface_ + " into " + plan_.directory +
-               (tap_.hears_sent() ? ""
-                                  : "; only what it receives: what this machine sends needs the "
-                                    "capability CAP_NET_RAW, as root has it"));
+  output_.Say("recording " + interface_ + " into " + plan_.directory +
+              (tap_.hears_sent() ? ""
+                                 : "; only what it receives: what this machine sends needs the "
+                                   "capability CAP_NET_RAW, as root has it"));
+  if (!control_.holder().empty()) {
+    output_.Say(control_.holder() + " has the address of the recorder of " + interface_ +
+                ": \"motorctl record --now\" does not reach this one, SIGUSR1 does");
+  }
   now_ = Clock::now();
   KeepMark();  // before the first frame
   while (!ended_ || gathering_ || writer_ > 0) {
     Await();
     TakeSignals();
+    ended_ = ended_ || output_.NobodyReads();
     TakeFrames();
     if (log_) log_->Offer(frames_);
     WatchInterface();
@@ -105,6 +97,8 @@ int Recorder::Run() {
     if (gathering_ && writer_ < 0 && (ended_ || now_ >= gathering_->due)) StartWriting();
   }
   FinishLog();
+  // `| head` has what it wanted.
+  if (output_.NobodyReads()) throw NobodyReads("standard output");
   return kSuccess;
 }
 
@@ -175,7 +169,7 @@ void Recorder::WatchInterface() {
     return;  // it is gone again
   }
   lost_interface_ = false;
-  context_.Say(interface_ + " is back");
+  output_.Say(interface_ + " is back");
 }
 
 void Recorder::KeepMark() {
@@ -211,7 +205,7 @@ void Recorder::Hear(const BusEvent& event) {
   }
   if (!begins) return;
   gathering_ = Gathering{event, now_ + Nanoseconds(plan_.after)};
-  if (event.kind != "request") context_.Say(event.text);
+  if (event.kind != "request") output_.Say(event.text);
 }
 
 // In a process of its own, which has a copy of the memory at no cost and may wait for its disk.
@@ -277,21 +271,22 @@ void Recorder::TakeOutcome() {
 void Recorder::Report(const std::string& outcome) {
   const bool good = outcome[0] == '+';
   const std::string text = outcome.substr(1);
+  if (good) store_.Remember(text);
   control_.Answer(outcome);
   if (context_.json) {
     using Json = nlohmann::ordered_json;
-    context_.Line(Json{{"command", "record"},
-                       {"ok", good},
-                       {"trigger", trigger_text_},
-                       {"folder", good ? Json(text) : Json(nullptr)},
-                       {"failure", good ? Json(nullptr) : Json(text)}}
-                      .dump());
+    output_.Line(Json{{"command", "record"},
+                      {"ok", good},
+                      {"trigger", trigger_text_},
+                      {"folder", good ? Json(text) : Json(nullptr)},
+                      {"failure", good ? Json(nullptr) : Json(text)}}
+                     .dump(-1, ' ', false, Json::error_handler_t::replace));
   } else if (good) {
-    context_.Line(text);
+    output_.Line(text);
   }
   if (!good) {
-    context_.Say("AN INCIDENT WAS NOT WRITTEN (" + trigger_text_ + "): " + text +
-                 "; make room or name another place with --directory. Still recording");
+    output_.Say("AN INCIDENT WAS NOT WRITTEN (" + trigger_text_ + "): " + text +
+                "; make room or name another place with --directory. Still recording");
   }
 }
 

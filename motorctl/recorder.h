@@ -17,6 +17,7 @@
 #include "continuous_log.h"
 #include "frame_ring.h"
 #include "incident.h"
+#include "lasting_output.h"
 #include "record_control.h"
 #include "trigger_watch.h"
 
@@ -65,7 +66,8 @@ class Recorder {
   const Context& context_;
   const RecordPlan plan_;
   const std::string interface_;
-  const IncidentStore store_;
+  LastingOutput output_;
+  IncidentStore store_;
   RecordControl control_;
   BusTap tap_;
   // Before the frames: its process would keep a copy of their memory.

@@ -5,6 +5,7 @@
 #include <limits>
 
 #include "identifiers.h"
+#include "printable.h"
 #include "report_watch.h"
 
 namespace motorctl {
@@ -100,6 +101,7 @@ void FindWheels(const ReportLog& log, const ReportSetup& setup, Report& report) 
   for (const motor_driver::Wheel& wheel : setup.vehicle.wheels) {
     report.wheels.push_back(WheelReport());
     report.wheels.back().wheel = wheel;
+    report.wheels.back().wheel.name = Visible(wheel.name);
   }
   if (setup.make == nullptr) return;
   const auto motors = static_cast<int>(setup.make->motors);

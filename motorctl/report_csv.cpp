@@ -1,5 +1,7 @@
 // Speeds and states as a table.
+#include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <vector>
 
 #include "report_output.h"
@@ -9,7 +11,15 @@ namespace {
 
 constexpr std::size_t kBlock = std::size_t{1} << 16;
 
-std::string Cell(const std::string& text) {
+bool IsNumber(const std::string& text) {
+  char* end = nullptr;
+  const double value = std::strtod(text.c_str(), &end);
+  return *end == '\0' && std::isfinite(value);
+}
+
+// Whoever opens the table must not have a formula worked out that a name holds.
+std::string Cell(std::string text) {
+  if (text.find_first_of("=+-@") == 0 && !IsNumber(text)) text.insert(0, 1, '\'');
   if (text.find_first_of(",\"") == std::string::npos) return text;
   std::string quoted = "\"";
   for (const char c : text) quoted.append(c == '"' ? 2 : 1, c);

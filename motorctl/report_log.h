@@ -10,6 +10,7 @@
 
 #include "candump/logged_frame.h"
 #include "log_time.h"
+#include "printable.h"
 
 namespace motorctl {
 
@@ -18,7 +19,8 @@ using candump::LoggedFrame;
 // Nothing of the log can be reported. One line that says why, and what to do.
 class LogUnreadable : public std::runtime_error {
  public:
-  using std::runtime_error::runtime_error;
+  // Names of files may be anything.
+  explicit LogUnreadable(const std::string& text) : std::runtime_error(Visible(text)) {}
 };
 
 // As small as a frame can be kept: a log has a million of them.

@@ -4,6 +4,7 @@
 #include <map>
 #include <vector>
 
+#include "printable.h"
 #include "report_output.h"
 
 namespace motorctl {
@@ -54,7 +55,7 @@ class TextReport {
 
   void AddHead() {
     const ReportLog& log = of_.log;
-    Line(of_.source.path);
+    Line(Visible(of_.source.path));
     std::string stretch = log.interface.empty() ? "" : log.interface + ", ";
     if (HasTimes()) {
       stretch += ShownTime(log, log.begin()) + ", " + SecondsText(log.end() - log.begin()) +

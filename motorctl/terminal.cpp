@@ -1,6 +1,8 @@
 #include "terminal.h"
 
 #include <fcntl.h>
+#include <poll.h>
+#include <pthread.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -9,6 +11,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <system_error>
+
+#include "base/blocked_signals.h"
+#include "log/relay.h"
 
 namespace motorctl {
 namespace {
@@ -19,6 +24,24 @@ int data_descriptor = STDOUT_FILENO;
 int library_text = -1;
 off_t taken = 0;
 
+// Returns 0, or the error.
+int WriteWhole(int descriptor, const std::string& text) {
+  // Past FILE*, whose lock would stay with a thread that is ended here.
+  const corvel::MayEndHere here;
+  for (std::size_t written = 0; written < text.size();) {
+    const ssize_t bytes = ::write(descriptor, text.data() + written, text.size() - written);
+    if (bytes >= 0) {
+      written += static_cast<std::size_t>(bytes);
+    } else if (errno == EAGAIN) {  // who shares the output made it so
+      pollfd output = {descriptor, POLLOUT, 0};
+      ::poll(&output, 1, -1);
+    } else if (errno != EINTR) {
+      return errno;
+    }
+  }
+  return 0;
+}
+
 bool IsTerminal() { return ::isatty(data_descriptor) != 0; }
 
 }  // namespace
@@ -26,23 +49,17 @@ bool IsTerminal() { return ::isatty(data_descriptor) != 0; }
 int DataDescriptor() { return data_descriptor; }
 
 void Context::Write(const std::string& text) const {
-  std::size_t written = 0;
-  while (written < text.size()) {
-    const ssize_t bytes = ::write(data_descriptor, text.data() + written, text.size() - written);
-    if (bytes < 0) {
-      if (errno == EINTR) continue;
-      const std::string failure = "standard output: " + std::generic_category().message(errno);
-      if (errno == EPIPE) throw NobodyReads(failure);
-      throw CommandFailed(failure);
-    }
-    written += static_cast<std::size_t>(bytes);
-  }
+  const int error = WriteWhole(data_descriptor, text);
+  if (error == 0) return;
+  const std::string failure = "standard output: " + std::generic_category().message(error);
+  if (error == EPIPE) throw NobodyReads(failure);
+  throw CommandFailed(failure);
 }
 
 void Context::Line(const std::string& text) const { Write(text + '\n'); }
 
 void Context::Say(const std::string& text) const {
-  std::fprintf(stderr, "motorctl: %s\n", text.c_str());
+  WriteWhole(STDERR_FILENO, "motorctl: " + text + "\n");
 }
 
 ExitStatus Context::Ask(bool yes, const std::string& question) const {
@@ -119,10 +136,14 @@ std::string LibraryOutput::Take() {
   return text;
 }
 
-Writer::Writer(std::function<void(const std::string&)> write)
-    : write_(std::move(write)), thread_([this] { Run(); }) {}
+Writer::Writer(std::function<void(const std::string&)> write, std::size_t most)
+    : write_(std::move(write)), most_(most) {
+  const BlockedSignals inherited_by_the_thread;
+  thread_ = std::thread([this] { Run(); });
+}
 
 Writer::~Writer() {
+  if (!thread_.joinable()) return;
   {
     const std::lock_guard<std::mutex> lock(mutex_);
     ended_ = true;
@@ -131,13 +152,26 @@ Writer::~Writer() {
   thread_.join();
 }
 
-void Writer::Push(std::string text) {
+void Writer::End(std::chrono::milliseconds longest) {
+  {
+    std::unique_lock<std::mutex> lock(mutex_);
+    ended_ = true;
+    changed_.notify_all();
+    if (!changed_.wait_for(lock, longest, [this] { return waiting_.empty(); })) {
+      pthread_cancel(thread_.native_handle());
+    }
+  }
+  thread_.join();
+}
+
+bool Writer::Push(std::string text) {
   {
     const std::lock_guard<std::mutex> lock(mutex_);
-    if (failed_) return;
+    if (failed_ || waiting_.size() >= most_) return false;
     waiting_.push_back(std::move(text));
   }
   changed_.notify_all();
+  return true;
 }
 
 bool Writer::AwaitIdle(std::chrono::milliseconds longest) {
@@ -151,6 +185,7 @@ bool Writer::Failed() {
 }
 
 void Writer::Run() {
+  pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
   std::unique_lock<std::mutex> lock(mutex_);
   for (;;) {
     changed_.wait(lock, [this] { return ended_ || !waiting_.empty(); });

@@ -4,6 +4,7 @@
 #include <condition_variable>
 #include <deque>
 #include <functional>
+#include <limits>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -33,11 +34,16 @@ int DataDescriptor();
 class Writer {
  public:
   // `write` may wait; it throws CommandFailed when nobody reads any more, which ends all writing.
-  explicit Writer(std::function<void(const std::string&)> write);
+  // `most`: as many texts wait.
+  explicit Writer(std::function<void(const std::string&)> write,
+                  std::size_t most = std::numeric_limits<std::size_t>::max());
   // Waits until everything is written.
   ~Writer();
+  // Waits so long, and gives up what is not written by then. Nothing may be pushed after it.
+  void End(std::chrono::milliseconds longest);
 
-  void Push(std::string text);
+  // False when it is not taken.
+  bool Push(std::string text);
   // False when that takes longer.
   bool AwaitIdle(std::chrono::milliseconds longest);
   bool Failed();
@@ -46,6 +52,7 @@ class Writer {
   void Run();
 
   std::function<void(const std::string&)> write_;
+  const std::size_t most_;
   std::mutex mutex_;
   std::condition_variable changed_;
   std::deque<std::string> waiting_;  // the first one is being written

@@ -18,6 +18,23 @@ constexpr std::uint32_t kNodeMask = 0x07F;
 
 // So many objects are asked for in turn by a host that waits for something.
 constexpr std::size_t kTurn = 8;
+// A write that is repeated faster, or undone faster, belongs to a loop that waits.
+constexpr Time kLoop = std::chrono::milliseconds(400);
+
+constexpr unsigned kInitiateWrite = 1;  // the upper three bits of the first byte
+
+// What a drive is told: an NMT command, or an object by SDO. Not what it is asked.
+bool IsDeed(const Frame& frame) {
+  const bool is_sdo = (frame.id & kFunctionMask) == kSdoRequest;
+  return frame.id == kNmt || (is_sdo && frame.data[0] >> 5U == kInitiateWrite);
+}
+
+// Of deeds, that the later one takes the place of the other.
+bool SameTarget(const Frame& left, const Frame& right) {
+  return left.id == right.id && IsDeed(left) && IsDeed(right) &&
+         (left.id == kNmt ||
+          std::equal(left.data.begin() + 1, left.data.begin() + 4, right.data.begin() + 1));
+}
 
 }  // namespace
 
@@ -35,15 +52,43 @@ std::size_t HostRequests::NodeOf(const Frame& frame) {
 HostRequests::HostRequests(const Recording& recording) : recording_(recording) {
   for (std::size_t index = 0; index < recording.lines.size(); ++index) {
     const Recording::Line& line = recording.lines[index];
-    if (!line.from_host || !AreRequests(line.frame.id)) continue;
-    Node& node = nodes_[NodeOf(line.frame)];
-    const std::size_t back = std::min(kTurn, node.requests.size());
-    node.repeats.push_back(std::any_of(
-        node.requests.end() - static_cast<std::ptrdiff_t>(back), node.requests.end(),
-        [&](std::size_t before) { return recording.lines[before].frame == line.frame; }));
-    node.requests.push_back(index);
+    if (line.from_host && AreRequests(line.frame.id)) {
+      nodes_[NodeOf(line.frame)].requests.push_back(index);
+    }
   }
-  for (Node& node : nodes_) node.FindDue();
+  for (Node& node : nodes_) {
+    for (std::size_t i = 0; i < node.requests.size(); ++i) {
+      node.repeats.push_back(IsAmongTheLast(node, i) && !IsLasting(node, i));
+    }
+    node.FindDue();
+  }
+}
+
+bool HostRequests::IsAmongTheLast(const Node& node, std::size_t number) const {
+  const auto request = node.requests.begin() + static_cast<std::ptrdiff_t>(number);
+  return std::any_of(
+      request - static_cast<std::ptrdiff_t>(std::min(kTurn, number)), request,
+      [&](std::size_t before) { return LineOf(before).frame == LineOf(*request).frame; });
+}
+
+// A deed that changes what was told before and stays, the last stop above all; or that is done once
+// more after a while. However often it was done before, a host that leaves it out does less.
+bool HostRequests::IsLasting(const Node& node, std::size_t number) const {
+  const Recording::Line& line = LineOf(node.requests[number]);
+  if (!IsDeed(line.frame)) return false;
+  for (std::size_t i = number; i-- > 0;) {
+    const Recording::Line& before = LineOf(node.requests[i]);
+    if (!SameTarget(before.frame, line.frame)) continue;
+    if (before.frame == line.frame) return line.time - before.time >= kLoop;
+    break;
+  }
+  for (std::size_t i = number + 1; i < node.requests.size(); ++i) {
+    const Recording::Line& after = LineOf(node.requests[i]);
+    if (SameTarget(after.frame, line.frame) && after.frame != line.frame) {
+      return after.time - line.time >= kLoop;
+    }
+  }
+  return true;
 }
 
 void HostRequests::Node::FindDue() {

@@ -16,7 +16,8 @@ inline constexpr std::size_t kNothing = static_cast<std::size_t>(-1);
 /// place among those of every node.
 ///
 /// What the recorded host repeats among its last requests to the node, another may repeat more often
-/// or less often: how often somebody asks until a drive has turned is a matter of microseconds.
+/// or less often: how often somebody asks until a drive has turned is a matter of microseconds. But
+/// what a drive is told for good has to come.
 class HostRequests {
  public:
   explicit HostRequests(const Recording& recording);
@@ -44,6 +45,9 @@ class HostRequests {
   };
 
   static std::size_t NodeOf(const Frame& frame);
+  const Recording::Line& LineOf(std::size_t index) const { return recording_.lines[index]; }
+  bool IsAmongTheLast(const Node& node, std::size_t number) const;
+  bool IsLasting(const Node& node, std::size_t number) const;
   bool InOrderOfAll(std::size_t node, std::size_t index) const;
 
   const Recording& recording_;

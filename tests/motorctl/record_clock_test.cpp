@@ -54,6 +54,45 @@ TEST_F(RecordClockTest, GoesOnWhenItIsSetForward) {
   EXPECT_EQ(std::count(log.begin(), log.end(), 'R'), 4) << log;
 }
 
+// Whatever their names say.
+TEST_F(RecordClockTest, RemovesWhatWasWrittenFirst) {
+  for (const time_t first : {-kHour, kHour}) {
+    std::filesystem::remove_all(directory_);
+    Process recorder(Recording({"--keep", "2"}));
+    AwaitStart(recorder);
+    std::vector<std::string> written;
+    for (const time_t by : {first, -first, -kHour, time_t{0}}) {
+      const Result now = Motorctl({"record", "--now"});
+      ASSERT_EQ(now.status, 0) << now.err;
+      written.push_back(now.out.substr(0, now.out.size() - 1));
+      SetBy(by);
+    }
+    std::sort(written.begin() + 2, written.end());
+    EXPECT_EQ(Folders(), std::vector<std::string>(written.begin() + 2, written.end()));
+  }
+}
+
+TEST_F(RecordClockTest, ALogFromTheFutureIsTheOldest) {
+  const auto write = [this](int frames) {
+    Process recorder(Recording({"--continuous", "--file-mb", "1", "--files-mb", "3"}));
+    AwaitStart(recorder);
+    bus::Command("cangen can1 -g 0 -n " + std::to_string(frames) +
+                 " -I 123 -L 8 -p 10; cansend can1 124#01");
+    recorder.Signal(SIGTERM);
+    EXPECT_EQ(recorder.Wait(), 0);
+  };
+  write(12'000);
+  ASSERT_EQ(Listed("bus-").size(), 1U);
+  const std::string future = Listed("bus-")[0];
+  SetBy(-kHour);
+  write(12'000);
+  const std::string newer = Listed("bus-")[0];
+  ASSERT_NE(newer, future);
+  write(30'000);  // one file and a half
+  EXPECT_FALSE(std::filesystem::exists(future));
+  EXPECT_TRUE(std::filesystem::exists(newer));
+}
+
 TEST_F(RecordClockTest, GoesOnWhenItIsSetBack) {
   Process recorder(Recording({"--keep", "1"}));
   AwaitStart(recorder);

@@ -170,6 +170,50 @@ TEST_F(ContinuousTest, StartsItsWriterAgain) {
   EXPECT_TRUE(Eventually([&] { return Contains(AllLogs(), "124#02"); }));
 }
 
+TEST_F(ContinuousTest, StartsItsWriterOnceThereAreDescriptors) {
+  Process recorder(Logging());
+  AwaitRecorder(recorder);
+  bus::Command("cansend can1 123#01");
+  ASSERT_TRUE(AwaitLines(1));
+  const std::string prlimit = "prlimit --pid " + std::to_string(recorder.pid()) + " --nofile=";
+  const std::filesystem::path open = "/proc/" + std::to_string(recorder.pid()) + "/fd";
+  const auto count = std::distance(std::filesystem::directory_iterator(open), {});
+  // Room for one end of a connection, when that of the writer is closed.
+  bus::Command("kill -KILL " + Writer(recorder) + "; " + prlimit + std::to_string(count) +
+               ": ; cansend can1 124#02");
+  ASSERT_TRUE(Eventually([&] { return Contains(recorder.Err(), "it is started again"); }));
+  std::this_thread::sleep_for(std::chrono::milliseconds(2500));
+  bus::Command("cansend can1 125#03");
+  EXPECT_EQ(Lines(AllLogs()), 1);
+  bus::Command(prlimit + "1024:");
+  EXPECT_TRUE(AwaitLines(3));
+  EXPECT_TRUE(Contains(AllLogs(), "124#02 R\n"));
+  EXPECT_TRUE(Contains(AllLogs(), "125#03 R\n"));
+}
+
+// As a disk does that takes a part of it and no more. What the process says goes to a file, too, which
+// is shorter.
+TEST_F(ContinuousTest, CutsOffWhatIsWrittenInPart) {
+  Process recorder(Logging());
+  AwaitRecorder(recorder);
+  Send(100);
+  ASSERT_TRUE(AwaitLines(100));
+  std::string writer = Writer(recorder);
+  writer.resize(writer.find_first_not_of("0123456789"));
+  const std::string limit = "prlimit --pid " + writer + " --fsize=";
+  const std::string whole = AllLogs();
+  bus::Command(limit + std::to_string(whole.size() + 20) + ": ; cansend can1 124#02");
+  ASSERT_TRUE(Eventually([&] { return Contains(recorder.Err(), "THE LOG IS NOT WRITTEN"); }));
+  EXPECT_EQ(AllLogs(), whole);
+  bus::Command(limit + "unlimited: ; cansend can1 125#03");
+  ASSERT_TRUE(AwaitLines(101));
+  EXPECT_EQ(AllLogs().substr(0, whole.size() + 1), whole + "(");
+  EXPECT_TRUE(Contains(AllLogs(), " can0 125#03 R\n")) << AllLogs();
+  EXPECT_FALSE(Contains(AllLogs(), "124#02")) << AllLogs();
+  recorder.Signal(SIGTERM);
+  EXPECT_EQ(recorder.Wait(), 0);
+}
+
 // With limits that the disk has no room for.
 TEST_F(ContinuousTest, KeepsTheNewestOfASmallDisk) {
   const Mount disk(directory_, "4m");

@@ -179,6 +179,25 @@ TEST_F(RecordTriggersTest, StateOfTheController) {
   EXPECT_TRUE(Contains(trigger["text"], "bus off"));
 }
 
+// As controllers tell them, in the second byte of the data.
+TEST_F(RecordTriggersTest, EveryStateOfTheController) {
+  Start();
+  bus::Command(
+      "for frame in 20000004#0010000000000000 20000004#0002000000000000 "
+      "20000004#0040000000000000 20000100#0000000000000000; do cansend can1 $frame; done");
+  EXPECT_EQ(AwaitTrigger()["event"], "controller_state");
+  std::vector<std::string> texts;
+  for (const Json& event : Events(Folders()[0])) {
+    EXPECT_EQ(event["event"], "controller_state") << event;
+    texts.push_back(event["text"]);
+  }
+  ASSERT_EQ(texts.size(), 4U);
+  EXPECT_TRUE(Contains(texts[0], "error-passive by receive errors")) << texts[0];
+  EXPECT_TRUE(Contains(texts[1], "transmit buffer overflow")) << texts[1];
+  EXPECT_TRUE(Contains(texts[2], "error-active again")) << texts[2];
+  EXPECT_TRUE(Contains(texts[3], "controller restarted")) << texts[3];
+}
+
 TEST_F(RecordTriggersTest, InterfaceDownAndUpAgain) {
   Start();
   bus::SetDown("can0");

@@ -59,6 +59,32 @@ TEST(ReportErrorsTest, SaysWhichFolderToName) {
             "DIR/incident-20261122T020000.000Z-can0");
 }
 
+TEST(ReportErrorsTest, ShowsNothingThatATerminalObeys) {
+  const Folder folder;
+  const std::string odd = "/incident-\x1b[2J\n\xc2\x9b\xc3\xa4\xe2\x80\xae\xf0\x9f\x9a\x97\xff";
+  const std::string shown =
+      "DIR/incident-\\x1B[2J\\x0A\\xC2\\x9B\xc3\xa4\\xE2\\x80\\xAE\xf0\x9f\x9a\x97\\xFF";
+  const std::string path = folder.path() + odd;
+  std::filesystem::create_directory(path);
+  EXPECT_EQ(Refusal(folder.path(), folder),
+            "DIR: 1 incident in it; name one, the newest is " + shown);
+  EXPECT_EQ(Refusal(path, folder),
+            shown + ": no bus.log in it; name a folder of motorctl record, or a log");
+  WithReport(folder.Write(odd + "/bus.log", "(1.0) can0 181#00\n"), {}, path,
+             [&](const ReportOf& of) {
+               EXPECT_EQ("DIR" + Split(ReportText(of))[0].substr(folder.path().size()), shown);
+             });
+
+  How how = {"zl"};
+  how.vehicle.wheels.resize(1);
+  how.vehicle.wheels[0].name = "v\xc3\xa4nster\xc2\x9b[31m";
+  how.vehicle.wheels[0].node = 1;
+  const Lines wheels = PartOf(TextOf("(1.0) can0 181#00\n", how), "Wheels");
+  ASSERT_FALSE(wheels.empty());
+  const std::string name = "  v\xc3\xa4nster\\xC2\\x9B[31m, node 1";
+  EXPECT_EQ(wheels[0].substr(0, name.size()), name);
+}
+
 TEST(ReportErrorsTest, ReportsOneOfSeveralInterfaces) {
   const std::string log =
       "(1.0) can0 701#05 T\n(1.1) can1 702#05 T\n(1.2) can1 702#05 T\n(1.3) can2 703#05 T\n";

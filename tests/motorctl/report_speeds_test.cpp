@@ -167,6 +167,30 @@ TEST(ReportCsvTest, HasARowForEveryCommandAndEveryMeasuredSpeed) {
       "enabled\n");
 }
 
+// A table may be opened by a program that works them out.
+TEST(ReportCsvTest, HasNoFormulas) {
+  const auto cell = [](const std::string& name) {
+    How how{"tt"};
+    how.vehicle.wheels = {Wheel(name, 1, 1, false, 1)};
+    std::string csv;
+    WithReportOf(LogOf({"0.0 201#3C000000"}), how, [&](const ReportOf& of) {
+      WriteReportCsv(of, [&](const std::string& rows) { csv += rows; });
+    });
+    const std::string row = Split(csv).at(1);
+    const std::string end = ",1,1,60.00,,,";
+    const std::size_t begin = std::string("0.000000,,").size();
+    return row.substr(begin, row.find(end) - begin);
+  };
+  EXPECT_EQ(cell("=1+1"), "'=1+1");
+  EXPECT_EQ(cell("@SUM(1,1)"), "\"'@SUM(1,1)\"");
+  EXPECT_EQ(cell("+cmd"), "'+cmd");
+  EXPECT_EQ(cell("-2+3"), "'-2+3");
+  EXPECT_EQ(cell("-inf"), "'-inf");
+  EXPECT_EQ(cell("-2.5"), "-2.5");
+  EXPECT_EQ(cell("+1"), "+1");
+  EXPECT_EQ(cell("left=1"), "left=1");
+}
+
 TEST(SpeedCurveTest, KeepsWhatStandsOutOfEachSliceAndAllNearTheMoment) {
   constexpr std::int64_t kMillisecond = 1'000'000;
   constexpr std::int64_t kEnd = 600'000 * kMillisecond;
