@@ -131,20 +131,26 @@ class Restoring {
       return;
     }
     for (std::size_t i = begun_; i > 0; --i) {
-      const ConfigWrite& write = writes_[i - 1];
-      // An object that takes the value back only later is seen when all are compared.
-      const SdoAnswer answer =
-          Repeat([&] { return device_.Write(write.object.index, write.object.sub, write.before); });
-      if (answer.heard()) continue;
-      // It is gone; what comes back may be another one.
-      const std::string now = Another(AwaitDrive());
-      if (now.empty() && !device_.booted_up()) continue;
-      outcome.failure += "; not all is written back, for " +
-                         (now.empty() ? "the drive went away in the middle" : now);
+      const std::string now = WriteBack(writes_[i - 1]);
+      if (now.empty()) continue;
+      outcome.failure += "; not all is written back, for " + now;
       NameAll(outcome);
       return;
     }
     Compare(outcome);
+  }
+
+  // Why the rest must stay as it is: the drive is gone, or another one is in its place. A refusal is
+  // seen when all are compared, as is an object that takes the value back only later.
+  std::string WriteBack(const ConfigWrite& write) {
+    for (int i = 0; i < kAttempts; ++i) {
+      const ConfigObject& object = write.object;
+      if (device_.Write(object.index, object.sub, write.before).heard()) break;
+      // Before the value is sent once more: what comes back may be another one.
+      std::string another = Another(AwaitDrive());
+      if (!another.empty()) return another;
+    }
+    return "";
   }
 
   // As the plan found them.
@@ -179,14 +185,14 @@ class Restoring {
     }
   }
 
-  // It may be booting.
+  // It may be booting, which is told before it answers.
   ReadIdentity AwaitDrive() {
-    ReadIdentity found = IdentityOf(device_);
-    for (const auto until = Clock::now() + kLongestBoot; !found.answers && Clock::now() < until;) {
+    for (const auto until = Clock::now() + kLongestBoot;;) {
+      const ReadIdentity found = IdentityOf(device_);
+      device_.Disturbance();
+      if (found.answers || Clock::now() >= until) return found;
       std::this_thread::sleep_for(kPause);
-      found = IdentityOf(device_);
     }
-    return found;
   }
 
   const std::vector<ConfigWrite>& writes_;

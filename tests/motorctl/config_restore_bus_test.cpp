@@ -195,4 +195,22 @@ TEST_F(RestoreTest, StoresLastAndOnlyWhenToldTo) {
       << refused.err;
 }
 
+// Between the last comparison and the storing it is asked for once more.
+TEST_F(RestoreTest, StoresNothingWhenAnotherProgramCameInTheEnd) {
+  const auto drive = Changed("tt");
+  bus::FarEnd other("can1");
+  Process process({"config", "restore", file_, "1", "--yes", "--save"});
+  ASSERT_TRUE(Eventually([&] { return Contains(process.Out(), " objects restored\n"); }));
+  other.Send("601#4000100000000000");
+  EXPECT_EQ(process.Wait(), 1);
+  EXPECT_TRUE(Contains(process.Err(),
+                       "*** NODE 1 HOLDS THEM UNTIL IT IS SWITCHED OFF; IT WAS NOT TOLD TO STORE "
+                       "THEM: another program writes or reads objects of node 1 ***"))
+      << process.Err();
+  EXPECT_EQ(Held(*drive), saved_);
+  for (const std::string& frame : other.Frames()) {
+    EXPECT_NE(frame.compare(0, 12, "601#23101001"), 0) << frame;
+  }
+}
+
 }  // namespace

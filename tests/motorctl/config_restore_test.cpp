@@ -189,6 +189,71 @@ TEST(ConfigRestore, WritesBackIntoTheSameDriveThatBootedUp) {
   EXPECT_EQ(Held(drive), kBefore);
 }
 
+// The fourth write is refused; of the four write backs one is lost, and then the drive is silent.
+MemoryDrive VanishesDuringTheUndo(int write_back) {
+  MemoryDrive drive;
+  drive.abort_at = 4;
+  drive.vanish_at = 4 + write_back;
+  drive.reads_until_back = 3;
+  return drive;
+}
+
+TEST(ConfigRestore, WritesNothingIntoADriveThatTookItsPlaceDuringTheUndo) {
+  for (int lost = 1; lost <= 4; ++lost) {
+    MemoryDrive drive = VanishesDuringTheUndo(lost);
+    drive.serial_after = {5, 0, 0, 0};
+    const ConfigOutcome outcome = Restore(drive);
+    EXPECT_TRUE(Contains(outcome.failure,
+                         "; not all is written back, for this is another drive: its serial number "
+                         "is 0x00000005, not 0x00000004"))
+        << outcome.failure;
+    EXPECT_EQ(drive.writes, drive.vanish_at);
+    EXPECT_EQ(outcome.not_as_they_were.size(), 4U);
+
+    // Only its boot-up tells that it may be another one.
+    MemoryDrive nameless = VanishesDuringTheUndo(lost);
+    const ConfigOutcome unknown = Restore(nameless, {1, 2, 3, std::nullopt});
+    EXPECT_TRUE(Contains(unknown.failure, "it may be another one")) << unknown.failure;
+    EXPECT_EQ(nameless.writes, nameless.vanish_at);
+    EXPECT_EQ(unknown.not_as_they_were.size(), 4U);
+  }
+}
+
+TEST(ConfigRestore, GoesOnWithTheUndoWhenTheSameDriveIsBack) {
+  for (int lost = 1; lost <= 4; ++lost) {
+    MemoryDrive drive = VanishesDuringTheUndo(lost);
+    const ConfigOutcome outcome = Restore(drive);
+    EXPECT_TRUE(Contains(outcome.failure, "0x06090030")) << outcome.failure;
+    EXPECT_FALSE(Contains(outcome.failure, "written back")) << outcome.failure;
+    EXPECT_EQ(drive.writes, 4 + 4 + 1);
+    EXPECT_EQ(Held(drive), kBefore) << lost;
+    EXPECT_EQ(outcome.not_as_they_were.size(), 0U);
+  }
+}
+
+TEST(ConfigRestore, NamesAllWhenTheDriveStaysAwayDuringTheUndo) {
+  MemoryDrive drive = VanishesDuringTheUndo(2);
+  drive.reads_until_back = MemoryDrive::kNever;
+  const ConfigOutcome outcome = Restore(drive);
+  EXPECT_TRUE(Contains(outcome.failure,
+                       "; not all is written back, for the drive answers no "
+                       "longer"))
+      << outcome.failure;
+  EXPECT_EQ(outcome.not_as_they_were.size(), 4U);
+}
+
+TEST(ConfigRestore, SeesAnObjectThatAnotherOneSetsBack) {
+  MemoryDrive drive;
+  drive.sets_back_by = {0x2000, 5};
+  std::vector<ConfigWrite> plan = Plan();
+  plan.pop_back();  // 0x2000:01 is not written after 0x2000:05
+  const ConfigOutcome outcome = WritePlan(plan, kIdentity, drive, [] {});
+  EXPECT_TRUE(Contains(outcome.failure, "0x2000:01: was written as 0x80, and in the end is 0x01"))
+      << outcome.failure;
+  EXPECT_EQ(Held(drive), kBefore);
+  EXPECT_EQ(outcome.not_as_they_were.size(), 0U);
+}
+
 TEST(ConfigRestore, DoesNotMindARefusalOfWhatNothingUses) {
   MemoryDrive drive;
   std::vector<ConfigWrite> plan = Plan();

@@ -29,6 +29,7 @@ class MemoryDrive : public ConfigDevice {
 
   SdoAnswer Read(std::uint16_t index, std::uint8_t sub) override {
     ++reads;
+    if (reads >= back_at) ComeBack();
     if (silent) return Answer(SdoAnswer::Kind::kNoAnswer);
     if (fail_read.count({index, sub}) != 0) return Answer(SdoAnswer::Kind::kAborted, 0x08000000);
     const auto value = values.find({index, sub});
@@ -44,6 +45,11 @@ class MemoryDrive : public ConfigDevice {
     if (silent) return Answer(SdoAnswer::Kind::kNoAnswer);
     log.push_back({{index, sub}, bytes});
     const int number = ++writes;
+    if (number == vanish_at) {
+      silent = true;
+      back_at = reads + reads_until_back;
+      return Answer(SdoAnswer::Kind::kNoAnswer);
+    }
     if (number == abort_at) return Answer(SdoAnswer::Kind::kAborted, 0x06090030);
     if (number == lose_at) return Answer(SdoAnswer::Kind::kNoAnswer);
     if (number > refuse_after) return Answer(SdoAnswer::Kind::kAborted, 0x08000022);
@@ -52,6 +58,7 @@ class MemoryDrive : public ConfigDevice {
       return Answer(SdoAnswer::Kind::kNoAnswer);
     }
     values[{index, sub}] = bytes;
+    if (sets_back_by == Where(index, sub)) values[{0x2000, 1}] = {1};
     if (number == lose_answer_at) return Answer(SdoAnswer::Kind::kNoAnswer);
     if (number == swap_after) {
       booted = true;
@@ -61,16 +68,25 @@ class MemoryDrive : public ConfigDevice {
   }
 
   std::string Disturbance() override {
+    heard_boot_up = booted;
     if (booted) return "node 1 booted up in the middle";
     return writes >= disturb_after ? "interrupted" : "";
   }
-  bool booted_up() const override { return booted; }
+  bool booted_up() const override { return heard_boot_up; }
+
+  void ComeBack() {
+    back_at = kNever;
+    silent = false;
+    booted = true;
+    values[{0x1018, 4}] = serial_after;
+  }
 
   static constexpr int kNever = 1000;
   std::map<Where, Bytes> values;
   std::vector<std::pair<Where, Bytes>> log;
   std::map<Where, bool> fail_read;
   Where lies_at = {0, 0};
+  Where sets_back_by = {0, 0};  // a write of it sets 0x2000:01 to 1
   std::uint16_t changes = 0;
   Bytes serial_after = {4, 0, 0, 0};
   int writes = 0;
@@ -82,8 +98,12 @@ class MemoryDrive : public ConfigDevice {
   int die_after = kNever;
   int swap_after = kNever;
   int disturb_after = kNever;
+  int vanish_at = kNever;         // this write is lost, and it is silent
+  int reads_until_back = kNever;  // then it booted up, with `serial_after`
+  int back_at = kNever;
   bool silent = false;
   bool booted = false;
+  bool heard_boot_up = false;  // when it was last asked for a disturbance
 };
 
 }  // namespace motorctl
