@@ -41,6 +41,8 @@ BusDevice::BusDevice(const std::string& interface, int node, milliseconds timeou
       client_(interface, timeout),
       tap_(interface) {
   tap_.Open();
+  if (tap_.hears_sent())
+    client_.set_sent([this](const can_frame& frame) { ours_.push_back(frame); });
   // All that is the node's by the usual identifiers: boot-up, requests to it, its PDOs.
   listeners_.push_back(
       std::make_unique<Listener>(interface, static_cast<canid_t>(node), kNodeMask));
@@ -102,15 +104,35 @@ std::string BusDevice::Disturbance() {
   return refuses_others_ ? other_host_ : "";
 }
 
-// What no listener hears: hosts on this machine that do not hear themselves, and commands to all. Our
-// own transfers are among what this machine sends.
+// What no listener hears: hosts on this machine that do not hear themselves, and commands to all.
 void BusDevice::HearHost(const BusFrame& frame) {
   if (frame.id == 0 && frame.length == 2 && frame.data[0] == kStart &&
       (frame.data[1] == 0 || frame.data[1] == node_)) {
     other_host_ = "another host starts node " + std::to_string(node_);
-  } else if (frame.sent) {
+  } else if (!frame.sent) {
+    return;
+  } else if (frame.id != kSdoRequest + static_cast<canid_t>(node_)) {
     HearPdo(frame.id);
+  } else if (!IsOurs(frame)) {
+    HearRequest();
   }
+}
+
+// What is sent is heard in the order in which we sent it; what is missing was dropped on its way. Each
+// of ours counts once: another program may ask for the same.
+bool BusDevice::IsOurs(const BusFrame& frame) {
+  const auto same = [&frame](const can_frame& sent) {
+    return sent.can_id == frame.id && sent.can_dlc == frame.length &&
+           std::equal(sent.data, sent.data + frame.length, frame.data);
+  };
+  const auto found = std::find_if(ours_.begin(), ours_.end(), same);
+  if (found == ours_.end()) return false;
+  ours_.erase(ours_.begin(), found + 1);
+  return true;
+}
+
+void BusDevice::HearRequest() {
+  other_host_ = "another program writes or reads objects of node " + std::to_string(node_);
 }
 
 void BusDevice::Hear(const can_frame& frame) {
@@ -120,7 +142,7 @@ void BusDevice::Hear(const can_frame& frame) {
     booted_up_ = booted_up_ || state == 0;
     not_operational_ = state != 0 && state != kOperational;
   } else if (frame.can_id == kSdoRequest + node) {
-    other_host_ = "another program writes or reads objects of node " + std::to_string(node_);
+    HearRequest();
   } else {
     HearPdo(frame.can_id);
   }

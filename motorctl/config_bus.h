@@ -1,6 +1,7 @@
 // The drive of a configuration, on the bus.
 #pragma once
 
+#include <deque>
 #include <functional>
 #include <memory>
 #include <vector>
@@ -25,8 +26,8 @@ class BusDevice : public ConfigDevice {
   // Storing takes a drive its time.
   SdoAnswer Store();
 
-  // From now on another host is a disturbance: SDO requests that are not ours, and PDOs that the
-  // node receives, unless it is known not to be operational. Hears the identifiers of its PDOs
+  // From now on another host is a disturbance: SDO requests that are not ours, of this machine, too,
+  // and PDOs that the node receives, unless it is known not to be operational. Hears the identifiers of its PDOs
   // besides the usual ones.
   void RefuseOtherHosts();
   // A PDO that the node is to receive, too.
@@ -38,6 +39,8 @@ class BusDevice : public ConfigDevice {
   void Hear(const can_frame& frame);
   void HearHost(const BusFrame& frame);
   void HearPdo(canid_t id);
+  void HearRequest();
+  bool IsOurs(const BusFrame& frame);
 
   const std::string interface_;
   const int node_;
@@ -45,6 +48,7 @@ class BusDevice : public ConfigDevice {
   SdoClient client_;
   std::vector<std::unique_ptr<Listener>> listeners_;
   BusTap tap_;
+  std::deque<can_frame> ours_;  // that were sent and have not been heard yet
   std::vector<canid_t> pdos_;
   bool refuses_others_ = false;
   bool booted_up_ = false;

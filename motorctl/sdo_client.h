@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -79,6 +80,9 @@ class SdoClient {
   std::chrono::milliseconds timeout() const { return timeout_; }
   void set_timeout(std::chrono::milliseconds timeout) { timeout_ = timeout; }
 
+  // Is told of every frame that the interface took.
+  void set_sent(std::function<void(const can_frame&)> sent) { sent_ = std::move(sent); }
+
  private:
   using Clock = std::chrono::steady_clock;
   using Frame = SdoFrame;
@@ -117,6 +121,7 @@ class SdoClient {
   Clock::time_point requested_;  // the last request
   std::optional<Frame> first_;   // answers of the transfer that were taken, to know a doubled one
   std::optional<Frame> last_;
+  std::function<void(const can_frame&)> sent_;
   std::map<int, Clock::time_point> asked_;
   std::map<int, std::chrono::milliseconds> late_;
 };

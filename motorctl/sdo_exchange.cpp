@@ -122,7 +122,10 @@ bool SdoClient::Send(int node, const Frame& data) {
   std::copy(data.begin(), data.end(), frame.data);
   const auto until = Clock::now() + timeout_;
   for (;;) {
-    if (::write(socket_.descriptor(), &frame, sizeof(frame)) == sizeof(frame)) return true;
+    if (::write(socket_.descriptor(), &frame, sizeof(frame)) == sizeof(frame)) {
+      if (sent_) sent_(frame);
+      return true;
+    }
     const bool full = errno == ENOBUFS || errno == EAGAIN || errno == EINTR;
     if (!full || Clock::now() >= until) return false;
     std::this_thread::sleep_for(milliseconds(1));

@@ -85,31 +85,66 @@ TEST_F(RestoreTest, WritesAPdoInTheOrderOfCia301) {
 }
 
 // As every host of the library: what it sends comes back to nobody on its machine.
-TEST_F(RestoreTest, HearsAHostOfThisMachineThatDoesNotHearItself) {
-  const auto drive = Changed();
-  std::atomic<bool> ended{false};
-  std::thread host([&ended] {
-    const int socket = ::socket(PF_CAN, SOCK_RAW | SOCK_CLOEXEC, CAN_RAW);
+class UnheardHost {
+ public:
+  UnheardHost() {
     const int off = 0;
-    ::setsockopt(socket, SOL_CAN_RAW, CAN_RAW_LOOPBACK, &off, sizeof(off));
+    ::setsockopt(socket_, SOL_CAN_RAW, CAN_RAW_LOOPBACK, &off, sizeof(off));
     sockaddr_can address = {};
     address.can_family = AF_CAN;
     address.can_ifindex = static_cast<int>(::if_nametoindex("can0"));
-    EXPECT_EQ(::bind(socket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
-    can_frame zero = {};
-    zero.can_id = 0x201;
-    zero.can_dlc = 8;
-    while (!ended) {
-      EXPECT_EQ(::write(socket, &zero, sizeof(zero)), static_cast<ssize_t>(sizeof(zero)));
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    ::close(socket);
-  });
-  const Result refused = Restore();
-  ended = true;
-  host.join();
-  EXPECT_EQ(refused.status, 1);
-  EXPECT_TRUE(Contains(refused.err, "another host drives node 1: PDO 0x201 comes")) << refused.err;
+    EXPECT_EQ(::bind(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+  }
+  ~UnheardHost() { ::close(socket_); }
+  UnheardHost(const UnheardHost&) = delete;
+  UnheardHost& operator=(const UnheardHost&) = delete;
+
+  void Send(const std::string& text) const {
+    const can_frame frame = bus::ParseFrame(text);
+    EXPECT_EQ(::write(socket_, &frame, sizeof(frame)), static_cast<ssize_t>(sizeof(frame)));
+  }
+
+ private:
+  const int socket_ = ::socket(PF_CAN, SOCK_RAW | SOCK_CLOEXEC, CAN_RAW);
+};
+
+TEST_F(RestoreTest, HearsAHostOfThisMachineThatDoesNotHearItself) {
+  const auto drive = Changed();
+  const std::vector<std::pair<std::string, std::string>> frames = {
+      {"201#0000000000000000", "another host drives node 1: PDO 0x201 comes"},
+      // The same that we ask for ourselves.
+      {"601#4018100100000000", "another program writes or reads objects of node 1"}};
+  for (const auto& [frame, reason] : frames) {
+    std::atomic<bool> ended{false};
+    std::thread host([&ended, frame = frame] {
+      const UnheardHost unheard;
+      while (!ended) {
+        unheard.Send(frame);
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+      }
+    });
+    const Result refused = Restore();
+    ended = true;
+    host.join();
+    EXPECT_EQ(refused.status, 1) << frame;
+    EXPECT_TRUE(Contains(refused.err, reason)) << refused.err;
+    EXPECT_EQ(Held(*drive), changed_);
+  }
+}
+
+TEST_F(RestoreTest, UndoesEverythingWhenAProgramOfThisMachineComesInTheMiddle) {
+  const auto drive = Changed();
+  drive->Inject("delay-replies-ms=10");
+  Process process({"config", "restore", file_, "1", "--yes"});
+  ASSERT_TRUE(Eventually([&] { return drive->ReadObject(0x1017, 0) == 500; }));
+  // Of another node first, which is none of its business.
+  const UnheardHost unheard;
+  unheard.Send("602#2B17100000000000");
+  unheard.Send("601#4017100000000000");
+  EXPECT_EQ(process.Wait(), 1);
+  EXPECT_TRUE(
+      Contains(process.Err(), "node 1: another program writes or reads objects of node 1\n"))
+      << process.Err();
   EXPECT_EQ(Held(*drive), changed_);
 }
 
