@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "context.h"
+#include "node_lock.h"
 #include "sdo_client.h"
 #include "sdo_words.h"
 #include "signals.h"
@@ -95,6 +96,11 @@ void PrintText(const Context& context, const Outcome& outcome, const Vehicle& ve
 }
 
 int Run(const Context& context, const Options& options) {
+  std::optional<UseLock> lock;
+  // A drive without an interface is of each process alone.
+  if (!context.make->simulated) {
+    lock.emplace(context.vehicle.interface, context.Nodes(options.nodes));
+  }
   Vehicle vehicle = context.VehicleOf(options.nodes);
   SetPeriod(vehicle, options.period_ms);
   EndSignals signals;

@@ -33,7 +33,7 @@ void WalkBar::Clear() {
 ConfigSession::ConfigSession(const Context& context, int node)
     : context_(context),
       node_(node),
-      lock_(context.vehicle.interface, {node}, "config", "is being saved or restored already"),
+      lock_(context.vehicle.interface, {node}),
       device_(context.vehicle.interface, node, context.SdoTimeout(),
               [this] { return signals_ && signals_->Arrived(); }) {}
 

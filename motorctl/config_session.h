@@ -35,7 +35,7 @@ class WalkBar {
   bool drawn_ = false;
 };
 
-// A node that nobody else saves or restores meanwhile.
+// A node that no other motorctl saves, restores or turns meanwhile.
 class ConfigSession {
  public:
   // Throws CommandFailed where another process has the node, or without the interface.
@@ -54,7 +54,7 @@ class ConfigSession {
  private:
   const Context& context_;
   const int node_;
-  const NodeLock lock_;
+  const UseLock lock_;
   std::optional<EndSignals> signals_;
   BusDevice device_;
 };

@@ -61,7 +61,7 @@ std::string EndInWords(int status) {
 Guard::Guard(const Context& context, const GuardPlan& plan)
     : plan_(plan),
       signals_(TakeSignals(previous_mask_)),
-      lock_(plan.vehicle.interface, plan.nodes),
+      lock_(plan.vehicle.interface, plan.nodes, "guard", "is guarded already"),
       stopper_(plan.vehicle),
       output_(context) {
   const std::string trouble = stopper_.BusTrouble();

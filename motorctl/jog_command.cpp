@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "jog.h"
+#include "node_lock.h"
 #include "resolution.h"
 
 namespace motorctl {
@@ -114,6 +115,7 @@ std::string Picture(const Vehicle& vehicle, const Samples& samples) {
 }
 
 int Run(const Context& context, const Options& options) {
+  const UseLock lock(context.vehicle.interface, context.Nodes(options.node));
   const JogPlan plan = Plan(context, options);
   const ExitStatus confirmed = Confirm(context, options, plan.vehicle);
   if (confirmed != kSuccess) return confirmed;

@@ -32,6 +32,12 @@ pid_t HolderOf(const sockaddr_un& address, socklen_t size) {
   return holder.pid;
 }
 
+std::vector<int> Once(std::vector<int> nodes) {
+  std::sort(nodes.begin(), nodes.end());
+  nodes.erase(std::unique(nodes.begin(), nodes.end()), nodes.end());
+  return nodes;
+}
+
 }  // namespace
 
 NodeLock::NodeLock(const std::string& interface, const std::vector<int>& nodes,
@@ -74,5 +80,9 @@ void NodeLock::Close() {
   for (const int socket : sockets_) ::close(socket);
   sockets_.clear();
 }
+
+// A node that was named twice is no other process.
+UseLock::UseLock(const std::string& interface, const std::vector<int>& nodes)
+    : NodeLock(interface, Once(nodes), "use", "is saved, restored, brought up or turned already") {}
 
 }  // namespace motorctl

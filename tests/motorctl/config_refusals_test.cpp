@@ -119,6 +119,11 @@ TEST_F(RestoreRefusalTest, RefusesWhatIsBeyondTheLimitsOfTheDataSheet) {
   EXPECT_EQ(drive.Received().sdo, before);
 }
 
+std::string InUseBy(const Process& first) {
+  return "motorctl: node 1 on can0 is saved, restored, brought up or turned already, by process " +
+         std::to_string(first.pid()) + "\n";
+}
+
 TEST_F(RestoreRefusalTest, RefusesASecondOneAtTheSameTime) {
   const auto drive = Changed();
   drive->Inject("delay-replies-ms=20");
@@ -127,10 +132,56 @@ TEST_F(RestoreRefusalTest, RefusesASecondOneAtTheSameTime) {
   ASSERT_TRUE(Eventually([&] { return drive->Received().sdo > before + 3; }));
   const Result second = Restore();
   EXPECT_EQ(second.status, 1);
-  EXPECT_EQ(second.err, "motorctl: node 1 on can0 is being saved or restored already, by process " +
-                            std::to_string(first.pid()) + "\n");
+  EXPECT_EQ(second.err, InUseBy(first));
   EXPECT_EQ(first.Wait(), 0) << first.Err();
   EXPECT_EQ(Held(*drive), changed_);
+}
+
+const Arguments kJog = {"jog", "1", "--make", "zl", "--rpm", "20", "--seconds", "20", "--yes"};
+const Arguments kBringUp = {"bring-up", "1", "--make", "zl"};
+
+TEST_F(RestoreRefusalTest, NothingTurnsAWheelMeanwhile) {
+  const auto drive = Changed();
+  drive->Inject("delay-replies-ms=5");
+  Process restore({"config", "restore", file_, "1", "--yes"});
+  const std::size_t before = drive->Received().sdo;
+  ASSERT_TRUE(Eventually([&] { return drive->Received().sdo > before + 3; }));
+  for (const Arguments& line : {kJog, kBringUp}) {
+    const std::size_t nmt = drive->Received().nmt;
+    const Result refused = Motorctl(line);
+    EXPECT_EQ(refused.status, 1) << line[0];
+    EXPECT_EQ(refused.err, InUseBy(restore));
+    EXPECT_EQ(drive->Received().nmt, nmt);
+  }
+  EXPECT_EQ(restore.Wait(), 0) << restore.Err();
+  EXPECT_EQ(Held(*drive), saved_);
+}
+
+TEST_F(RestoreRefusalTest, RefusesANodeThatIsTurned) {
+  const auto drive = Changed();
+  Process jog(kJog);
+  ASSERT_TRUE(Eventually([&] { return drive->SpeedRpm() > 5; }));
+  const Result refused = Restore();
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_EQ(refused.err, InUseBy(jog));
+  EXPECT_EQ(Motorctl(kBringUp).err, InUseBy(jog));
+  // A stop is never refused.
+  const Result stop = Motorctl({"stop", "1", "--make", "zl", "--limit", "1"});
+  EXPECT_FALSE(Contains(stop.err, "already")) << stop.err;
+  EXPECT_TRUE(Contains(stop.out, "node 1: ")) << stop.out;
+  jog.Signal(SIGINT);
+  EXPECT_EQ(jog.Wait(), 1);
+}
+
+TEST_F(RestoreRefusalTest, RefusesANodeThatIsBroughtUp) {
+  const auto drive = Changed();
+  drive->Inject("delay-replies-ms=20");
+  Process bring_up(kBringUp);
+  ASSERT_TRUE(Eventually([&] { return Contains(bring_up.Err(), "node 1: zero"); }));
+  EXPECT_EQ(Restore().err, InUseBy(bring_up));
+  EXPECT_EQ(bring_up.Wait(), 0) << bring_up.Err();
+  // A node that is named twice is not in its own way.
+  EXPECT_FALSE(Contains(Motorctl({"bring-up", "1", "1", "--make", "zl"}).err, "already, by"));
 }
 
 TEST_F(RestoreRefusalTest, RefusesToStoreWhereTheDriveCannot) {
