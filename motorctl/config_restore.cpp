@@ -5,6 +5,7 @@
 #include <set>
 #include <thread>
 
+#include "config_pdo.h"
 #include "context.h"
 #include "sdo_words.h"
 
@@ -22,27 +23,33 @@ std::string Shown(const ConfigObject& object) {
   return Place(object.index, object.sub) + (object.name.empty() ? "" : " (" + object.name + ")");
 }
 
+// What nothing told the access of may be a report of the drive, as long as no other write depends on
+// it. That no such access is supported is said of the object, not of the value.
+bool IsReadOnly(const ConfigObject& object, const SdoAnswer& answer) {
+  constexpr std::uint32_t kNoSuchAccess = 0x06010000;
+  constexpr std::uint32_t kReadOnly = 0x06010002;
+  return object.access.empty() && !PdoOf(object.index) &&
+         (answer.abort_code == kReadOnly || answer.abort_code == kNoSuchAccess);
+}
+
 class Restoring {
  public:
   Restoring(const std::vector<ConfigWrite>& writes, const ConfigIdentity& identity,
             ConfigDevice& device)
       : writes_(writes), identity_(identity), device_(device) {}
 
-  ConfigOutcome Run(const std::function<void()>& finish) {
+  ConfigOutcome Run(const std::function<void(const ConfigOutcome&)>& finish) {
     ConfigOutcome outcome;
     try {
       for (const ConfigWrite& write : writes_) {
         RequirePeace();
         ++begun_;
-        if (!Write(write)) {
-          outcome.refused.push_back(Shown(write.object));
-          refused_.insert(&write);
-        }
+        Write(write, outcome);
       }
       RequirePeace();
       RequireWhatWasWritten();
       RequireTheSameDrive();
-      finish();
+      finish(outcome);
     } catch (const CommandFailed& failure) {
       outcome.failure = failure.what();
       Undo(outcome);
@@ -93,12 +100,16 @@ class Restoring {
     return "";
   }
 
-  // False where the drive refuses what nothing uses.
-  bool Write(const ConfigWrite& write) {
+  void Write(const ConfigWrite& write, ConfigOutcome& outcome) {
     const ConfigObject& object = write.object;
     const SdoAnswer answer =
         Repeat([&] { return device_.Write(object.index, object.sub, object.bytes); });
-    if (answer.kind == SdoAnswer::Kind::kAborted && write.optional) return false;
+    if (answer.kind == SdoAnswer::Kind::kAborted &&
+        (write.optional || IsReadOnly(object, answer))) {
+      (write.optional ? outcome.refused : outcome.read_only).push_back(Shown(object));
+      refused_.insert(&write);
+      return;
+    }
     const bool written =
         answer.ok() || (answer.kind == SdoAnswer::Kind::kLate && answer.abort_code == 0);
     if (!written) throw CommandFailed(Shown(object) + ": " + WriteExplanation(answer));
@@ -108,7 +119,6 @@ class Restoring {
       throw CommandFailed(Shown(object) + ": was written as " + ConfigValueText(object) +
                           " and is read back as " + ConfigValueText(object, read.bytes));
     }
-    return true;
   }
 
   // The same value once more does no harm; a frame may have been lost.
@@ -131,6 +141,7 @@ class Restoring {
       return;
     }
     for (std::size_t i = begun_; i > 0; --i) {
+      if (refused_.count(&writes_[i - 1]) != 0) continue;
       const std::string now = WriteBack(writes_[i - 1]);
       if (now.empty()) continue;
       outcome.failure += "; not all is written back, for " + now;
@@ -153,11 +164,12 @@ class Restoring {
     return "";
   }
 
-  // As the plan found them.
+  // As the plan found them; what was refused may change by itself.
   using Held = std::map<std::pair<std::uint16_t, std::uint8_t>, const ConfigWrite*>;
   Held Before() const {
     Held held;
     for (std::size_t i = 0; i < begun_; ++i) {
+      if (refused_.count(&writes_[i]) != 0) continue;
       const ConfigObject& object = writes_[i].object;
       held.insert({{object.index, object.sub}, &writes_[i]});
     }
@@ -205,7 +217,8 @@ class Restoring {
 }  // namespace
 
 ConfigOutcome WritePlan(const std::vector<ConfigWrite>& writes, const ConfigIdentity& identity,
-                        ConfigDevice& device, const std::function<void()>& finish) {
+                        ConfigDevice& device,
+                        const std::function<void(const ConfigOutcome&)>& finish) {
   return Restoring(writes, identity, device).Run(finish);
 }
 

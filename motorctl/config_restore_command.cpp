@@ -188,19 +188,26 @@ class Restore {
   }
 
   int Write(ConfigSession& session, const ConfigPlan& plan, const ConfigIdentity& identity) const {
-    const std::string changes = std::to_string(plan.changes.size()) + " objects";
-    const ConfigOutcome outcome = WritePlan(plan.writes, identity, session.device(), [&] {
+    const auto finish = [&](const ConfigOutcome& done) {
+      const std::size_t count = plan.changes.size() - done.refused.size() - done.read_only.size();
       if (context_.json) {
-        context_.Line(
-            Json{{"command", kCommand}, {"event", "restored"}, {"objects", plan.changes.size()}}
-                .dump());
+        context_.Line(Json{{"command", kCommand},
+                           {"event", "restored"},
+                           {"objects", count},
+                           {"unused", done.refused},
+                           {"read_only", done.read_only}}
+                          .dump());
       } else {
-        context_.Line(Node() + ": " + changes + " restored");
+        context_.Line(Node() + ": " + std::to_string(count) + " objects restored");
       }
-    });
+    };
+    const ConfigOutcome outcome = WritePlan(plan.writes, identity, session.device(), finish);
     if (!outcome.failure.empty()) return Failed(outcome, !plan.writes.empty());
     for (const std::string& object : outcome.refused) {
       context_.Say(object + " stays as it was: the drive refuses it, and nothing uses it");
+    }
+    for (const std::string& object : outcome.read_only) {
+      context_.Say(object + " stays as it is: the drive says that it is read-only");
     }
     if (!options_.store) return kSuccess;
     // Whoever held our output held us, too.

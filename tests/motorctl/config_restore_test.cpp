@@ -35,7 +35,7 @@ constexpr int kSteps = 6;
 const ConfigIdentity kIdentity = {1, 2, 3, 4};
 
 ConfigOutcome Restore(MemoryDrive& drive, const ConfigIdentity& identity = kIdentity) {
-  return WritePlan(Plan(), identity, drive, [] {});
+  return WritePlan(Plan(), identity, drive, [](const ConfigOutcome&) {});
 }
 
 std::vector<int> Held(MemoryDrive& drive) {
@@ -55,7 +55,7 @@ TEST(ConfigRestore, WritesAndReadsEveryObject) {
   MemoryDrive drive;
   bool finished = false;
   const ConfigOutcome outcome =
-      WritePlan(Plan(), kIdentity, drive, [&finished] { finished = true; });
+      WritePlan(Plan(), kIdentity, drive, [&finished](const ConfigOutcome&) { finished = true; });
   EXPECT_EQ(outcome.failure, "");
   EXPECT_TRUE(finished);
   EXPECT_EQ(drive.writes, kSteps);
@@ -119,8 +119,9 @@ TEST(ConfigRestore, UndoesEverythingWhenItIsInterrupted) {
 
 TEST(ConfigRestore, UndoesEverythingWhenItCannotBeFinished) {
   MemoryDrive drive;
-  const ConfigOutcome outcome =
-      WritePlan(Plan(), kIdentity, drive, [] { throw CommandFailed("standard output"); });
+  const ConfigOutcome outcome = WritePlan(Plan(), kIdentity, drive, [](const ConfigOutcome&) {
+    throw CommandFailed("standard output");
+  });
   EXPECT_EQ(outcome.failure, "standard output");
   EXPECT_EQ(Held(drive), kBefore);
 }
@@ -247,7 +248,7 @@ TEST(ConfigRestore, SeesAnObjectThatAnotherOneSetsBack) {
   drive.sets_back_by = {0x2000, 5};
   std::vector<ConfigWrite> plan = Plan();
   plan.pop_back();  // 0x2000:01 is not written after 0x2000:05
-  const ConfigOutcome outcome = WritePlan(plan, kIdentity, drive, [] {});
+  const ConfigOutcome outcome = WritePlan(plan, kIdentity, drive, [](const ConfigOutcome&) {});
   EXPECT_TRUE(Contains(outcome.failure, "0x2000:01: was written as 0x80, and in the end is 0x01"))
       << outcome.failure;
   EXPECT_EQ(Held(drive), kBefore);
@@ -259,10 +260,54 @@ TEST(ConfigRestore, DoesNotMindARefusalOfWhatNothingUses) {
   std::vector<ConfigWrite> plan = Plan();
   plan[2].optional = true;
   drive.abort_at = 3;
-  const ConfigOutcome outcome = WritePlan(plan, kIdentity, drive, [] {});
+  const ConfigOutcome outcome = WritePlan(plan, kIdentity, drive, [](const ConfigOutcome&) {});
   EXPECT_EQ(outcome.failure, "");
   EXPECT_EQ(outcome.refused, std::vector<std::string>{"0x2000:03"});
   EXPECT_EQ(Held(drive), (std::vector<int>{0x11, 0x12, 3, 0x14, 0x15}));
+}
+
+TEST(ConfigRestore, LeavesOutWhatTheDriveCallsReadOnly) {
+  for (const std::uint32_t code : {0x06010002U, 0x06010000U}) {
+    MemoryDrive drive;
+    drive.abort_at = 3;
+    drive.abort_code = code;
+    std::vector<std::string> told;
+    const ConfigOutcome outcome = WritePlan(
+        Plan(), kIdentity, drive, [&told](const ConfigOutcome& done) { told = done.read_only; });
+    EXPECT_EQ(outcome.failure, "");
+    EXPECT_EQ(outcome.read_only, std::vector<std::string>{"0x2000:03"});
+    EXPECT_EQ(told, outcome.read_only);
+    EXPECT_EQ(Held(drive), (std::vector<int>{0x11, 0x12, 3, 0x14, 0x15}));
+  }
+}
+
+// It may be the drive's own report, and have changed by itself.
+TEST(ConfigRestore, WritesNothingBackThatItDidNotWrite) {
+  MemoryDrive drive;
+  drive.abort_at = 3;
+  drive.abort_code = 0x06010002;
+  drive.lies_at = {0x2000, 4};
+  drive.values[{0x2000, 3}] = {77};
+  const ConfigOutcome outcome = Restore(drive);
+  EXPECT_TRUE(Contains(outcome.failure, "0x2000:04")) << outcome.failure;
+  EXPECT_EQ(outcome.not_as_they_were, std::vector<std::string>{"0x2000:04 was 0x04 and is 0x84"});
+  EXPECT_EQ(Held(drive), (std::vector<int>{1, 2, 77, 4, 5}));
+}
+
+TEST(ConfigRestore, UndoesWhereARefusalMattersThoughItIsCalledReadOnly) {
+  // The access is known; the object is of a PDO; another refusal.
+  for (int way = 0; way < 3; ++way) {
+    MemoryDrive drive;
+    drive.abort_at = 3;
+    drive.abort_code = way == 2 ? 0x06090030 : 0x06010002;
+    std::vector<ConfigWrite> plan = Plan();
+    if (way == 0) plan[2].object.access = "rw";
+    if (way == 1) plan[2].object.index = 0x1A00;
+    const ConfigOutcome outcome = WritePlan(plan, kIdentity, drive, [](const ConfigOutcome&) {});
+    EXPECT_TRUE(Contains(outcome.failure, "refused with abort code")) << way;
+    EXPECT_EQ(outcome.read_only.size(), 0U);
+    EXPECT_EQ(Held(drive), kBefore) << way;
+  }
 }
 
 }  // namespace

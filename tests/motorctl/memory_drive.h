@@ -50,7 +50,7 @@ class MemoryDrive : public ConfigDevice {
       back_at = reads + reads_until_back;
       return Answer(SdoAnswer::Kind::kNoAnswer);
     }
-    if (number == abort_at) return Answer(SdoAnswer::Kind::kAborted, 0x06090030);
+    if (number == abort_at) return Answer(SdoAnswer::Kind::kAborted, abort_code);
     if (number == lose_at) return Answer(SdoAnswer::Kind::kNoAnswer);
     if (number > refuse_after) return Answer(SdoAnswer::Kind::kAborted, 0x08000022);
     if (number > die_after) {
@@ -92,6 +92,7 @@ class MemoryDrive : public ConfigDevice {
   int writes = 0;
   int reads = 0;
   int abort_at = kNever;
+  std::uint32_t abort_code = 0x06090030;
   int lose_at = kNever;
   int lose_answer_at = kNever;
   int refuse_after = kNever;
