@@ -16,8 +16,6 @@ namespace {
 
 constexpr std::size_t kLongestNumber = 8;
 constexpr std::uint16_t kFirstOfAMaker = 0x2000;
-// A drive with 10,000 objects has 1.5 MB.
-constexpr std::size_t kLongestFile = std::size_t{16} << 20;
 
 bool Before(const ConfigObject& object, const std::pair<std::uint16_t, std::uint8_t>& place) {
   return std::make_pair(object.index, object.sub) < place;
@@ -124,9 +122,7 @@ Config LoadConfig(const std::string& file) {
   }
   text.resize(static_cast<std::size_t>(stream.gcount()));
   if (stream.bad()) throw FileError(file + ": cannot be read");
-  if (text.size() > kLongestFile) {
-    throw FileError(file + ": longer than " + std::to_string(kLongestFile >> 20) + " MiB");
-  }
+  if (text.size() > kLongestFile) throw FileError(file + kTooLong);
   return ReadConfig(text, file);
 }
 

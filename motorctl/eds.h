@@ -50,6 +50,7 @@ struct Eds {
   std::optional<std::uint32_t> revision_number;
   std::optional<int> node_id;      // of a DCF
   std::vector<EdsObject> objects;  // by index, then sub-index; from 0x1000 on
+  std::string note;                // what was left out; empty: nothing
 
   // nullptr where the file has no such object.
   const EdsObject* Find(std::uint16_t index, std::uint8_t sub) const;

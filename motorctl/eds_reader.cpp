@@ -49,11 +49,19 @@ class EdsReader {
     ReadList("MandatoryObjects", true);
     ReadList("OptionalObjects", false);
     ReadList("ManufacturerObjects", false);
+    int left_out = 0;
     for (const auto& [place, section] : places_) {
-      if (listed_.count(place.first) == 0) {
-        EdsSection(ini_, *section).Fail("is in no list of objects");
+      if (place.second == kWholeObject && listed_.count(place.first) != 0) {
+        ReadObject(place.first, EdsSection(ini_, *section));
+      } else if (listed_.count(place.first) == 0 && ++left_out == 1) {
+        eds_.note = ini_.name + ":" + std::to_string(section->line) + ": [" + section->name +
+                    "] is in no list of objects";
       }
-      if (place.second == kWholeObject) ReadObject(place.first, EdsSection(ini_, *section));
+    }
+    if (left_out == 1) eds_.note += ", and is left out";
+    if (left_out > 1) {
+      eds_.note +=
+          ", nor are " + std::to_string(left_out - 1) + " other sections; they are left out";
     }
     return std::move(eds_);
   }

@@ -37,6 +37,11 @@ class Reading {
   char* Read(char* text, int size) {
     if (!failure_.empty() || std::fgets(text, size, file_) == nullptr) return nullptr;
     ++line_;
+    read_ += std::strlen(text);
+    if (read_ > kLongestFile) {
+      failure_ = kTooLong;
+      return nullptr;
+    }
     if (std::strchr(text, '\n') == nullptr && std::feof(file_) == 0) {
       Fail(line_, "a line of more than " + std::to_string(kLongestLine - 2) +
                       " characters, or a zero byte");
@@ -77,6 +82,7 @@ class Reading {
 
   std::FILE* file_;
   IniFile& result_;
+  std::size_t read_ = 0;
   int line_ = 0;
   int section_line_ = 0;
   IniSection* section_ = nullptr;

@@ -54,6 +54,7 @@ void TakeVehicle(const Named& named, Context& context) {
 void TakeDataSheet(const std::string& file, Context& context) {
   if (file.empty()) return;
   context.data_sheet = LoadEds(file);
+  if (!context.data_sheet->note.empty()) context.Say(context.data_sheet->note);
   UseDataSheet(&*context.data_sheet);
 }
 

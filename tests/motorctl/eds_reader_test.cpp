@@ -163,6 +163,22 @@ TEST(EdsReaderTest, LimitsAreChecked) {
             "-1 is above the high limit -2");
 }
 
+TEST(EdsReaderTest, LeavesOutWhatIsInNoList) {
+  EXPECT_EQ(EdsOf(kEds).note, "");
+  const Eds one =
+      EdsOf(Changed("SupportedObjects=2\n1=0x1003\n2=0x1014", "SupportedObjects=1\n1=0x1003"));
+  EXPECT_EQ(one.note, "x.eds:46: [1014] is in no list of objects, and is left out");
+  EXPECT_EQ(one.objects.size(), 8U);
+  EXPECT_EQ(one.Find(0x1014, 0), nullptr);
+  EXPECT_NE(one.Find(0x2000, 0), nullptr);
+  const Eds two = EdsOf(Changed("[1018]\n", "[2018sub1]\nParameterName=x\n[2019]\nx=y\n[1018]\n"));
+  EXPECT_EQ(
+      two.note,
+      "x.eds:21: [2018sub1] is in no list of objects, nor are 1 other sections; they are left "
+      "out");
+  EXPECT_EQ(two.objects.size(), 9U);
+}
+
 TEST(EdsReaderTest, FilesAreOpened) {
   const std::string file = ::testing::TempDir() + "/small.eds";
   std::ofstream(file) << kEds;
@@ -175,6 +191,12 @@ TEST(EdsReaderTest, FilesAreOpened) {
     }
     return "none";
   };
+  {
+    std::ofstream huge(file, std::ios::app);
+    const std::string line = ";" + std::string(500, 'x') + "\n";
+    for (std::size_t i = 0; i <= (std::size_t{4} << 20) / line.size(); ++i) huge << line;
+  }
+  EXPECT_EQ(failure(file), file + ": longer than 4 MiB");
   EXPECT_EQ(failure("/absent.eds"), "/absent.eds: No such file or directory");
   EXPECT_EQ(failure("/"), "/: Is a directory");
   EXPECT_EQ(failure("/dev/null"), "/dev/null: no section [FileInfo]");
