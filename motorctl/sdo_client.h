@@ -28,6 +28,7 @@ struct SdoAnswer {
     kLate,      // the answer came after the time-out; a write was carried out all the same, unless
                 // abort_code says otherwise
     kNotSent,   // the interface took no frame
+    kInterrupted,  // by whoever set_interrupted() asks; aborted, too
   };
   Kind kind = Kind::kNoAnswer;
   Bytes bytes;                   // that were read
@@ -43,10 +44,14 @@ struct SdoAnswer {
     std::uint32_t code = 0;
   };
   std::optional<OtherAbort> other;
+  // Of a frame that came in place of an answer; all of them have 8 bytes.
+  std::optional<unsigned> wrong_size;
 
   bool ok() const { return kind == Kind::kOk; }
   // That the node is there: it said anything at all about this object.
-  bool heard() const { return kind != Kind::kNoAnswer && kind != Kind::kNotSent; }
+  bool heard() const {
+    return kind != Kind::kNoAnswer && kind != Kind::kNotSent && kind != Kind::kInterrupted;
+  }
   // The first four bytes, little-endian.
   std::uint32_t number() const;
 };
@@ -80,6 +85,8 @@ class SdoClient {
   std::chrono::milliseconds timeout() const { return timeout_; }
   void set_timeout(std::chrono::milliseconds timeout) { timeout_ = timeout; }
 
+  // Asked while it waits: a transfer is given up then.
+  void set_interrupted(std::function<bool()> interrupted) { interrupted_ = std::move(interrupted); }
   // Is told of every frame that the interface took.
   void set_sent(std::function<void(const can_frame&)> sent) { sent_ = std::move(sent); }
 
@@ -111,8 +118,9 @@ class SdoClient {
   void AwaitLate(const SdoObject& object, SdoAnswer& answer);
   bool Abort(const SdoObject& object, std::uint32_t code);
   bool GiveUp(const SdoObject& object, std::uint32_t code, SdoAnswer& answer);
+  bool Interrupted() const { return interrupted_ && interrupted_(); }
   bool Send(int node, const Frame& frame);
-  // The next frame of the node; false when none came until then.
+  // The next frame of the node; false when none came until then, or when it is interrupted.
   bool Hear(int node, Clock::time_point until, Frame& frame);
 
   RawSocket socket_;
@@ -121,6 +129,8 @@ class SdoClient {
   Clock::time_point requested_;  // the last request
   std::optional<Frame> first_;   // answers of the transfer that were taken, to know a doubled one
   std::optional<Frame> last_;
+  std::optional<unsigned> wrong_size_;  // since the last request
+  std::function<bool()> interrupted_;
   std::function<void(const can_frame&)> sent_;
   std::map<int, Clock::time_point> asked_;
   std::map<int, std::chrono::milliseconds> late_;

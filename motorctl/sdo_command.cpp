@@ -13,6 +13,7 @@
 #include "sdo_value.h"
 #include "sdo_words.h"
 #include "sheet_values.h"
+#include "signals.h"
 #include "words.h"
 
 namespace motorctl {
@@ -100,9 +101,19 @@ Json Describe(const char* command, const Options& options, const SdoAnswer& answ
           {"failure", failure.empty() ? Json(nullptr) : Json(failure)}};
 }
 
-int Read(const Context& context, const Options& options) {
+// What ends the process ends the transfer first: a node may keep one that stays open.
+template <typename Operation>
+SdoAnswer Transfer(const Context& context, Operation operation) {
+  EndSignals signals;
   SdoClient client(context.vehicle.interface, context.SdoTimeout());
-  const SdoAnswer answer = client.Upload(options.node, Index(options), Sub(options));
+  client.set_interrupted([&signals] { return signals.Arrived(); });
+  return operation(client);
+}
+
+int Read(const Context& context, const Options& options) {
+  const SdoAnswer answer = Transfer(context, [&options](SdoClient& client) {
+    return client.Upload(options.node, Index(options), Sub(options));
+  });
   const bool is_text = IsText(Index(options), Sub(options), context.make);
   const Coding coding = CodingOf(options, is_text ? "str" : "hex");
   const unsigned size = coding.size();
@@ -166,8 +177,9 @@ int Write(const Context& context, const Options& options) {
       return answer;
     }
   }
-  SdoClient client(context.vehicle.interface, context.SdoTimeout());
-  const SdoAnswer answer = client.Download(options.node, Index(options), Sub(options), bytes);
+  const SdoAnswer answer = Transfer(context, [&](SdoClient& client) {
+    return client.Download(options.node, Index(options), Sub(options), bytes);
+  });
   const std::string failure = WriteExplanation(answer);
   if (context.json) {
     Json line = Describe("sdo write", options, answer, failure);

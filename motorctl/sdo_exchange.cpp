@@ -17,6 +17,7 @@ using std::chrono::milliseconds;
 using namespace sdo;  // NOLINT(google-build-using-namespace): the protocol that this is
 
 constexpr milliseconds kShortestLateness{100};
+constexpr milliseconds kBetweenQuestions{20};  // whether it is interrupted
 
 }  // namespace
 
@@ -29,6 +30,7 @@ bool SdoClient::Exchange(const SdoObject& object, const Frame& request, const Ex
     }
   }
   requested_ = Clock::now();
+  wrong_size_.reset();
   if (!Send(object.node, request)) {
     answer.kind = SdoAnswer::Kind::kNotSent;
     return false;
@@ -59,6 +61,12 @@ bool SdoClient::Exchange(const SdoObject& object, const Frame& request, const Ex
         break;
     }
   }
+  if (Interrupted()) {
+    GiveUp(object, kGeneralError, answer);
+    answer.kind = SdoAnswer::Kind::kInterrupted;
+    return false;
+  }
+  answer.wrong_size = wrong_size_;
   // A confirmation with the wrong toggle bit is that of the segment before.
   if (maybe_doubled) return GiveUp(object, kToggleNotAlternated, answer);
   // An interface that went away takes no abort.
@@ -141,13 +149,19 @@ bool SdoClient::Hear(int node, Clock::time_point until, Frame& data) {
       // Read once more after the time: this process, not the node, may have been late.
       const auto left = std::chrono::duration_cast<std::chrono::nanoseconds>(until - Clock::now());
       if (left.count() <= 0) return false;
+      if (Interrupted()) return false;
       pollfd readable = {socket_.descriptor(), POLLIN, 0};
-      const timespec wait = {left.count() / 1'000'000'000, left.count() % 1'000'000'000};
+      const auto rest =
+          interrupted_ ? std::min<std::chrono::nanoseconds>(left, kBetweenQuestions) : left;
+      const timespec wait = {rest.count() / 1'000'000'000, rest.count() % 1'000'000'000};
       ::ppoll(&readable, 1, &wait, nullptr);
       continue;
     }
-    if (frame.can_dlc != CAN_MAX_DLEN) continue;
     const int from = static_cast<int>(frame.can_id & kNodeMask);
+    if (frame.can_dlc != CAN_MAX_DLEN) {
+      if (from == node) wrong_size_ = frame.can_dlc;
+      continue;
+    }
     if (from == node) {
       std::copy(std::begin(frame.data), std::end(frame.data), data.begin());
       return true;

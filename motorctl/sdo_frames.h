@@ -36,6 +36,7 @@ constexpr std::uint32_t kTimedOut = 0x05040000;
 constexpr std::uint32_t kCommandUnknown = 0x05040001;
 constexpr std::uint32_t kOutOfMemory = 0x05040005;
 constexpr std::uint32_t kLengthMismatch = 0x06070010;
+constexpr std::uint32_t kGeneralError = 0x08000000;
 
 unsigned Specifier(const SdoFrame& frame);
 

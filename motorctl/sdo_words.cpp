@@ -14,9 +14,12 @@ std::string Milliseconds(std::chrono::milliseconds time) {
 }
 
 std::string NoAnswer(const SdoAnswer& answer) {
-  std::string text = "no answer";
-  if (answer.segment > 0) text += " to segment " + std::to_string(answer.segment);
-  text += " within " + Milliseconds(answer.timeout);
+  const std::string segment =
+      answer.segment > 0 ? " to segment " + std::to_string(answer.segment) : "";
+  std::string text = answer.wrong_size
+                         ? "answered" + segment + " with " + std::to_string(*answer.wrong_size) +
+                               " bytes instead of 8"
+                         : "no answer" + segment + " within " + Milliseconds(answer.timeout);
   if (answer.other) {
     text += "; instead the node ended another transfer, of " +
             NameObject(answer.other->object.index, answer.other->object.sub_index) +
@@ -29,6 +32,10 @@ std::string Late(const SdoAnswer& answer) {
   return (answer.abort_code == 0 ? "answered"
                                  : WithCode("refused", answer.abort_code) + "; answered") +
          " after " + Milliseconds(answer.late) + ", too late for " + Milliseconds(answer.timeout);
+}
+
+std::string Interrupted(const SdoAnswer& answer) {
+  return WithCode("interrupted, and ended", answer.abort_code);
 }
 
 constexpr const char* kHint = "; --timeout waits longer";
@@ -49,15 +56,17 @@ std::string Explanation(const SdoAnswer& answer) {
       return Late(answer) + kHint;
     case SdoAnswer::Kind::kNotSent:
       return "the request could not be sent";
+    case SdoAnswer::Kind::kInterrupted:
+      return Interrupted(answer);
   }
   return "";
 }
 
 std::string WriteExplanation(const SdoAnswer& answer) {
   const bool begun = answer.segment > 0;
-  if (answer.kind == SdoAnswer::Kind::kNoAnswer && !begun) {
-    return NoAnswer(answer) + "; whether it was written is not known";
-  }
+  const bool unheard =
+      answer.kind == SdoAnswer::Kind::kNoAnswer || answer.kind == SdoAnswer::Kind::kInterrupted;
+  if (unheard && !begun) return Explanation(answer) + "; whether it was written is not known";
   if (answer.kind == SdoAnswer::Kind::kLate && answer.abort_code == 0) {
     return Late(answer) + (begun ? "; it is not whole" : "; it was written") + kHint;
   }

@@ -115,6 +115,44 @@ TEST_F(SdoClientTest, NamesWhatIsNotAnswered) {
             "no answer within 200 ms; whether it was written is not known");
 }
 
+TEST_F(SdoClientTest, NamesAnswersOfTheWrongLength) {
+  bus::FarEnd node("can1");
+  node.Expect("601#2F00200161000000").Reply("581#60002001");
+  node.Expect("601#8000200100000405");
+  node.Expect("601#" + kAsk).Reply("581#" + kBegin.answers[0]);
+  node.Expect("601#6000000000000000").Reply("581#00616263646566");
+  node.Expect("601#8000200100000405");
+  node.ExpectAll({"601#2F00200161000000", "601#8000200100000405"});
+  SdoClient client("can0", kShort);
+  const SdoAnswer written = client.Download(1, 0x2000, 1, Of("a"));
+  EXPECT_FALSE(written.heard());
+  EXPECT_EQ(WriteExplanation(written),
+            "answered with 4 bytes instead of 8; whether it was written is not known");
+  EXPECT_EQ(Explanation(client.Upload(1, 0x2000, 1, 1)),
+            "answered to segment 1 with 7 bytes instead of 8");
+  EXPECT_EQ(WriteExplanation(client.Download(1, 0x2000, 1, Of("a"))),
+            "no answer within 200 ms; whether it was written is not known");
+}
+
+TEST_F(SdoClientTest, EndsTheTransferWhenItIsInterrupted) {
+  bus::FarEnd node("can1");
+  node.Expect("601#" + kWriteBegin.request).Reply("581#" + kWriteBegin.answers[0]);
+  node.ExpectAll({"601#" + kWriteFirst.request, "601#8000200100000008"});
+  node.ExpectAll({"601#" + kAsk, "601#8000200100000008"});
+  SdoClient client("can0", milliseconds(30'000));
+  client.set_interrupted([&node] { return node.Frames().size() % 3 == 2; });
+  const SdoAnswer written = client.Download(1, 0x2000, 1, kTen);
+  EXPECT_EQ(written.kind, Kind::kInterrupted);
+  EXPECT_EQ(WriteExplanation(written),
+            "interrupted, and ended with abort code 0x08000000: General error");
+  node.Forget();
+  client.set_interrupted([&node] { return node.Frames().size() == 1; });
+  const SdoAnswer read = client.Upload(1, 0x2000, 1);
+  EXPECT_EQ(read.kind, Kind::kInterrupted);
+  EXPECT_FALSE(read.heard());
+  EXPECT_TRUE(node.WaitScript());
+}
+
 TEST_F(SdoClientTest, NamesALateAnswer) {
   const milliseconds delay(300);
   bus::FarEnd node("can1");

@@ -72,6 +72,8 @@ std::vector<Case> WrongAnswers() {
       {"EveryAnswerTwice", {}, {With(kBegin, {kBegin.answers[0], kBegin.answers[0]}),
        With(kFirst, {kFirst.answers[0], kFirst.answers[0]}),
        With(kSecond, {kSecond.answers[0], kSecond.answers[0]})}, Kind::kOk, 0, 2, "abcdefghij"},
+      {"TheFirstAnswerOnceMoreAmongSegments", {}, {kBegin, kFirst,
+       With(kSecond, {kBegin.answers[0], kSecond.answers[0]})}, Kind::kOk, 0, 2, "abcdefghij"},
       {"EveryConfirmationTwice", kTen, {
        With(kWriteBegin, {kWriteBegin.answers[0], kWriteBegin.answers[0]}),
        With(kWriteFirst, {kWriteFirst.answers[0], kWriteFirst.answers[0]}),
