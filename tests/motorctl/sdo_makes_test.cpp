@@ -5,7 +5,9 @@
 #include <string>
 
 #include "bus_environment.h"
+#include "far_end.h"
 #include "makes.h"
+#include "motorctl_process.h"
 #include "sdo_client.h"
 #include "simulated.h"
 
@@ -139,6 +141,21 @@ TEST_P(SdoMakeTest, ASlowNodeIsLateAndNotSilent) {
   EXPECT_EQ(Read().kind, Kind::kLate);
   client_.set_timeout(milliseconds(400));
   EXPECT_EQ(Text(client_.Upload(1, 0x1008, 0)), "Simulated drive " + GetParam().name);
+}
+
+class SdoProcessTest : public bus::BusTest {};
+
+TEST_F(SdoProcessTest, CtrlCEndsALongWriteInTheNodeToo) {
+  bus::FarEnd node("can1");
+  node.Expect("601#210020010A000000").Reply("581#6000200100000000");
+  node.ExpectAll({"601#0061626364656667", "601#8000200100000008"});
+  Process process({"sdo", "write", "1", "0x2000", "1", "str", "abcdefghij", "--timeout", "10000"});
+  ASSERT_TRUE(node.WaitFrames(2, std::chrono::seconds(20)));
+  process.Signal(SIGINT);
+  EXPECT_EQ(process.Wait(), 1);
+  EXPECT_TRUE(node.WaitScript());
+  EXPECT_TRUE(Contains(process.Err(), "interrupted, and ended with abort code 0x08000000"))
+      << process.Err();
 }
 
 }  // namespace
