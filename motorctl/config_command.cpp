@@ -52,7 +52,7 @@ int Save(const Context& context, const SaveOptions& options) {
   config.tool = std::string("motorctl ") + MOTORCTL_VERSION;
   config.time = TimeOfDay();
   const std::string text =
-      options.dcf ? WriteDcf(context.data_sheet->file, config) : WriteConfig(config);
+      options.dcf ? WriteDcf(*context.data_sheet, config) : WriteConfig(config);
   const std::string disturbance = session.device().Disturbance();
   if (!disturbance.empty()) throw CommandFailed(disturbance);
   if (options.output.empty()) {

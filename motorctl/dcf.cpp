@@ -5,7 +5,6 @@
 #include <map>
 #include <set>
 
-#include "eds.h"
 #include "ini_file.h"
 #include "words.h"
 
@@ -48,7 +47,7 @@ std::string SectionName(const ConfigObject& object, bool of_sub) {
 
 class DcfWriter {
  public:
-  explicit DcfWriter(const Config& config) : config_(config) {
+  DcfWriter(const Eds& eds, const Config& config) : eds_(eds), config_(config) {
     for (const ConfigObject& object : config.objects) {
       // A number of an index without sub-indices stands in the section of the index.
       if (object.sub == 0) sections_[SectionName(object, false)] = &object;
@@ -56,18 +55,22 @@ class DcfWriter {
     }
   }
 
-  std::string Write(std::istream& eds, const std::string& eds_file) {
+  std::string Write(std::istream& eds) {
     std::string out;
     bool dropped = false;
+    bool marked = false;
     for (std::string line; std::getline(eds, line);) {
       const std::string section = SectionOf(line);
       if (!section.empty()) dropped = IsReplaced(section);
       const std::string key = KeyOf(line);
       if (dropped || key == "parametervalue" || key == "lasteds") continue;
+      if (marked && section.empty() && key == "objflags") continue;
       out += Trimmed(line) + '\n';
       if (section == "fileinfo")
-        out += "LastEDS=" + eds_file.substr(eds_file.rfind('/') + 1) + '\n';
+        out += "LastEDS=" + eds_.file.substr(eds_.file.rfind('/') + 1) + '\n';
       const auto found = sections_.find(section);
+      if (!section.empty()) marked = found != sections_.end() && found->second->is_volatile;
+      if (marked && !section.empty()) AddMark(out, *found->second);
       if (found != sections_.end()) AddValue(out, *found->second);
     }
     AddCompact(out);
@@ -99,6 +102,12 @@ class DcfWriter {
     return value;
   }
 
+  void AddMark(std::string& out, const ConfigObject& object) const {
+    const EdsObject* const of_eds = eds_.Find(object.index, object.sub);
+    const std::uint32_t flags = of_eds == nullptr ? 0 : of_eds->flags;
+    out += "ObjFlags=" + Hex(flags | kRefusesDownload, 1) + '\n';
+  }
+
   void AddValue(std::string& out, const ConfigObject& object) {
     written_.insert({object.index, object.sub});
     const std::string value = Value(object);
@@ -109,7 +118,8 @@ class DcfWriter {
   void AddCompact(std::string& out) const {
     std::map<std::uint16_t, std::vector<const ConfigObject*>> compact;
     for (const ConfigObject& object : config_.objects) {
-      if (object.sub == 0 || written_.count({object.index, object.sub}) != 0) continue;
+      const bool written = written_.count({object.index, object.sub}) != 0;
+      if (object.sub == 0 || written || object.is_volatile) continue;
       if (!Value(object).empty()) compact[object.index].push_back(&object);
     }
     for (const auto& [index, objects] : compact) {
@@ -121,6 +131,7 @@ class DcfWriter {
     }
   }
 
+  const Eds& eds_;
   const Config& config_;
   std::map<std::string, const ConfigObject*> sections_;
   std::set<Where> written_;
@@ -157,6 +168,7 @@ Config ConfigOf(const Eds& dcf) {
     object.type = of_dcf.type;
     object.access = of_dcf.access;
     object.name = of_dcf.name;
+    object.is_volatile = (of_dcf.flags & kRefusesDownload) != 0;
     object.bytes = of_dcf.parameter_value->Of(config.node);
     config.objects.push_back(object);
   }
@@ -168,10 +180,10 @@ Config ConfigOf(const Eds& dcf) {
 
 }  // namespace
 
-std::string WriteDcf(const std::string& eds_file, const Config& config) {
-  std::ifstream eds(eds_file, std::ios::binary);
-  if (!eds) throw FileError(eds_file + ": cannot be read");
-  return DcfWriter(config).Write(eds, eds_file);
+std::string WriteDcf(const Eds& eds, const Config& config) {
+  std::ifstream text(eds.file, std::ios::binary);
+  if (!text) throw FileError(eds.file + ": cannot be read");
+  return DcfWriter(eds, config).Write(text);
 }
 
 Config LoadConfigOrDcf(const std::string& file) {

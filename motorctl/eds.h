@@ -24,6 +24,9 @@ struct EdsValue {
 // ObjectType of the index; its sub-indices share it.
 enum class ObjectKind { kDomain = 2, kVariable = 7, kArray = 8, kRecord = 9 };
 
+// ObjFlags of CiA 306: not to be written when a whole DCF is.
+constexpr std::uint32_t kRefusesDownload = 1;
+
 struct EdsObject {
   std::uint16_t index = 0;
   std::uint8_t sub = 0;
@@ -32,6 +35,7 @@ struct EdsObject {
   DataType type = DataType::kUnsigned8;
   std::string access;  // ro, wo, rw, rwr, rww, const
   bool mappable = false;
+  std::uint32_t flags = 0;  // ObjFlags
   std::optional<EdsValue> default_value;
   std::optional<EdsValue> low_limit;
   std::optional<EdsValue> high_limit;

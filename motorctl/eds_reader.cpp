@@ -202,6 +202,7 @@ class EdsReader {
       section.Fail(*section.Find("AccessType"),
                    section.Text("AccessType") + " is none of ro, wo, rw, rwr, rww, const");
     }
+    object.flags = section.Number("ObjFlags", DataType::kUnsigned32).value_or(0);
     object.mappable = section.Number("PDOMapping", DataType::kBoolean).value_or(0) != 0;
     if (!IsNumber(object.type)) return;
     object.low_limit = section.Value("LowLimit", object.type);

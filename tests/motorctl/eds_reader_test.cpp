@@ -5,6 +5,7 @@
 #include <fstream>
 #include <regex>
 
+#include "dcf.h"
 #include "eds_text.h"
 
 namespace motorctl {
@@ -177,6 +178,37 @@ TEST(EdsReaderTest, LeavesOutWhatIsInNoList) {
       "x.eds:21: [2018sub1] is in no list of objects, nor are 1 other sections; they are left "
       "out");
   EXPECT_EQ(two.objects.size(), 9U);
+}
+
+ConfigObject Held(std::uint16_t index, std::uint8_t sub, const Bytes& bytes, bool is_volatile) {
+  ConfigObject object;
+  object.index = index;
+  object.sub = sub;
+  object.type = DataType::kUnsigned32;
+  object.bytes = bytes;
+  object.is_volatile = is_volatile;
+  return object;
+}
+
+TEST(EdsReaderTest, ADcfTellsWhatChangesByItself) {
+  const std::string file = ::testing::TempDir() + "/marked.eds";
+  std::ofstream(file) << Changed("HighLimit=0x7FF", "HighLimit=0x7FF\nObjFlags=2");
+  Config config;
+  config.node = 3;
+  config.objects = {Held(0x1000, 0, {1, 0, 0, 0}, false), Held(0x1003, 1, {2, 0, 0, 0}, true),
+                    Held(0x1003, 2, {3, 0, 0, 0}, false), Held(0x1014, 0, {0x83, 0, 0, 0}, true)};
+  const std::string dcf = WriteDcf(LoadEds(file), config);
+  EXPECT_NE(dcf.find("[1014]\nObjFlags=0x3\nParameterValue=0x00000083\n"), std::string::npos)
+      << dcf;
+  EXPECT_EQ(dcf.find("ObjFlags=2"), std::string::npos) << dcf;
+  EXPECT_EQ(dcf.find("ObjFlags"), dcf.rfind("ObjFlags")) << dcf;
+  std::ofstream(file) << dcf;
+  const Config read = LoadConfigOrDcf(file);
+  ASSERT_EQ(read.objects.size(), 3U);
+  EXPECT_FALSE(read.Find(0x1000, 0)->is_volatile);
+  EXPECT_EQ(read.Find(0x1003, 2)->bytes, (Bytes{3, 0, 0, 0}));
+  EXPECT_TRUE(read.Find(0x1014, 0)->is_volatile);
+  EXPECT_EQ(read.Find(0x1014, 0)->bytes, (Bytes{0x83, 0, 0, 0}));
 }
 
 TEST(EdsReaderTest, FilesAreOpened) {
