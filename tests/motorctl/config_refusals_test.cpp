@@ -181,7 +181,7 @@ TEST_F(RestoreRefusalTest, RefusesANodeThatIsBroughtUp) {
   EXPECT_EQ(Restore().err, InUseBy(bring_up));
   EXPECT_EQ(bring_up.Wait(), 0) << bring_up.Err();
   // A node that is named twice is not in its own way.
-  EXPECT_FALSE(Contains(Motorctl({"bring-up", "1", "1", "--make", "zl"}).err, "already, by"));
+  EXPECT_FALSE(Contains(Motorctl({"bring-up", "1", "1", "--make", "zl"}).err, "turned already"));
 }
 
 TEST_F(RestoreRefusalTest, RefusesToStoreWhereTheDriveCannot) {
