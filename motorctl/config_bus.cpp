@@ -118,8 +118,8 @@ void BusDevice::HearHost(const BusFrame& frame) {
   }
 }
 
-// What is sent is heard in the order in which we sent it; what is missing was dropped on its way. Each
-// of ours counts once: another program may ask for the same.
+// What is sent is heard in the order in which we sent it; what is missing was dropped on its way.
+// Each of ours counts once: another program may ask for the same.
 bool BusDevice::IsOurs(const BusFrame& frame) {
   const auto same = [&frame](const can_frame& sent) {
     return sent.can_id == frame.id && sent.can_dlc == frame.length &&

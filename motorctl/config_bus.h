@@ -26,9 +26,9 @@ class BusDevice : public ConfigDevice {
   // Storing takes a drive its time.
   SdoAnswer Store();
 
-  // From now on another host is a disturbance: SDO requests that are not ours, of this machine, too,
-  // and PDOs that the node receives, unless it is known not to be operational. Hears the identifiers of its PDOs
-  // besides the usual ones.
+  // From now on another host is a disturbance: SDO requests that are not ours, of this machine,
+  // too, and PDOs that the node receives, unless it is known not to be operational. Hears the
+  // identifiers of its PDOs besides the usual ones.
   void RefuseOtherHosts();
   // A PDO that the node is to receive, too.
   void Watch(canid_t pdo);
@@ -56,8 +56,8 @@ class BusDevice : public ConfigDevice {
   std::string other_host_;
 };
 
-// Why nothing may be written to the drive: it is enabled, it moves, or it does not tell. Reads only,
-// for `patience`; empty where nothing is against it.
+// Why nothing may be written to the drive: it is enabled, it moves, or it does not tell. Reads
+// only, for `patience`; empty where nothing is against it.
 std::string WhyNotNow(ConfigDevice& device, std::chrono::milliseconds patience);
 
 }  // namespace motorctl

@@ -23,8 +23,8 @@ std::string Shown(const ConfigObject& object) {
   return Place(object.index, object.sub) + (object.name.empty() ? "" : " (" + object.name + ")");
 }
 
-// What nothing told the access of may be a report of the drive, as long as no other write depends on
-// it. That no such access is supported is said of the object, not of the value.
+// What nothing told the access of may be a report of the drive, as long as no other write depends
+// on it. That no such access is supported is said of the object, not of the value.
 bool IsReadOnly(const ConfigObject& object, const SdoAnswer& answer) {
   constexpr std::uint32_t kNoSuchAccess = 0x06010000;
   constexpr std::uint32_t kReadOnly = 0x06010002;
@@ -151,8 +151,8 @@ class Restoring {
     Compare(outcome);
   }
 
-  // Why the rest must stay as it is: the drive is gone, or another one is in its place. A refusal is
-  // seen when all are compared, as is an object that takes the value back only later.
+  // Why the rest must stay as it is: the drive is gone, or another one is in its place. A refusal
+  // is seen when all are compared, as is an object that takes the value back only later.
   std::string WriteBack(const ConfigWrite& write) {
     for (int i = 0; i < kAttempts; ++i) {
       const ConfigObject& object = write.object;

@@ -15,8 +15,8 @@ class FileError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// Of any file: what it becomes in memory is many times longer. A drive with 10,000 objects has 1.5 MB
-// as YAML.
+// Of any file: what it becomes in memory is many times longer. A drive with 10,000 objects has 1.5
+// MB as YAML.
 constexpr std::size_t kLongestFile = std::size_t{4} << 20;
 constexpr const char* kTooLong = ": longer than 4 MiB";
 
@@ -43,8 +43,9 @@ struct IniFile {
   const IniSection* Find(const std::string& section) const;
 };
 
-// Blanks around names and values are no part of them; a line that begins with ";" is a comment. What
-// is not ASCII is written as \xNN. Refuses a section or a key that stands there twice. `name`: for messages. Throws FileError.
+// Blanks around names and values are no part of them; a line that begins with ";" is a comment.
+// What is not ASCII is written as \xNN. Refuses a section or a key that stands there twice. `name`:
+// for messages. Throws FileError.
 IniFile ReadIniFile(std::FILE* file, const std::string& name);
 
 std::string LowerCase(std::string text);

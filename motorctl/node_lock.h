@@ -1,5 +1,5 @@
-// One program of a kind for each node: two guards would stop each other's wheels, two engineers would
-// mix their configurations, and a wheel must not be turned while its drive is restored.
+// One program of a kind for each node: two guards would stop each other's wheels, two engineers
+// would mix their configurations, and a wheel must not be turned while its drive is restored.
 #pragma once
 
 #include <string>
@@ -29,8 +29,8 @@ class NodeLock {
   std::vector<int> sockets_;
 };
 
-// That of the commands which keep, change or turn what is in a drive. `stop` never asks for it: it has
-// to work whatever else goes on.
+// That of the commands which keep, change or turn what is in a drive. `stop` never asks for it: it
+// has to work whatever else goes on.
 class UseLock : public NodeLock {
  public:
   UseLock(const std::string& interface, const std::vector<int>& nodes);
