@@ -5,6 +5,10 @@
 scratch=$(mktemp -d)
 readonly scratch
 
+# Hosts and drives go before what is started to look at them, where that is allowed.
+soon=()
+if [[ -z $(nice -n -10 true 2>&1) ]]; then soon=(nice -n -10); fi
+
 finish() {
   local -a running
   mapfile -t running < <(jobs -p)
@@ -33,13 +37,13 @@ make_bus() {
 }
 
 plug_drives() {  # arguments of the simulator
-  "$simulator" --interface can1 "$@" 2>"$scratch/sim" &
+  "${soon[@]}" "$simulator" --interface can1 "$@" 2>"$scratch/sim" &
   simulator_pid=$!
   wait_for ready sim
 }
 
 start() {  # arguments of the example
-  "$example" "$@" >"$scratch/out" 2>"$scratch/err" &
+  "${soon[@]}" "$example" "$@" >"$scratch/out" 2>"$scratch/err" &
   host=$!
 }
 
@@ -47,7 +51,7 @@ start() {  # arguments of the example
 start_on_terminal() {  # arguments of the example
   mkfifo "$scratch/keys"
   exec 7<>"$scratch/keys"
-  script --quiet --flush --return --command "exec $example $*" /dev/null \
+  script --quiet --flush --return --command "exec ${soon[*]} $example $*" /dev/null \
     <"$scratch/keys" >"$scratch/out" 2>&1 &
   host=$!
 }
@@ -62,7 +66,7 @@ start_behind_full_pipe() {  # arguments of the example
   mkfifo "$scratch/pipe" "$scratch/keys"
   exec 7<>"$scratch/keys" 8<>"$scratch/pipe"
   dd if=/dev/zero of="$scratch/pipe" oflag=nonblock bs=1024 count=2048 2>/dev/null
-  "$example" "$@" >"$scratch/pipe" 2>"$scratch/err" <"$scratch/keys" &
+  "${soon[@]}" "$example" "$@" >"$scratch/pipe" 2>"$scratch/err" <"$scratch/keys" &
   host=$!
 }
 

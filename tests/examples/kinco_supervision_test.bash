@@ -19,7 +19,7 @@ start_turning() {  # arguments of the example
   plug_drives --make kinco --node 1 --node 2
   mkfifo "$scratch/keys"
   exec 7<>"$scratch/keys"
-  "$example" --config "$config" "$@" >"$scratch/out" 2>"$scratch/err" <"$scratch/keys" &
+  "${soon[@]}" "$example" --config "$config" "$@" >"$scratch/out" 2>"$scratch/err" <"$scratch/keys" &
   host=$!
   wait_for "$turning" out
 }

@@ -40,7 +40,7 @@ record() {  # make, example and its arguments
 
 plug_recording() {  # arguments of the simulator
   : >"$scratch/bus"
-  "$simulator" --interface can1 --replay "$log" "$@" 2>"$scratch/sim" &
+  "${soon[@]}" "$simulator" --interface can1 --replay "$log" "$@" 2>"$scratch/sim" &
   simulator_pid=$!
   wait_for ready sim
 }
