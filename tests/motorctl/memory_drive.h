@@ -81,7 +81,7 @@ class MemoryDrive : public ConfigDevice {
     values[{0x1018, 4}] = serial_after;
   }
 
-  static constexpr int kNever = 1000;
+  static constexpr int kNever = 1000000;
   std::map<Where, Bytes> values;
   std::vector<std::pair<Where, Bytes>> log;
   std::map<Where, bool> fail_read;
