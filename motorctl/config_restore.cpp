@@ -103,7 +103,8 @@ class Restoring {
   void Write(const ConfigWrite& write, ConfigOutcome& outcome) {
     const ConfigObject& object = write.object;
     const SdoAnswer answer =
-        Repeat([&] { return device_.Write(object.index, object.sub, object.bytes); });
+        Repeat([&] { return device_.Write(object.index, object.sub, object.bytes); },
+               [this] { return IsTheSameDrive(); });
     if (answer.kind == SdoAnswer::Kind::kAborted &&
         (write.optional || IsReadOnly(object, answer))) {
       (write.optional ? outcome.refused : outcome.read_only).push_back(Shown(object));
@@ -121,11 +122,20 @@ class Restoring {
     }
   }
 
-  // The same value once more does no harm; a frame may have been lost.
+  // What was not answered may be the last that the drive was sent.
+  bool IsTheSameDrive() {
+    ReadIdentity found;
+    for (int i = 0; i < kAttempts && !found.answers; ++i) found = IdentityOf(device_);
+    RequirePeace();
+    return Another(found).empty();
+  }
+
+  // A frame may have been lost.
   template <typename Transfer>
-  static SdoAnswer Repeat(Transfer transfer) {
+  static SdoAnswer Repeat(Transfer transfer, const std::function<bool()>& may_repeat = nullptr) {
     SdoAnswer answer = transfer();
     for (int i = 1; i < kAttempts && answer.kind == SdoAnswer::Kind::kNoAnswer; ++i) {
+      if (may_repeat && !may_repeat()) break;
       answer = transfer();
     }
     return answer;

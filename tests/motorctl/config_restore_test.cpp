@@ -144,6 +144,24 @@ TEST(ConfigRestore, SeesASwapThatNoBootUpTold) {
   EXPECT_EQ(drive.writes, kSteps);
 }
 
+// What was not answered is sent once more, and not to the drive that was put in meanwhile.
+TEST(ConfigRestore, WritesNothingIntoADriveThatTookItsPlaceDuringAWrite) {
+  for (int step = 1; step <= kSteps; ++step) {
+    for (const bool tells_boot_up : {true, false}) {
+      MemoryDrive drive;
+      drive.vanish_at = step;
+      drive.requests_until_back = 1;
+      drive.tells_boot_up = tells_boot_up;
+      drive.serial_after = {5, 0, 0, 0};
+      const ConfigOutcome outcome = Restore(drive);
+      EXPECT_TRUE(Contains(outcome.failure, "nothing is written back, for this is another drive"))
+          << outcome.failure;
+      EXPECT_EQ(drive.writes, step);
+      EXPECT_EQ(outcome.not_as_they_were.size(), static_cast<std::size_t>(std::min(step, 5)));
+    }
+  }
+}
+
 TEST(ConfigRestore, WritesBackIntoTheSameDriveThatBootedUp) {
   MemoryDrive drive;
   drive.swap_after = 3;
@@ -158,7 +176,7 @@ MemoryDrive VanishesDuringTheUndo(int write_back) {
   MemoryDrive drive;
   drive.abort_at = 4;
   drive.vanish_at = 4 + write_back;
-  drive.reads_until_back = 3;
+  drive.requests_until_back = 3;
   return drive;
 }
 
@@ -197,7 +215,7 @@ TEST(ConfigRestore, GoesOnWithTheUndoWhenTheSameDriveIsBack) {
 
 TEST(ConfigRestore, NamesAllWhenTheDriveStaysAwayDuringTheUndo) {
   MemoryDrive drive = VanishesDuringTheUndo(2);
-  drive.reads_until_back = MemoryDrive::kNever;
+  drive.requests_until_back = MemoryDrive::kNever;
   const ConfigOutcome outcome = Restore(drive);
   EXPECT_TRUE(Contains(outcome.failure,
                        "; not all is written back, for the drive answers no "

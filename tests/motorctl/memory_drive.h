@@ -29,8 +29,7 @@ class MemoryDrive : public ConfigDevice {
 
   SdoAnswer Read(std::uint16_t index, std::uint8_t sub) override {
     ++reads;
-    if (reads >= back_at) ComeBack();
-    if (silent) return Answer(SdoAnswer::Kind::kNoAnswer);
+    if (!Hears()) return Answer(SdoAnswer::Kind::kNoAnswer);
     if (fail_read.count({index, sub}) != 0) return Answer(SdoAnswer::Kind::kAborted, 0x08000000);
     const auto value = values.find({index, sub});
     if (value == values.end()) return Answer(SdoAnswer::Kind::kAborted, 0x06020000);
@@ -42,12 +41,12 @@ class MemoryDrive : public ConfigDevice {
   }
 
   SdoAnswer Write(std::uint16_t index, std::uint8_t sub, const Bytes& bytes) override {
-    if (silent) return Answer(SdoAnswer::Kind::kNoAnswer);
+    if (!Hears()) return Answer(SdoAnswer::Kind::kNoAnswer);
     log.push_back({{index, sub}, bytes});
     const int number = ++writes;
     if (number == vanish_at) {
       silent = true;
-      back_at = reads + reads_until_back;
+      back_at = requests + requests_until_back;
       return Answer(SdoAnswer::Kind::kNoAnswer);
     }
     if (number == abort_at) return Answer(SdoAnswer::Kind::kAborted, abort_code);
@@ -74,11 +73,13 @@ class MemoryDrive : public ConfigDevice {
   }
   bool booted_up() const override { return heard_boot_up; }
 
-  void ComeBack() {
+  bool Hears() {
+    if (++requests < back_at) return !silent;
     back_at = kNever;
     silent = false;
-    booted = true;
+    booted = tells_boot_up;
     values[{0x1018, 4}] = serial_after;
+    return true;
   }
 
   static constexpr int kNever = 1000000;
@@ -91,6 +92,7 @@ class MemoryDrive : public ConfigDevice {
   Bytes serial_after = {4, 0, 0, 0};
   int writes = 0;
   int reads = 0;
+  int requests = 0;
   int abort_at = kNever;
   std::uint32_t abort_code = 0x06090030;
   int lose_at = kNever;
@@ -99,9 +101,10 @@ class MemoryDrive : public ConfigDevice {
   int die_after = kNever;
   int swap_after = kNever;
   int disturb_after = kNever;
-  int vanish_at = kNever;         // this write is lost, and it is silent
-  int reads_until_back = kNever;  // then it booted up, with `serial_after`
+  int vanish_at = kNever;            // this write is lost, and it is silent
+  int requests_until_back = kNever;  // then it booted up, with `serial_after`
   int back_at = kNever;
+  bool tells_boot_up = true;
   bool silent = false;
   bool booted = false;
   bool heard_boot_up = false;  // when it was last asked for a disturbance
