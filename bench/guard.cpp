@@ -7,7 +7,6 @@
 #include <CLI/CLI.hpp>
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <fstream>
 #include <string>
 #include <thread>
@@ -88,7 +87,7 @@ void PrintCost(const Setting& setting, double seconds) {
 
 int main(int argc, char** argv) try {
   if (argc == 4 && std::string(argv[1]) == "--host") {
-    guard_host::Run(argv[2], milliseconds(std::atoi(argv[3])));
+    guard_host::Run(argv[2], milliseconds(std::stoi(argv[3])));
   }
   Setting setting;
   bool own_network = false;

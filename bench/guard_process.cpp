@@ -12,6 +12,7 @@
 
 Process::Process(std::vector<std::string> words) {
   std::vector<char*> pointers;
+  pointers.reserve(words.size() + 1);
   for (std::string& word : words) pointers.push_back(word.data());
   pointers.push_back(nullptr);
   int ends[2] = {-1, -1};

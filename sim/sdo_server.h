@@ -23,11 +23,11 @@ struct SdoRequest {
     kClientAbort,   // ends a transfer, is never answered
     kNotSupported,  // block transfers, and commands that do not exist
   };
-  Kind kind;
-  std::uint16_t index;
-  std::uint8_t sub;
-  unsigned size;  // of an expedited download; 0 when the client did not indicate it
-  std::uint32_t value;
+  Kind kind = Kind::kNotSupported;
+  std::uint16_t index = 0;
+  std::uint8_t sub = 0;
+  unsigned size = 0;  // of an expedited download; 0 when the client did not indicate it
+  std::uint32_t value = 0;
   SdoBytes bytes{};  // as it came
 };
 

@@ -96,14 +96,9 @@ TEST_F(RecordTest, LeavesNoHalfFolderWhenItIsKilled) {
   }
 }
 
-TEST_F(RecordTest, LosesNothingOfAFullBusAndDoesNotGrow) {
+TEST_F(RecordTest, LosesNothingOfAFullBus) {
   Process recorder(Recording());
   AwaitStart(recorder);
-  const auto resident = [&] {
-    const std::string status = Text("/proc/" + std::to_string(recorder.pid()) + "/status");
-    return std::stol(status.substr(status.find("VmRSS:") + 6));
-  };
-  const long before = resident();
   bus::Command(kTraffic);
   const Result now = Motorctl({"record", "--now"});
   ASSERT_EQ(now.status, 0);
@@ -113,7 +108,24 @@ TEST_F(RecordTest, LosesNothingOfAFullBusAndDoesNotGrow) {
   EXPECT_EQ(std::count(log.begin(), log.end(), 'R'), 20000);
   EXPECT_TRUE(
       Contains(Text(folder + "/system.txt"), "frames lost by the recorder since its start: 0\n"));
-  EXPECT_LT(resident() - before, 1024);
+}
+
+// What waits while the machine stalls takes some, once: with each frame kept, every time takes 960.
+TEST_F(RecordTest, DoesNotGrow) {
+  Process recorder(Recording());
+  AwaitStart(recorder);
+  const auto kibibytes = [&] {
+    const std::string status = Text("/proc/" + std::to_string(recorder.pid()) + "/status");
+    return std::stol(status.substr(status.find("RssAnon:") + 8));
+  };
+  std::vector<long> growth;
+  for (int i = 0; i < 4; ++i) {
+    const long before = kibibytes();
+    bus::Command(kTraffic);
+    ASSERT_EQ(Motorctl({"record", "--now"}).status, 0);
+    growth.push_back(kibibytes() - before);
+  }
+  EXPECT_LT(*std::min_element(growth.begin(), growth.end()), 480) << growth[0];
 }
 
 }  // namespace
