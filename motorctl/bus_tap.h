@@ -83,7 +83,7 @@ class BusTap {
   std::deque<BusFrame> held_;  // in the order of their stamps
   struct Arrival {
     std::chrono::steady_clock::time_point time;
-    std::int64_t latest_stamp;  // of what arrived then
+    std::int64_t latest_stamp = 0;  // of what arrived then
   };
   std::deque<Arrival> arrivals_;
   std::uint64_t lost_ = 0;  // of sockets that are closed

@@ -62,7 +62,7 @@ SdoAnswer BusDevice::Write(std::uint16_t index, std::uint8_t sub, const Bytes& b
 SdoAnswer BusDevice::Store() {
   const milliseconds usual = client_.timeout();
   client_.set_timeout(std::max(usual, kStoring));
-  const SdoAnswer answer = client_.Download(node_, 0x1010, 1, {'s', 'a', 'v', 'e'});
+  SdoAnswer answer = client_.Download(node_, 0x1010, 1, {'s', 'a', 'v', 'e'});
   client_.set_timeout(usual);
   return answer;
 }
