@@ -183,7 +183,13 @@ void IncidentStore::WriteSystem(const std::string& path, const Incident& inciden
 }
 
 std::string IncidentStore::Write(const Incident& incident, const FrameRing& frames) const {
-  const std::string name = kPrefix + TimeName(incident.trigger.nanoseconds) + "-" + interface_;
+  std::string name;
+  // A clock that was set back may tell a time again.
+  std::int64_t named = incident.trigger.nanoseconds;
+  do {
+    name = kPrefix + TimeName(named) + "-" + interface_;
+    named += kNanosecondsPerMillisecond;
+  } while (fs::exists(fs::symlink_status(directory_ + "/" + name)));
   const std::string unfinished = directory_ + "/." + name + kUnfinished;
   std::string finished = directory_ + "/" + name;
   try {

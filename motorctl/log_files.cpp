@@ -23,7 +23,6 @@ constexpr char kSuffix[] = ".log";
 // Left to incidents, and to whatever else needs it: a tenth of the disk, and no more than this.
 constexpr std::uintmax_t kReserve = 100'000'000;
 constexpr std::uintmax_t kReservePart = 10;
-constexpr std::int64_t kNanosecondsPerMillisecond = 1'000'000;
 constexpr std::uintmax_t kMegabyte = 1'000'000;
 
 std::uintmax_t Reserve(const struct statvfs& disk) {

@@ -10,6 +10,8 @@ namespace motorctl {
 
 // "20261122T014500.123Z".
 std::string TimeName(std::int64_t nanoseconds);
+// Two times that are this far apart have two names.
+constexpr std::int64_t kNanosecondsPerMillisecond = 1'000'000;
 
 // Whether a name is `before`, a time and `after`: names of interfaces may end alike.
 bool IsTimeNamed(const std::string& name, const std::string& before, const std::string& after);

@@ -1,8 +1,6 @@
 // motorctl config against a simulated drive, with a file to keep it in.
 #pragma once
 
-#include <unistd.h>
-
 #include <cstdio>
 #include <fstream>
 #include <iterator>
@@ -58,6 +56,5 @@ class ConfigBench : public bus::BusTest {
     return Motorctl(all);
   }
 
-  const std::string file_ =
-      ::testing::TempDir() + "/config_" + std::to_string(::getpid()) + ".yaml";
+  const std::string file_ = ::testing::TempDir() + "/config.yaml";
 };

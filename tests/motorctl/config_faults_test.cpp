@@ -1,6 +1,7 @@
 // motorctl config restore when something goes wrong in the middle.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <map>
 #include <memory>

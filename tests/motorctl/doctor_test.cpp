@@ -16,7 +16,7 @@ class DoctorTest : public bus::BusTest {
  protected:
   // A program ip that tells what real hardware would.
   std::string IpThatPrints(const std::string& json) {
-    const std::string directory = ::testing::TempDir() + "/ip" + std::to_string(::getpid());
+    const std::string directory = ::testing::TempDir() + "/ip";
     std::filesystem::create_directories(directory);
     std::ofstream(directory + "/ip") << "#!/bin/sh\ncat <<'END'\n" << json << "\nEND\n";
     ::chmod((directory + "/ip").c_str(), 0755);

@@ -75,7 +75,7 @@ TEST_F(GuardTest, SendsNothingForACommandThatCannotBeExecuted) {
 }
 
 TEST_F(GuardTest, DoesNotStartACommandWithoutABus) {
-  const std::string mark = "/dev/shm/guard_test." + std::to_string(::getpid());
+  const std::string mark = ::testing::TempDir() + "/started";
   Result result = Motorctl(With({"--interface", "can7"}, GuardLine({"touch", mark})));
   EXPECT_EQ(result.status, 125);
   EXPECT_TRUE(Contains(result.err, "touch was not started: there is no CAN interface can7"))

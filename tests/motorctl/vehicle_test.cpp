@@ -13,8 +13,7 @@ namespace {
 class VehicleTest : public bus::BusTest {
  protected:
   std::string File(const std::string& text) {
-    const std::string file = ::testing::TempDir() + "/vehicle" + std::to_string(::getpid()) + "." +
-                             std::to_string(++files_);
+    const std::string file = ::testing::TempDir() + "/vehicle." + std::to_string(++files_);
     std::ofstream(file) << text;
     return file;
   }

@@ -2,15 +2,41 @@
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
+#include <stdexcept>
 #include <string>
 
 #include "bus_environment.h"
 
 namespace {
+
+// For what the cases write. Kernels that run side by side share the files of their machine, and number
+// their processes alike.
+class OwnDirectory {
+ public:
+  OwnDirectory() {
+    std::string name = ::testing::TempDir() + "/bus_test.XXXXXX";
+    if (::mkdtemp(name.data()) == nullptr) {
+      throw std::runtime_error("no directory of its own: " + name);
+    }
+    path_ = name;
+    setenv("TEST_TMPDIR", name.c_str(), 1);
+  }
+  ~OwnDirectory() {
+    std::error_code failed;
+    std::filesystem::remove_all(path_, failed);
+  }
+  OwnDirectory(const OwnDirectory&) = delete;
+  OwnDirectory& operator=(const OwnDirectory&) = delete;
+
+ private:
+  std::filesystem::path path_;
+};
 
 // Where this names a directory, the cases that fail are noted there, and a program that is run again
 // runs these alone: in another try of many cases another one would meet the machine's next stall.
@@ -95,5 +121,6 @@ int main(int argc, char** argv) {
   // No colours, should standard output be a terminal.
   setenv("TERM", "dumb", 1);
   unsetenv("COLORTERM");
+  const OwnDirectory directory;
   return RunAll();
 }
