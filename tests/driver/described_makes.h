@@ -124,7 +124,8 @@ std::vector<DescribedMake> DescribedMakesThat(Condition condition) {
 }
 
 // A case for one make. It knows the drive as a host does that takes any make.
-class EveryDriveTest : public bus::BusTest, public ::testing::WithParamInterface<DescribedMake> {
+class EveryDriveTest : public bus::PunctualBusTest,
+                       public ::testing::WithParamInterface<DescribedMake> {
  protected:
   static std::unique_ptr<DriverCommon> Create(const char* interface = "can0") {
     return GetParam().make.create(interface);

@@ -168,7 +168,7 @@ std::vector<Variant> Variants() {
   return variants;
 }
 
-class EveryDriveSetUpVariantTest : public bus::BusTest,
+class EveryDriveSetUpVariantTest : public bus::PunctualBusTest,
                                    public ::testing::WithParamInterface<Variant> {
  protected:
   static std::uint16_t SetUp(DriverCommon& driver) {

@@ -44,7 +44,8 @@ std::vector<Refused> AllRefused() {
   return all;
 }
 
-class SetUpRefusalsTest : public bus::BusTest, public ::testing::WithParamInterface<Refused> {};
+class SetUpRefusalsTest : public bus::PunctualBusTest,
+                          public ::testing::WithParamInterface<Refused> {};
 
 // The line that a request "601#cciiiissdddddddd" without answer leaves in the log.
 std::string TimeoutLine(const std::string& request) {

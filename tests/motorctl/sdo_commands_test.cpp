@@ -1,6 +1,7 @@
 // What the commands of motorctl make of texts, long values, refusals and slow nodes.
 #include <gtest/gtest.h>
 
+#include <sstream>
 #include <string>
 
 #include "bus_environment.h"
@@ -57,7 +58,11 @@ TEST_P(EveryMakeSdoTest, ARefusalIsNoSilence) {
       const Result result = Motorctl(line);
       const std::string text = result.out + result.err;
       EXPECT_FALSE(Contains(text, "not answer")) << text;
-      EXPECT_FALSE(Contains(text, "no answer")) << text;
+      // A machine that stalls may make another object late.
+      std::istringstream lines(text);
+      for (std::string said; std::getline(lines, said);) {
+        EXPECT_FALSE(Contains(said, index) && Contains(said, "no answer")) << said;
+      }
     }
     drive.ClearFaults();
   }
