@@ -89,7 +89,7 @@ TEST(RecordingTest, TellsWhatIsNoSuchLog) {
 // By a recorder that was killed, or a disk that was full.
 TEST(RecordingTest, TellsALineThatIsCutOff) {
   const std::string log = kLog;
-  for (const std::size_t missing : {2, 5, 8, 12, 20}) {
+  for (const std::size_t missing : {2U, 5U, 8U, 12U, 20U}) {
     const std::string cut = log.substr(0, log.size() - missing);
     EXPECT_NE(WhyNot(cut).find("bus.log:2: the line is cut off: "), std::string::npos)
         << cut << WhyNot(cut);
