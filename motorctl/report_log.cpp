@@ -78,8 +78,8 @@ class LogLoader {
     if (malformed_ == 0) {
       first_malformed_ = Quoted(entry.line);
       first_malformed_line_ = entry.number;
-      binary_ = std::any_of(entry.line.begin(), entry.line.end(), [](char c) {
-        return (c >= 0 && c < 0x20 && c != '\t' && c != '\x1B') || c == '\x7F';
+      binary_ = std::any_of(entry.line.begin(), entry.line.end(), [](unsigned char c) {
+        return (c < 0x20 && c != '\t' && c != '\x1B') || c == 0x7F;
       });
     }
     if (++malformed_ > kMostQuoted) return;
