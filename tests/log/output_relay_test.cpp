@@ -361,13 +361,15 @@ TEST_F(OutputRelayTest, TheFirstToGoLeavesTheOther) {
   const support::ProcessResult result = RunChild([] {
     {
       HeldOutput held(1);
+      std::thread([] {}).join();  // with the first, a sanitizer may start one of its own
+      const auto before = support::Threads();
       auto first = std::make_unique<OutputRelay>();
       auto second = std::make_unique<OutputRelay>();
-      Require(support::Threads() == 2, "one thread for both");
+      Require(support::Threads() == before + 1, "one thread for both");
       first.reset();
       Require(Duration([] { SayMany(100); }) < kAtOnce, "told at once");
       second.reset();
-      Require(support::Threads() == 1, "no thread left");
+      Require(support::Threads() == before, "no thread left");
     }
     Say("at once");
     Require(support::ReadWhole(1) == "at once\n", "written without waiting for another thread");
