@@ -58,10 +58,12 @@ TEST_P(EveryMakeSdoTest, ARefusalIsNoSilence) {
       const Result result = Motorctl(line);
       const std::string text = result.out + result.err;
       EXPECT_FALSE(Contains(text, "not answer")) << text;
-      // A machine that stalls may make another object late.
+      // Of the many objects of a set-up, a machine that stalls may make another one late.
+      const bool only_this = line.front() == "bring-up";
       std::istringstream lines(text);
       for (std::string said; std::getline(lines, said);) {
-        EXPECT_FALSE(Contains(said, index) && Contains(said, "no answer")) << said;
+        const bool concerned = !only_this || Contains(said, index);
+        EXPECT_FALSE(concerned && Contains(said, "no answer")) << said;
       }
     }
     drive.ClearFaults();

@@ -132,7 +132,7 @@ std::vector<MatrixFault> Table() {
        [](Scene& scene) { scene.drives[2].LatchError(0x2310); },
        Nothing,
        {Fault::kDriveError},
-       {Fault::kNone, Fault::kDriveError},
+       none,
        {Fault::kNone, Fault::kDriveError}},
       {"heartbeat_lost",
        Inject("no-heartbeat-after-ms=0"),
