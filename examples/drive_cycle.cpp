@@ -86,7 +86,7 @@ Vehicle VehicleOf(const Options& options) {
     const Wheels refuses_what_makes_no_sense(vehicle);
   };
   add_wheels(1);
-  const Vehicle with_one_motor = vehicle;
+  Vehicle with_one_motor = vehicle;
   try {
     add_wheels(2);
     return vehicle;
@@ -113,8 +113,8 @@ bool RunCycle(Wheels& wheels, const Vehicle& vehicle, const Options& options, Sp
     }
     std::vector<double> held_s(count);
     // Time advances by cycles: a host that was held up goes on where it was instead of jumping.
-    for (const double end = second + phase.length * options.seconds; second < end;
-         second += period_s) {
+    const double end = second + phase.length * options.seconds;
+    while (second < end) {
       if (EndRequested() || !wheels.Command(rpm.data(), count)) {
         return false;
       }
@@ -131,6 +131,7 @@ bool RunCycle(Wheels& wheels, const Vehicle& vehicle, const Options& options, Sp
         }
       }
       table.Show(second, phase.name, wheels);
+      second += period_s;
     }
   }
   return true;

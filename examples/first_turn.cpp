@@ -7,7 +7,8 @@
 
 std::atomic<bool> g_end{false};
 int main() {
-  for (int s : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTSTP}) std::signal(s, [](int) { g_end = 1; });
+  for (int s : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTSTP})
+    std::signal(s, [](int) { g_end = true; });
   std::signal(SIGPIPE, SIG_IGN);
   motor_driver::Vehicle vehicle;
   vehicle.make = "zl";

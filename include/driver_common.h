@@ -25,7 +25,7 @@ struct HeartbeatTimeout {
 
 /// A drive's error code in words.
 struct ErrorCodeInfo {
-  std::uint32_t code = 0;  ///< which number this is says the operation that returns it
+  std::uint32_t code = 0;  ///< which number: see the operation that returns it
   std::string msg;         ///< "unknown" when nothing is known
 };
 
@@ -250,7 +250,7 @@ class MOTOR_DRIVER_EXPORT DriverCommon : public DriverCan {
 
   /// One confirmed transfer. True when the drive answered a write with 0x60, a read (0x40) with
   /// expedited data. False: not sent, no answer within 100 ms (WARN line), refused by the drive, or
-  /// a command that is none of the five. No retry. Leaves the socket hearing every frame. At most
+  /// a command that is not one of the five. No retry. Leaves the socket hearing every frame. At most
   /// 100 ms, after the transfers of other threads.
   bool SdoWriteWithFeedback(std::uint32_t can_id, std::uint8_t command, std::uint16_t index,
                             std::uint8_t sub_index, std::uint32_t data);

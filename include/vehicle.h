@@ -28,7 +28,7 @@ struct Wheel {
 /// A vehicle. Speeds are those of the wheel. What is allowed is checked by the constructor of
 /// Wheels and by LoadVehicle().
 struct Vehicle {
-  std::string make;                ///< "zl", "fake"; the message about an unknown one has them all
+  std::string make;                ///< "zl", "fake"; the error about an unknown make lists all
   std::string interface = "can0";  ///< CAN interface, 1 to 15 characters; fake: opens none
   std::vector<Wheel> wheels;       ///< 1 to 8
   std::chrono::milliseconds period{10};               ///< of control and feedback, 2 to 255
@@ -42,7 +42,7 @@ struct Vehicle {
   double max_rpm = 100.0;             ///< above 0
   double max_acceleration = 120.0;    ///< rpm per second, towards higher speed
   double max_deceleration = 240.0;    ///< rpm per second, towards zero; after a stale command, too
-  unsigned long counts_per_revolution = 10000;  ///< of the motor; kinco: the others know theirs
+  unsigned long counts_per_revolution = 10000;  ///< of the motor; only kinco uses it
   std::string texts;          ///< kinco: YAML file with the texts of error codes, may be empty
   int realtime_priority = 0;  ///< 1 to 99: SCHED_FIFO for all that carries motion; 0: as the caller
 };

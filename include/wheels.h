@@ -48,7 +48,8 @@ struct WheelReport {
   double revolutions = 0;   ///< of the wheel since bring-up, signed, never wraps
   std::chrono::steady_clock::time_point measured_at;  ///< arrival of the latest position report
   std::uint32_t lost_reports = 0;                     ///< whole periods without one
-  std::uint16_t error_code = 0;                       ///< 0x603F where the make reports it
+  std::uint16_t error_code =
+      0;  ///< of the status PDO (0x603F); tt, amps: of the last emergency message
 };
 
 /// The vehicle, as it is now.
@@ -84,7 +85,8 @@ class MOTOR_DRIVER_WHEELS_EXPORT Wheels {
   explicit Wheels(const Vehicle& vehicle);
 
   /// Stop() unless kOff, and ends the control thread. When the stop is not confirmed, one line in
-  /// capitals on standard error says so. At most 3.5 s. The drives stay enabled, at zero.
+  /// capitals on standard error says so. At most 3.5 s, and with drive_watchdog 0.3 s more for every
+  /// node that does not answer. The drives stay enabled, at zero.
   ~Wheels();
 
   Wheels(const Wheels&) = delete;

@@ -40,8 +40,8 @@ OneMotorFeedback g_feedback(1, 2, kPositionOffset);
 
 AMPSDriver::AMPSDriver(const char* can_name) : DriverCommon(can_name) {}
 
-// The receive thread makes virtual calls (heartbeats): it ends before the object is of this class
-// no more.
+// The receive thread makes virtual calls (heartbeats): it ends while the object is still of this
+// class.
 AMPSDriver::~AMPSDriver() { StopReading(); }
 
 bool AMPSDriver::ActiveNode(std::uint8_t) { return true; }

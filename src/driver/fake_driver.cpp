@@ -4,8 +4,8 @@
 
 FakeDriver::FakeDriver(const char* can_name) : DriverCommon(can_name) {}
 
-// The receive thread makes virtual calls (heartbeats): it ends before the object is of this class
-// no more.
+// The receive thread makes virtual calls (heartbeats): it ends while the object is still of this
+// class.
 FakeDriver::~FakeDriver() { StopReading(); }
 
 bool FakeDriver::ActiveNode(std::uint8_t node) {

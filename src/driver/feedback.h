@@ -23,7 +23,7 @@ class OneMotorFeedback {
               std::uint8_t& node, double& rpm, int& counts);
 
   // Takes the oldest queued frame. False and all outputs 0 when there is none; true and no output
-  // written when it is no report.
+  // written when it is not a report.
   bool Take(DriverCan& can, double counts_per_revolution, std::uint16_t period_ms,
             std::uint8_t& node, double& rpm, int& counts);
 

@@ -84,8 +84,8 @@ std::uint16_t ParameterIndex(std::uint8_t node, std::uint16_t address) {
 
 HlsDriver::HlsDriver(const char* can_name) : DriverCommon(can_name) {}
 
-// The receive thread makes virtual calls (heartbeats): it ends before the object is of this class
-// no more.
+// The receive thread makes virtual calls (heartbeats): it ends while the object is still of this
+// class.
 HlsDriver::~HlsDriver() { StopReading(); }
 
 bool HlsDriver::ActiveNode(std::uint8_t node) {

@@ -12,8 +12,8 @@
 #include "log/console.h"
 #include "log/logger.h"
 
-// The class has rooms in kinco/: drive, texts, status, supervision. What writes a log line stands
-// here, because the line names this file and the operation.
+// The parts of this class are in kinco/: drive, texts, status, supervision. What writes a log line
+// stands here, because the line names this file and the operation.
 
 namespace kinco = motor_driver::kinco;
 

@@ -25,7 +25,7 @@ constexpr auto kReaderPoll = std::chrono::milliseconds(1);
 void CloseButHold(int socket) {
   const int unreadable = ::open("/", O_PATH | O_CLOEXEC);
   if (unreadable >= 0) {
-    // Where this fails, as where there is no descriptor left, the socket stays open until its
+    // Where this fails, as in a process out of file descriptors, the socket stays open until its
     // reader has ended: that one drops what it still reads, and is ended all the same. Closing the
     // number under it would be the worse choice.
     (void)::dup3(unreadable, socket, O_CLOEXEC);

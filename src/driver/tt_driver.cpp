@@ -76,8 +76,8 @@ bool IsEmptyEmergency(const CanFrame& frame) {
 
 TtDriver::TtDriver(const char* can_name) : DriverCommon(can_name) {}
 
-// The receive thread makes virtual calls (heartbeats): it ends before the object is of this class
-// no more.
+// The receive thread makes virtual calls (heartbeats): it ends while the object is still of this
+// class.
 TtDriver::~TtDriver() { StopReading(); }
 
 bool TtDriver::ActiveNode(std::uint8_t node) {

@@ -44,7 +44,7 @@ class BringUp final : private SdoObserver {
   // standing.
   Trouble AwaitReady();
 
-  // The node watches this host no more.
+  // The node no longer watches this host.
   void EndWatchdog(std::size_t node);
 
   // Whether the node is enabled and without error, by its own objects; `trouble` if not.

@@ -64,7 +64,7 @@ class BusWatch {
   // And until now, as far as reports may be late: what stood may turn again unseen.
   bool StandsSince(std::size_t node, std::size_t motor, Clock::time_point since) const;
 
-  // The node is about to be reset or set up: what was heard of its state counts no more. Where it
+  // The node is about to be reset or set up: what was heard of its state no longer counts. Where it
   // `restarts`, its position counters begin anew.
   void Forget(std::size_t node, bool restarts);
 

@@ -70,7 +70,7 @@ Trouble Drives::Open() {
     if (drive_->LoadDriverConfig(vehicle_.texts)) {
       return {};
     }
-  } catch (const std::logic_error&) {  // a code that is no number: said below
+  } catch (const std::logic_error&) {  // a code that is not a number: said below
   }
   return {Fault::kSetUpRefused, 0,
           vehicle_.texts + " cannot be loaded as texts of error codes: mend it or leave it out"};

@@ -14,7 +14,7 @@ constexpr const char* kNotifySocket = "NOTIFY_SOCKET";
 constexpr const char* kWatchdogTime = "WATCHDOG_USEC";
 
 constexpr std::string_view kAlive = "WATCHDOG=1";
-// Of a host whose wheels were measured to stand and are driven no more. Nobody else knows it: a
+// Of a host whose wheels were measured to stand and are no longer driven. Nobody else knows it: a
 // service manager leaves aside what begins with X_.
 constexpr std::string_view kWheelsOff = "X_WHEELS=OFF";
 
