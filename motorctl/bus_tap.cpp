@@ -127,7 +127,7 @@ int BusTap::OpenReceived(int index) const {
     const int error = errno;
     ::close(socket);
     if (error == ENODEV) {
-      throw CommandFailed("cannot record " + interface_ + ": it is no CAN interface");
+      throw CommandFailed("cannot record " + interface_ + ": it is not a CAN interface");
     }
     throw Failure(interface_, error);
   }

@@ -21,8 +21,6 @@ constexpr unsigned kPdos = 512;
 constexpr unsigned kLongestGap = 16;
 constexpr std::uint8_t kStart = 1;
 constexpr std::uint8_t kOperational = 5;
-constexpr std::uint32_t kInvalid = 0x80000000;
-constexpr std::uint32_t kLongestId = 0x7FF;
 constexpr milliseconds kStoring{10'000};
 
 // Whoever read standard output has gone away.
@@ -81,9 +79,8 @@ void BusDevice::RefuseOtherHosts() {
     const SdoAnswer answer = client_.Upload(node_, index, kPdoCobId);
     absent = answer.ok() ? 0 : absent + 1;
     if (!answer.heard() || absent > kLongestGap) break;
-    const std::uint32_t cob_id = answer.ok() ? answer.number() : kInvalid;
-    if ((cob_id & kInvalid) != 0 || (cob_id & CAN_EFF_MASK) > kLongestId || cob_id == 0) continue;
-    Watch(cob_id & kLongestId);
+    if (!answer.ok()) continue;
+    if (const auto identifier = IdentifierOf(answer.number())) Watch(*identifier);
   }
   refuses_others_ = true;
   other_host_.clear();

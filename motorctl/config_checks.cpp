@@ -3,6 +3,7 @@
 #include <map>
 #include <thread>
 
+#include "abort_codes.h"
 #include "config_bus.h"
 #include "context.h"
 #include "sdo_words.h"
@@ -20,11 +21,6 @@ constexpr int kAxes = 8;
 constexpr std::chrono::milliseconds kBetween{250};
 constexpr std::uint32_t kAtRest = 4;
 
-bool IsAbsent(const SdoAnswer& answer) {
-  constexpr std::uint32_t kNoObject = 0x06020000;
-  return answer.kind == SdoAnswer::Kind::kAborted && answer.abort_code == kNoObject;
-}
-
 // Only where the voltage is off, or a fault holds it off.
 bool IsDisabled(std::uint16_t statusword) {
   switch (statusword & 0x4F) {
@@ -41,7 +37,9 @@ std::string Enabled(ConfigDevice& device) {
   for (int axis = 0; axis < kAxes; ++axis) {
     const auto index = static_cast<std::uint16_t>(kStatusword + axis * kAxis);
     const SdoAnswer answer = device.Read(index, 0);
-    if (IsAbsent(answer) && axis > 0) break;
+    const bool is_absent =
+        answer.kind == SdoAnswer::Kind::kAborted && answer.abort_code == kNoObject;
+    if (is_absent && axis > 0) break;
     if (!answer.ok()) {
       return "whether it is enabled is not known: " + NameObject(index, 0) + ": " +
              Explanation(answer);

@@ -7,6 +7,7 @@
 #include <system_error>
 
 #include "ini_file.h"
+#include "object_search.h"
 #include "printable.h"
 #include "string_values.h"
 #include "words.h"
@@ -16,10 +17,6 @@ namespace {
 
 constexpr std::size_t kLongestNumber = 8;
 constexpr std::uint16_t kFirstOfAMaker = 0x2000;
-
-bool Before(const ConfigObject& object, const std::pair<std::uint16_t, std::uint8_t>& place) {
-  return std::make_pair(object.index, object.sub) < place;
-}
 
 std::string Quoted(const std::string& text) {
   std::string quoted = "\"";
@@ -60,13 +57,15 @@ void AddObject(std::string& out, const ConfigObject& object) {
 }  // namespace
 
 const ConfigObject* Config::Find(std::uint16_t index, std::uint8_t sub) const {
-  const auto found =
-      std::lower_bound(objects.begin(), objects.end(), std::make_pair(index, sub), Before);
-  return found == objects.end() || found->index != index || found->sub != sub ? nullptr : &*found;
+  return FindObject(objects, index, sub);
 }
 
 std::string Place(std::uint16_t index, std::uint8_t sub) {
   return Hex(index, 4) + ":" + Hex(sub, 2).substr(2);
+}
+
+std::string Shown(const ConfigObject& object) {
+  return Place(object.index, object.sub) + (object.name.empty() ? "" : " (" + object.name + ")");
 }
 
 std::optional<DataType> FittingType(const ConfigObject& object, const Bytes& bytes) {

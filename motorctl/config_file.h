@@ -51,6 +51,9 @@ constexpr int kFirstConfigIndex = 0x1000;
 // "0x1017:00"
 std::string Place(std::uint16_t index, std::uint8_t sub);
 
+// The same with the name of the object, where it has one: "0x1017:00 (Producer heartbeat time)"
+std::string Shown(const ConfigObject& object);
+
 // A value of the object for people and files, `bytes` or its own. Identifiers and mappings of
 // CiA 301 are hexadecimal. Without a type: a hexadecimal number of up to 8 bytes, or bytes in the
 // order of the wire.

@@ -9,7 +9,6 @@
 namespace motorctl {
 namespace {
 
-constexpr std::uint32_t kInvalid = 0x80000000;
 constexpr std::uint32_t kIdentifier = 0x1FFFFFFF;
 constexpr std::uint16_t kEmergencyCobId = 0x1014;
 constexpr std::size_t kCobIdSize = 4;
@@ -90,8 +89,8 @@ class Planner {
     const std::uint32_t now = Number(change.left->bytes);
     const std::uint32_t then = Number(change.right->bytes);
     if (change.left->bytes.size() == kCobIdSize && ((now ^ then) & kIdentifier) != 0 &&
-        (now & kInvalid) == 0) {
-      Add(*change.right, CobId(now | kInvalid));
+        (now & kNotInUse) == 0) {
+      Add(*change.right, CobId(now | kNotInUse));
     }
     if (Now(*change.right) != change.right->bytes) Add(*change.right, change.right->bytes);
   }
@@ -101,8 +100,8 @@ class Planner {
     const ConfigObject* const cob_id = drive_.Find(communication, kPdoCobId);
     const bool has_cob_id = cob_id != nullptr && cob_id->bytes.size() == kCobIdSize;
     Bytes last = has_cob_id ? cob_id->bytes : Bytes();
-    if (has_cob_id && (Number(last) & kInvalid) == 0) {
-      Add(*cob_id, CobId(Number(last) | kInvalid));
+    if (has_cob_id && (Number(last) & kNotInUse) == 0) {
+      Add(*cob_id, CobId(Number(last) | kNotInUse));
     }
     const auto maps = [mapping](const ConfigDifference& change) {
       return change.right->index == mapping;

@@ -19,7 +19,7 @@ std::string NeverRestored(const ConfigObject& object, const Config& config,
 struct ConfigWrite {
   ConfigObject object;    // with the bytes to write
   Bytes before;           // what it holds just before this write
-  bool optional = false;  // a refusal is no failure: nothing uses the value
+  bool optional = false;  // a refusal is not a failure: nothing uses the value
 };
 
 struct ConfigPlan {

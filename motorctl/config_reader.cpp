@@ -58,7 +58,7 @@ class Mapping {
   std::optional<std::string> Text(const char* key) {
     const YAML::Node* const value = Take(key);
     if (value == nullptr) return std::nullopt;
-    if (!value->IsScalar()) Fail("is no single value");
+    if (!value->IsScalar()) Fail("is not a single value");
     return value->Scalar();
   }
 
@@ -78,7 +78,7 @@ class Mapping {
     const auto [stop, error] =
         std::from_chars(text->data() + (hex ? 2 : 0), end, number, hex ? 16 : 10);
     if (stop != end || error == std::errc::invalid_argument) {
-      Fail(InQuotes(*text) + " is no whole number");
+      Fail(InQuotes(*text) + " is not a whole number");
     }
     if (error != std::errc() || number > highest) {
       Fail(Short(*text) + " is above " + std::to_string(highest));
@@ -157,7 +157,7 @@ ConfigObject ReadObject(Mapping mapping) {
   object.sub = static_cast<std::uint8_t>(mapping.RequireNumber("sub", 0xFF));
   if (const auto type = mapping.Text("type")) {
     object.type = TypeNamed(*type);
-    if (!object.type) mapping.Fail(InQuotes(*type) + " is no type of CiA 301");
+    if (!object.type) mapping.Fail(InQuotes(*type) + " is not a type of CiA 301");
   }
   object.access = mapping.Text("access").value_or("");
   if (!object.access.empty()) {
@@ -165,7 +165,8 @@ ConfigObject ReadObject(Mapping mapping) {
     for (const char* access : {"ro", "wo", "rw", "rwr", "rww", "const"}) {
       known = known || object.access == access;
     }
-    if (!known) mapping.Fail(InQuotes(object.access) + " is none of ro, wo, rw, rwr, rww, const");
+    if (!known)
+      mapping.Fail(InQuotes(object.access) + " is not one of ro, wo, rw, rwr, rww, const");
   }
   object.is_volatile = mapping.Flag("volatile");
   object.name = Printable(mapping.Text("name").value_or(""));
@@ -188,7 +189,7 @@ void ReadObjects(Mapping& mapping, const std::string& file, Config& config) {
   const YAML::Node* const taken = mapping.Take("objects");
   if (taken == nullptr) mapping.FailAt(mapping.line(), "objects", "missing");
   const YAML::Node list = *taken;
-  if (!list.IsSequence() || list.size() == 0) mapping.Fail("is no list of objects");
+  if (!list.IsSequence() || list.size() == 0) mapping.Fail("is not a list of objects");
   std::size_t number = 0;
   for (const YAML::Node& node : list) {
     const std::string prefix = "objects[" + std::to_string(number++) + "]";
@@ -221,7 +222,7 @@ Config ReadRoot(const YAML::Node& root, const std::string& file) {
   config.tool = Printable(mapping.Text("tool").value_or(""));
   config.time = Printable(mapping.Text("time").value_or(""));
   config.node = static_cast<int>(mapping.RequireNumber("node", 127));
-  if (config.node == 0) mapping.Fail("is no node-ID");
+  if (config.node == 0) mapping.Fail("is not a node-ID");
   config.eds = Printable(mapping.Text("eds").value_or(""));
   config.partial = mapping.Flag("partial");
   constexpr std::uint32_t kHighest = 0xFFFFFFFF;

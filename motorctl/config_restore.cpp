@@ -5,6 +5,7 @@
 #include <set>
 #include <thread>
 
+#include "abort_codes.h"
 #include "config_pdo.h"
 #include "context.h"
 #include "sdo_words.h"
@@ -19,15 +20,9 @@ constexpr int kAttempts = 3;
 constexpr std::chrono::seconds kLongestBoot{5};
 constexpr std::chrono::milliseconds kPause{100};
 
-std::string Shown(const ConfigObject& object) {
-  return Place(object.index, object.sub) + (object.name.empty() ? "" : " (" + object.name + ")");
-}
-
 // What nothing told the access of may be a report of the drive, as long as no other write depends
 // on it. That no such access is supported is said of the object, not of the value.
 bool IsReadOnly(const ConfigObject& object, const SdoAnswer& answer) {
-  constexpr std::uint32_t kNoSuchAccess = 0x06010000;
-  constexpr std::uint32_t kReadOnly = 0x06010002;
   return object.access.empty() && !PdoOf(object.index) &&
          (answer.abort_code == kReadOnly || answer.abort_code == kNoSuchAccess);
 }

@@ -5,6 +5,7 @@
 
 #include "config_command.h"
 #include "config_eds.h"
+#include "config_pdo.h"
 #include "config_plan.h"
 #include "config_restore.h"
 #include "config_session.h"
@@ -87,12 +88,10 @@ class Restore {
   std::string Node() const { return "node " + std::to_string(options_.node); }
 
   static void WatchPdo(BusDevice& device, const ConfigObject& object) {
-    constexpr std::uint32_t kInvalid = 0x80000000;
-    constexpr std::uint32_t kLongestId = 0x7FF;
     if (object.index < 0x1400 || object.index > 0x15FF || object.sub != 1) return;
     const std::uint32_t cob_id = LittleEndian(
         object.bytes.data(), static_cast<unsigned>(std::min<std::size_t>(object.bytes.size(), 4)));
-    if ((cob_id & kInvalid) == 0 && cob_id != 0 && cob_id <= kLongestId) device.Watch(cob_id);
+    if (const auto identifier = IdentifierOf(cob_id)) device.Watch(*identifier);
   }
 
   // Returns what the drive says about itself.
@@ -265,7 +264,7 @@ void AddConfigRestore(CLI::App& config, Context& context) {
   restore->add_option("FILE", options->file, "of config save, YAML or DCF")->required();
   restore->add_option("NODE", options->node, "node-ID")->required()->check(CLI::Range(1, 127));
   restore->add_flag("--yes", options->yes,
-                    "do not ask; needed where standard input is no terminal");
+                    "do not ask; needed where standard input is not a terminal");
   restore->add_flag("--force", options->force,
                     "also into another revision, or where objects are missing");
   restore->add_flag("--save", options->store, "let the drive store all of it in the end (0x1010)");

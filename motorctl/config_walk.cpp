@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <map>
 
+#include "abort_codes.h"
 #include "config_pdo.h"
 #include "context.h"
 #include "printable.h"
@@ -17,26 +18,17 @@ constexpr std::uint16_t kLastIndex = 0x6FFF;
 constexpr unsigned kHighestSub = 254;
 constexpr unsigned kHighestMapped = 64;
 
-constexpr std::uint32_t kWriteOnly = 0x06010001;
-constexpr std::uint32_t kNoObject = 0x06020000;
-constexpr std::uint32_t kNoSubIndex = 0x06090011;
-constexpr std::uint32_t kNoData = 0x08000024;
-
 bool IsAbort(const SdoAnswer& answer, std::uint32_t code) {
   return answer.kind == SdoAnswer::Kind::kAborted && answer.abort_code == code;
 }
 
 bool IsAbsent(const SdoAnswer& answer) {
-  return IsAbort(answer, kNoObject) || IsAbort(answer, kNoSubIndex);
+  return answer.kind == SdoAnswer::Kind::kAborted && SaysAbsent(answer.abort_code);
 }
 
 // There is nothing to keep of it.
 bool HasNoValue(const SdoAnswer& answer) {
   return IsAbort(answer, kWriteOnly) || IsAbort(answer, kNoData);
-}
-
-std::string Shown(const ConfigObject& object) {
-  return Place(object.index, object.sub) + (object.name.empty() ? "" : " (" + object.name + ")");
 }
 
 ConfigObject NameOf(std::uint16_t index, std::uint8_t sub,
@@ -92,7 +84,7 @@ class Walker {
   SdoAnswer Read(std::uint16_t index, std::uint8_t sub) {
     const std::string disturbance = device_.Disturbance();
     if (!disturbance.empty()) throw CommandFailed(disturbance);
-    const SdoAnswer answer = device_.Read(index, sub);
+    SdoAnswer answer = device_.Read(index, sub);
     if (!answer.heard()) {
       // It may be this object only.
       const bool is_there = heard_ && device_.Read(0x1000, 0).heard();

@@ -19,7 +19,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr int kWriterNice = 10;
 // A write for so many, or every second.
-constexpr std::size_t kBlock = 64 * 1024;
+constexpr std::size_t kBlock = std::size_t{64} * 1024;
 constexpr int kFlushMilliseconds = 1000;
 constexpr auto kFlush = std::chrono::milliseconds(kFlushMilliseconds);
 // More than this is not lost when the supply fails.

@@ -3,12 +3,12 @@
 #include <algorithm>
 #include <optional>
 
+#include "config_pdo.h"
 #include "words.h"
 
 namespace motorctl {
 namespace {
 
-constexpr std::uint32_t kInvalidPdo = 0x80000000;
 constexpr std::uint32_t kIdentifier = 0x7FF;
 constexpr unsigned kLongestPayload = 8;
 // CiA 301: 512 records of each kind, and as many mappings 0x200 above.
@@ -70,7 +70,7 @@ std::vector<MappedPdo> PdosOf(const Eds& eds) {
   for (const std::uint16_t first : {kTransmit, kReceive}) {
     for (unsigned number = 0; number < kRecords; ++number) {
       const auto cob_id = ValueIn(eds, first + number, 1);
-      if (!cob_id || (NumberOf(*cob_id, 0) & kInvalidPdo) != 0) continue;
+      if (!cob_id || (NumberOf(*cob_id, 0) & kNotInUse) != 0) continue;
       auto fields = FieldsOf(eds, first + number + kRecords);
       if (fields.empty()) continue;
       pdos.push_back({(first == kTransmit ? "TPDO" : "RPDO") + std::to_string(number + 1), *cob_id,

@@ -103,7 +103,7 @@ std::uint64_t ParseInteger(const TypeRow& row, std::string_view text, Octal octa
                 hex     ? 16
                 : eight ? 8
                         : 10)) {
-    throw ValueError(Quoted(text) + " is no number");
+    throw ValueError(Quoted(text) + " is not a number");
   }
   // Hexadecimal digits without a sign are the bits of the type, whether it is signed or not.
   const std::uint64_t greatest = Greatest(row);
@@ -142,7 +142,7 @@ std::uint64_t ParseReal(std::string_view text) {
   if (BeginsHex(text)) {
     Bits bits = 0;
     if (!ParseAll(text.substr(2), bits, error, 16)) {
-      throw ValueError(Quoted(text) + " is no number");
+      throw ValueError(Quoted(text) + " is not a number");
     }
     if (error == std::errc::result_out_of_range) {
       throw ValueError(std::string(text) + " has more than " + std::to_string(8 * sizeof bits) +
@@ -153,7 +153,7 @@ std::uint64_t ParseReal(std::string_view text) {
   const std::string_view digits = text.substr(!text.empty() && text[0] == '+' ? 1 : 0);
   Real real = 0;
   if (!ParseAll(digits, real, error) || std::isnan(real)) {
-    throw ValueError(Quoted(text) + " is no number");
+    throw ValueError(Quoted(text) + " is not a number");
   }
   if (error == std::errc::result_out_of_range) {
     throw ValueError(std::string(text) + " is out of the range of the type");

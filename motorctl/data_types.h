@@ -48,7 +48,7 @@ class ValueError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// Empty for a code that is no type of a value.
+// Empty for a code that is not a type of a value.
 std::optional<DataType> FindDataType(std::uint64_t code);
 
 // "UNSIGNED16".

@@ -97,7 +97,7 @@ class DcfWriter {
       fail("has " + std::to_string(object.bytes.size()) + " bytes in the drive, but the EDS says " +
            TypeName(*object.type));
     }
-    const std::string value = ConfigValueText(object);
+    std::string value = ConfigValueText(object);
     if (value.size() > kLongestValue) fail("is too long for a DCF");
     return value;
   }

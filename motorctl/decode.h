@@ -45,7 +45,7 @@ bool TellsControllerState(std::uint32_t classes);
 
 // A line that tells about frames or about its log without holding a frame: details of an error
 // frame, frames that candump lost, what stands around the frames of an .asc file. Its numbers are
-// of `asc_base`, which a line of the file tells. Empty when it is none of them.
+// of `asc_base`, which a line of the file tells. Empty when it is not one of them.
 std::optional<Meaning> ParseNote(std::string_view line, int& asc_base);
 
 // The segments of SDO block transfers look like any other command: only what went before tells.

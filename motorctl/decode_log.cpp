@@ -10,8 +10,6 @@
 namespace motorctl {
 namespace {
 
-using candump::LogLines;
-
 constexpr std::size_t kTextColumn = 48;
 constexpr std::size_t kOutputBlock = std::size_t{1} << 16;
 

@@ -83,7 +83,7 @@ bool CheckInterface(const Context& context, DoctorReport& report) {
     return false;
   }
   if (!link->is_can) {
-    report.Fail("interface", context.vehicle.interface + " is no CAN interface",
+    report.Fail("interface", context.vehicle.interface + " is not a CAN interface",
                 "name another with --interface; \"ip link\" lists what there is");
     return false;
   }

@@ -3,6 +3,7 @@
 #include <string>
 #include <vector>
 
+#include "abort_codes.h"
 #include "doctor_report.h"
 #include "sdo_client.h"
 #include "sdo_words.h"
@@ -12,7 +13,6 @@ namespace motorctl {
 namespace {
 
 constexpr std::uint32_t kServoProfile = 402;
-constexpr std::uint32_t kNoObject = 0x06020000;
 constexpr std::uint32_t kShownErrors = 8;
 
 void CheckObjects(const Make& make, SdoClient& client, int node, DoctorReport& report) {
@@ -86,7 +86,7 @@ void CheckErrorCode(SdoClient& client, int node, const std::string& remedy, Doct
   }
 }
 
-// The newest error comes first. What is over is no failure.
+// The newest error comes first. What is over is not a failure.
 void CheckErrorHistory(SdoClient& client, int node, DoctorReport& report) {
   const char* const check = "error history";
   const std::string clear =

@@ -5,14 +5,9 @@
 #include <memory>
 #include <system_error>
 
+#include "object_search.h"
+
 namespace motorctl {
-namespace {
-
-bool Before(const EdsObject& object, const std::pair<std::uint16_t, std::uint8_t>& place) {
-  return std::make_pair(object.index, object.sub) < place;
-}
-
-}  // namespace
 
 Bytes EdsValue::Of(int node_id) const {
   Bytes result = bytes;
@@ -26,9 +21,7 @@ Bytes EdsValue::Of(int node_id) const {
 }
 
 const EdsObject* Eds::Find(std::uint16_t index, std::uint8_t sub) const {
-  const auto found =
-      std::lower_bound(objects.begin(), objects.end(), std::make_pair(index, sub), Before);
-  return found == objects.end() || found->index != index || found->sub != sub ? nullptr : &*found;
+  return FindObject(objects, index, sub);
 }
 
 std::string AgainstLimits(const EdsObject& object, const Bytes& value, int node_id) {

@@ -129,7 +129,7 @@ class EdsReader {
       if (*type == static_cast<std::uint32_t>(kind)) return kind;
     }
     section.Fail(*section.Find("ObjectType"), section.Text("ObjectType") +
-                                                  " is none of 2 (DOMAIN), 7 (VAR), 8 (ARRAY), "
+                                                  " is not one of 2 (DOMAIN), 7 (VAR), 8 (ARRAY), "
                                                   "9 (RECORD)");
   }
 
@@ -190,7 +190,8 @@ class EdsReader {
     } else {
       const std::uint32_t code = section.RequireNumber("DataType", DataType::kUnsigned16);
       const auto type = FindDataType(code);
-      if (!type) section.Fail(*section.Find("DataType"), Hex(code, 4) + " is no type of a value");
+      if (!type)
+        section.Fail(*section.Find("DataType"), Hex(code, 4) + " is not a type of a value");
       object.type = *type;
     }
     object.access = LowerCase(is_domain && section.Find("AccessType") == nullptr
@@ -200,7 +201,7 @@ class EdsReader {
     if (std::find(std::begin(kAccesses), std::end(kAccesses), object.access) ==
         std::end(kAccesses)) {
       section.Fail(*section.Find("AccessType"),
-                   section.Text("AccessType") + " is none of ro, wo, rw, rwr, rww, const");
+                   section.Text("AccessType") + " is not one of ro, wo, rw, rwr, rww, const");
     }
     object.flags = section.Number("ObjFlags", DataType::kUnsigned32).value_or(0);
     object.mappable = section.Number("PDOMapping", DataType::kBoolean).value_or(0) != 0;

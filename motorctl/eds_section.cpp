@@ -104,7 +104,7 @@ std::vector<const IniKey*> EdsSection::Entries(const std::string& count,
     if (!IsEntry(key)) continue;
     entries.push_back(&key);
     if (EntryNumber(key) < 1 || EntryNumber(key) > highest) {
-      Fail(key, "is no number of 1 to " + std::to_string(highest));
+      Fail(key, "is not a number of 1 to " + std::to_string(highest));
     }
   }
   if (entries.size() != expected) {

@@ -14,7 +14,7 @@ namespace motorctl {
 //                                  digits without 0x may be decimal or hexadecimal
 //   1032010000000000               payload of an emergency message or an SDO transfer
 //   581#8040600000000206           a frame, alone or in a line of candump
-// No value: the text is no code. Empty: nothing is known about it.
+// No value: the text is not a code. Empty: nothing is known about it.
 std::optional<std::vector<Meaning>> Explain(const std::string& code, const Make* make);
 
 }  // namespace motorctl

@@ -55,7 +55,7 @@ void AddExplain(CLI::App& app, Context& context) {
   command->callback([&context, codes] {
     for (const std::string& code : *codes) {
       if (!Explain(code, context.make)) {
-        throw CLI::ValidationError("CODE", "\"" + code + "\" is no code: expected " + kForms);
+        throw CLI::ValidationError("CODE", "\"" + code + "\" is not a code: expected " + kForms);
       }
     }
     context.run = [&context, codes] { return RunExplain(context, *codes); };

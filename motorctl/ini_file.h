@@ -43,7 +43,7 @@ struct IniFile {
   const IniSection* Find(const std::string& section) const;
 };
 
-// Blanks around names and values are no part of them; a line that begins with ";" is a comment.
+// Blanks around names and values are not part of them; a line that begins with ";" is a comment.
 // What is not ASCII is written as \xNN. Refuses a section or a key that stands there twice. `name`:
 // for messages. Throws FileError.
 IniFile ReadIniFile(std::FILE* file, const std::string& name);

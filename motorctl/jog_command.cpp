@@ -213,7 +213,7 @@ void AddJog(CLI::App& app, Context& context) {
   command->add_option("--svg", options->svg, "write a picture of target and measured speed")
       ->type_name("FILE");
   command->add_flag("--yes", options->yes,
-                    "do not ask; needed where standard input is no terminal");
+                    "do not ask; needed where standard input is not a terminal");
   command->add_flag("--allow-fast", options->allow_fast, "more than 100 rpm");
   command->callback([&context, options] {
     CheckOptions(context, *options);

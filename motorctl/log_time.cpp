@@ -60,9 +60,10 @@ bool ParseLogTime(std::string_view text, std::int64_t& nanoseconds, LogClock& cl
 std::string SecondsText(std::int64_t nanoseconds, bool sign) {
   constexpr std::int64_t kShown = kSecond / 1000;
   const std::int64_t half = nanoseconds < 0 ? -kShown / 2 : kShown / 2;
+  const std::int64_t rounded = (nanoseconds + half) / kShown;  // to milliseconds
   char text[32];
   std::snprintf(text, sizeof(text), sign ? "%+.3f" : "%.3f",
-                static_cast<double>((nanoseconds + half) / kShown) / 1000.0);
+                static_cast<double>(rounded) / 1000.0);
   return text;
 }
 

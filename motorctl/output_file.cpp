@@ -33,7 +33,7 @@ int WriteAll(int descriptor, const std::string& text) {
 void WriteWholeFile(const std::string& file, const std::string& text) {
   struct stat there = {};
   if (::stat(file.c_str(), &there) == 0 && !S_ISREG(there.st_mode)) {
-    throw CommandFailed(file + ": is no regular file");
+    throw CommandFailed(file + ": is not a regular file");
   }
   // The file that a link points to, not the link.
   std::error_code ignored;

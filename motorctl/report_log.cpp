@@ -138,7 +138,7 @@ class LogLoader {
     const std::string place = log_.path + ":" + std::to_string(first_malformed_line_) + ": ";
     if (binary_) {
       throw LogUnreadable(place +
-                          "is no text; what is read is a folder of motorctl record, a log of "
+                          "is not text; what is read is a folder of motorctl record, a log of "
                           "candump (-L) or an .asc file");
     }
     throw LogUnreadable(place + "no frame in it, nor in the other lines: " + first_malformed_ +

@@ -1,6 +1,7 @@
 // SDO transfers: late and missing answers, aborts.
 #include <algorithm>
 
+#include "abort_codes.h"
 #include "report_watch.h"
 
 namespace motorctl {
@@ -14,9 +15,6 @@ constexpr unsigned kReadBlocks = 5;
 constexpr unsigned kWriteBlocks = 6;
 constexpr unsigned kValue = 2;
 constexpr unsigned kExpedited = 2;
-
-constexpr std::uint32_t kNoSuchObject = 0x06020000;
-constexpr std::uint32_t kNoSuchSubIndex = 0x06090011;
 
 // What the library waits for an answer, and after what time none is expected any more, as by
 // record.
@@ -118,8 +116,7 @@ void SdoWatch::HearResponse(int node, const KeptFrame& frame) {
 // To ask a drive whether it has an object is how a host finds out what it can do.
 bool SdoWatch::OnlyAsks(const Key& key, std::uint32_t abort_code) const {
   const auto waiting = requests_.find(key);
-  return waiting != requests_.end() && waiting->second.back().reads &&
-         (abort_code == kNoSuchObject || abort_code == kNoSuchSubIndex);
+  return waiting != requests_.end() && waiting->second.back().reads && SaysAbsent(abort_code);
 }
 
 void SdoWatch::HearAbort(int node, bool response, const KeptFrame& frame) {

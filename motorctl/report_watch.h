@@ -57,7 +57,7 @@ class Streams {
     Rhythm rhythm;
     Time first = Time::zero();    // since it began anew
     Time longest = Time::zero();  // between two of them
-    bool turns = false;           // commands: the last one was no zero
+    bool turns = false;           // commands: the last one was not zero
     Finding* missing = nullptr;
     std::int64_t silent_since = 0;
   };

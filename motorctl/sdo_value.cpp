@@ -83,7 +83,7 @@ long long ParseNumber(const std::string& text, const char* what, long long lowes
   errno = 0;
   const long long number = std::strtoll(text.c_str(), &end, hexadecimal ? 16 : 10);
   if (text.empty() || *end != '\0' || digits > 1 || std::isspace(text[0]) != 0) {
-    throw CLI::ValidationError(what, "\"" + text + "\" is no number");
+    throw CLI::ValidationError(what, "\"" + text + "\" is not a number");
   }
   if (errno == ERANGE || number < lowest || number > highest) {
     throw CLI::ValidationError(what, text + " is not between " + std::to_string(lowest) + " and " +

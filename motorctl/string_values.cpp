@@ -38,7 +38,7 @@ Bytes ParseText(std::string_view text, const Units& units) {
       unit = *escaped;
       taken = 2 + 2 * units.bytes;
     } else if (unit < 0x20 || unit > 0x7E) {
-      throw ValueError("a character that is no printable ASCII; write it as \\" +
+      throw ValueError("a character that is not printable ASCII; write it as \\" +
                        std::string(1, units.mark) + std::string(2 * units.bytes, 'N'));
     }
     for (unsigned i = 0; i < units.bytes; ++i) {
@@ -80,7 +80,7 @@ Bytes ParseOctets(std::string_view text) {
   const bool all_hex =
       std::all_of(digits.begin(), digits.end(), [](char c) { return HexDigit(c) >= 0; });
   if (!all_hex || digits.size() % 2 != 0) {
-    throw ValueError('"' + std::string(text) + "\" is no row of hexadecimal bytes");
+    throw ValueError('"' + std::string(text) + "\" is not a row of hexadecimal bytes");
   }
   Bytes bytes;
   for (std::size_t i = 0; i < digits.size(); i += 2) {

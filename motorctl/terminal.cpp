@@ -65,7 +65,7 @@ void Context::Say(const std::string& text) const {
 ExitStatus Context::Ask(bool yes, const std::string& question) const {
   if (yes) return kSuccess;
   if (::isatty(STDIN_FILENO) == 0) {
-    Say("refusing without --yes, for standard input is no terminal: " + question);
+    Say("refusing without --yes, for standard input is not a terminal: " + question);
     return kUsage;
   }
   std::fprintf(stderr, "motorctl: %s [y/N] ", question.c_str());

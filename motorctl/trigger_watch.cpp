@@ -4,6 +4,7 @@
 
 #include <utility>
 
+#include "abort_codes.h"
 #include "decode.h"
 #include "identifiers.h"
 #include "pdo_fields.h"
@@ -19,8 +20,6 @@ constexpr std::uint8_t kResetCommunication = 0x82;
 constexpr unsigned kInitiateWrite = 1;
 constexpr unsigned kInitiateRead = 2;
 constexpr unsigned kAbort = 4;
-constexpr std::uint32_t kNoSuchObject = 0x06020000;
-constexpr std::uint32_t kNoSuchSubIndex = 0x06090011;
 constexpr std::uint16_t kHeartbeatTime = 0x1017;
 
 constexpr auto kSdoTimeout = std::chrono::milliseconds(500);
@@ -109,8 +108,8 @@ void TriggerWatch::HearSdo(Node& node, int id, const BusFrame& frame, Clock::tim
     // To ask a drive whether it has an object is how a host finds out what it can do.
     const auto asked = node.requests.find(object);
     const std::uint32_t code = LittleEndian(frame.data + 4, 4);
-    const bool has_none = !request && asked != node.requests.end() && asked->second.reads &&
-                          (code == kNoSuchObject || code == kNoSuchSubIndex);
+    const bool has_none =
+        !request && asked != node.requests.end() && asked->second.reads && SaysAbsent(code);
     if (asked != node.requests.end()) node.requests.erase(asked);
     // A host gives up a node that was never heard: a scan asks all of them.
     TellMeaning("sdo_abort", id, frame, node.heard && !has_none);

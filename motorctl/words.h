@@ -30,7 +30,7 @@ bool IsErrorCode(std::uint16_t code);
 // Error register (object 0x1001, byte 2 of an emergency message): the names of the bits set.
 std::string ErrorRegisterText(std::uint8_t bits);
 
-// State of the drive that a statusword shows, nullptr when it is none of the eight of CiA 402.
+// State of the drive that a statusword shows, nullptr when it is not one of the eight of CiA 402.
 const char* FindState(std::uint16_t statusword);
 // State, then the bits set besides: "Operation enabled; voltage enabled, remote".
 std::string StatuswordText(std::uint16_t statusword, const Make* make = nullptr);

@@ -34,7 +34,7 @@ class CanSocket {
 
   /// Without being told to.
   static bool HearsByDefault(std::uint32_t id);
-  /// Listens to these identifiers too, and no more to those of an earlier call. No frame is lost
+  /// Listens to these identifiers too, and no longer to those of an earlier call. No frame is lost
   /// meanwhile. Throws std::system_error.
   void ListenTo(const std::vector<std::uint32_t>& ids);
 

@@ -142,7 +142,8 @@ int Run(int argc, char** argv) {
       "Makes:\n" + MakeList("  ") + "\n\n" + sim::FaultHelp() +
       "\nRuns until SIGINT or SIGTERM. SIGUSR1 presses the emergency stop, SIGUSR2 releases "
       "it.\n--replay ends by itself.\nExit status: 0 ended by signal, or replayed to the end; 1 "
-      "failed, or the host did not do what the recorded one did; 2 wrong usage.");
+      "failed, a replay was ended by signal, or the host did not do what the recorded one did; 2 "
+      "wrong usage.");
   app.add_option("--interface", options.interface, "CAN interface, for instance can1")
       ->type_name("NAME");
   app.add_option("--make", options.make, "make of the drives, see below")->type_name("MAKE");

@@ -18,7 +18,6 @@ enum class AbortCode : std::uint32_t {
   kToggle = 0x05030000,
   kTimedOut = 0x05040000,
   kUnknownCommand = 0x05040001,
-  kUnsupportedAccess = 0x06010000,
   kWriteOnly = 0x06010001,
   kReadOnly = 0x06010002,
   kNoObject = 0x06020000,
@@ -65,7 +64,7 @@ class Object {
     mappable_ = true;
     return *this;
   }
-  /// Changes all the while that the motor turns, so that a change is no event for a PDO.
+  /// Changes all the while that the motor turns, so that a change is not an event for a PDO.
   Object& Continuous() {
     continuous_ = true;
     return *this;

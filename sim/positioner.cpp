@@ -60,7 +60,7 @@ std::int64_t Positioner::Speed(const Motor& motor, std::int64_t limit_urpm,
 
 void Positioner::Arrive(Motor& motor, std::uint32_t ramp) {
   if (!moving_) return;
-  // Passing the target at a speed that the ramp cannot take away is no arrival.
+  // Passing the target at a speed that the ramp cannot take away is not an arrival.
   const double way = StepWay(motor);
   const double stopping =
       Rpm(motor) * Rpm(motor) / (kTwiceSecondsPerMinute * ramp) * motor.counts_per_revolution();

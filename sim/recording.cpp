@@ -53,7 +53,7 @@ std::string Shown(std::string_view line) {
   std::string text(line.substr(0, kShown));
   const bool is_text = std::all_of(text.begin(), text.end(),
                                    [](char c) { return c == '\t' || (c >= 0x20 && c < 0x7F); });
-  return is_text ? "\"" + text + (line.size() > kShown ? "..." : "") + "\"" : "what is no text";
+  return is_text ? "\"" + text + (line.size() > kShown ? "..." : "") + "\"" : "what is not text";
 }
 
 class Reader {

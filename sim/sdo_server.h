@@ -43,7 +43,7 @@ bool IsSegment(const SdoBytes& reply);
 /// drive it aborts a transfer that begins while another one is open: who gives one up has to say so.
 class SdoServer {
  public:
-  /// A client that is silent for so long in the midst of a transfer is told that it ended.
+  /// A client that is silent for so long in the middle of a transfer is told that it ended.
   static constexpr Time kTimeout{1'000'000};
 
   /// `index_offset`: what clients of this channel add to every index.

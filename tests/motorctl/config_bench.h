@@ -20,8 +20,6 @@ inline std::string ReadText(const std::string& file) {
   return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
 }
 
-inline bool Exists(const std::string& file) { return ::access(file.c_str(), F_OK) == 0; }
-
 // The text without the one line that differs by itself.
 inline std::string WithoutTime(std::string text) {
   const std::size_t begin = text.find("\ntime: ");

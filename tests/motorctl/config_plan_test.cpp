@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "config_pdo.h"
+
 namespace motorctl {
 namespace {
 
@@ -162,6 +164,16 @@ TEST(ConfigPlan, WritesNodeIdAndBitRateOnlyWhenTold) {
     EXPECT_EQ(Writes(PlanRestore(drive, file, {})), Texts()) << name;
     EXPECT_EQ(Writes(PlanRestore(drive, file, {true})), Texts{"2F00:00=02"}) << name;
   }
+}
+
+TEST(ConfigPdo, IsHeardAtTheIdentifierOfItsCobId) {
+  EXPECT_EQ(IdentifierOf(0x201), 0x201U);
+  EXPECT_EQ(IdentifierOf(0x7FF), 0x7FFU);
+  EXPECT_EQ(IdentifierOf(0x40000201), 0x201U);  // without remote requests
+  EXPECT_EQ(IdentifierOf(0x80000201), std::nullopt);
+  EXPECT_EQ(IdentifierOf(0x20000201), std::nullopt);
+  EXPECT_EQ(IdentifierOf(0x800), std::nullopt);
+  EXPECT_EQ(IdentifierOf(0), std::nullopt);
 }
 
 TEST(ConfigPlan, MovesIdentifiersToAnotherNode) {

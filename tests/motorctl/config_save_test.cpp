@@ -174,7 +174,7 @@ TEST_F(SaveTest, NamesAFileThatCannotBeWritten) {
   };
   EXPECT_EQ(save("/absent/file").status, 1);
   EXPECT_TRUE(Contains(save("/absent/file").err, "/absent/file: No such file"));
-  EXPECT_TRUE(Contains(save("/dev/null").err, "/dev/null: is no regular file"));
+  EXPECT_TRUE(Contains(save("/dev/null").err, "/dev/null: is not a regular file"));
   Process full({"config", "save", "1", "--eds", EdsOf("tt")}, Output::kFile);
   EXPECT_EQ(full.Wait(), 0);
 }

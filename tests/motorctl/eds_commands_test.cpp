@@ -80,11 +80,11 @@ TEST_F(EdsCommandsTest, WhatTheSheetForbidsIsNotSent) {
       {{"0x200F", "0", "u8", "1"},
        In("0x200F sub 0 (Motors coupled): size 1, but UNSIGNED16 of size 2")},
       {{"0x200F", "0", "65536"}, "VALUE: 65536 is not between 0 and 65535; see --help\n"},
-      {{"0x605A", "0", "x"}, "VALUE: \"x\" is no number; see --help\n"},
+      {{"0x605A", "0", "x"}, "VALUE: \"x\" is not a number; see --help\n"},
       {{"0x5FFF", "0", "5"}, "VALUE is required; see --help\n"},
       {{"0x605A", "0", "u7", "5"}, "TYPE: one of u8 i8 u16 i16 u32 i32 hex str; see --help\n"},
       {{"0x2030", "0", "a\tb"},
-       "VALUE: a character that is no printable ASCII; write it as \\xNN; see --help\n"},
+       "VALUE: a character that is not printable ASCII; write it as \\xNN; see --help\n"},
   };
   for (const Row& row : rows) {
     Arguments all = {"sdo", "write", "1"};

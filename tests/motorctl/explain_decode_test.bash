@@ -27,7 +27,7 @@ is_printed '{"code":"0xABCD","readings":[]}'
 # Nothing is explained when a part of the question makes no sense.
 expect 2 "$("$motorctl" explain hello 2>&1 || true)" explain 0x3210 hello
 is_printed ''
-grep -q '"hello" is no code' err || fail 'usage text'
+grep -q '"hello" is not a code' err || fail 'usage text'
 expect 2 'motorctl: CODE is required; see --help' explain
 
 for make in zl tt hls amps kinco; do

@@ -13,6 +13,8 @@
 #include <thread>
 #include <vector>
 
+#include "eventually.h"
+
 namespace {
 
 using std::chrono::milliseconds;
@@ -82,12 +84,12 @@ TEST_F(NotifyTest, IsSilentWhileAWheelTurnsOnAStaleCommand) {
     std::this_thread::sleep_for(milliseconds(5));
   }
   EXPECT_GE(Arrived().size(), 5U);
-  while (!wheels_->GetReport().command_stale) std::this_thread::sleep_for(milliseconds(1));
+  ASSERT_TRUE(support::Eventually([&] { return wheels_->GetReport().command_stale; }));
   // It takes 2 s to stand.
   std::this_thread::sleep_for(milliseconds(20));
   EXPECT_EQ(Heard(milliseconds(500)), std::vector<std::string>());
-  // What stands is no danger.
-  while (wheels_->GetWheel(0).target_rpm != 0) std::this_thread::sleep_for(milliseconds(10));
+  // What stands is harmless.
+  ASSERT_TRUE(support::Eventually([&] { return wheels_->GetWheel(0).target_rpm == 0; }));
   EXPECT_GE(Heard(milliseconds(500)).size(), 4U);
 }
 

@@ -77,7 +77,7 @@ TEST_F(RecordReportTest, NamesTheFaultAndWhatWasCommandedBefore) {
   EXPECT_TRUE(Contains(Text(table), ",left,1,1,30.00,"));
 }
 
-// Set-ups, restarts and ends that are in order are no anomalies. What is late is the machine's.
+// Set-ups, restarts and ends that are in order are not anomalies. What is late is the machine's.
 TEST_F(RecordReportTest, FindsNothingWrongInAWholeLifeOfAVehicle) {
   const sim::SimulatedDrive drive(Options("zl"));
   Process recorder(Recording({"--vehicle", vehicle_}));

@@ -176,7 +176,7 @@ TEST_F(RecordTest, SaysWhatToDoAboutBadInput) {
   EXPECT_TRUE(Contains(place.err, "; name another place with --directory\n")) << place.err;
   const Result other = Motorctl({"record", "--interface", "lo", "--directory", directory_});
   EXPECT_EQ(other.status, 1);
-  EXPECT_EQ(other.err, "motorctl: cannot record lo: it is no CAN interface\n");
+  EXPECT_EQ(other.err, "motorctl: cannot record lo: it is not a CAN interface\n");
 }
 
 }  // namespace

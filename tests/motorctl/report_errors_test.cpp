@@ -39,7 +39,7 @@ TEST(ReportErrorsTest, SaysWhatIsWrongWithALogThatHoldsNothing) {
   EXPECT_EQ(refusal(std::string("\x7f"
                                 "ELF\x02\x00\x01\n\x03\x04",
                                 11)),
-            std::string("DIR/log:1: is no text") + kRead);
+            std::string("DIR/log:1: is not text") + kRead);
   EXPECT_EQ(refusal("\nNov 22 01:00:00 host kernel: eth0 up\nNov 22 01:00:01 host\n"),
             std::string("DIR/log:2: no frame in it, nor in the other lines: \"Nov 22 01:00:00 host "
                         "kernel: eth0 up\"") +

@@ -133,7 +133,7 @@ TEST(ReportWheelsTest, TakesTargetsThatAreWritten) {
       (Lines{"  node 1: 2 commands, at most 60.0 rpm, the last one 0.0 rpm at +0.100"}));
 }
 
-// A drive that restarts counts from zero again: that is no speed.
+// A drive that restarts counts from zero again: that is not a speed.
 TEST(ReportWheelsTest, BeginsAnewAfterABootUpAndAfterAGap) {
   const std::string log =
       LogOf({"0.0 181#00001000", "0.1 181#00101000", "0.15 701#00", "0.2 181#00000000",

@@ -242,7 +242,7 @@ TEST_F(ErrorReportTest, TheHistoryKeepsEightErrorsNewestFirst) {
   LatchAndReset(0x2310);
   LatchAndReset(0x3210);
   EXPECT_EQ(After("601#4003100000000000"), Texts{"581#4F03100002000000"});
-  EXPECT_EQ(History(), (Texts{"10320000", "10230000"})) << "a reset is no error";
+  EXPECT_EQ(History(), (Texts{"10320000", "10230000"})) << "a reset is not an error";
   for (std::uint16_t code = 0x1001; code <= 0x1008; ++code) LatchAndReset(code);
   EXPECT_EQ(History(), (Texts{"08100000", "07100000", "06100000", "05100000", "04100000",
                               "03100000", "02100000", "01100000"}));

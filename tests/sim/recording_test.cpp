@@ -81,9 +81,9 @@ TEST(RecordingTest, TellsWhatIsNoSuchLog) {
   EXPECT_EQ(WhyNot(std::string("\x7f"
                                "ELF\x02\x01\x01\n",
                                8)),
-            "bus.log:1: no frame as candump -L -x writes it, but what is no text");
+            "bus.log:1: no frame as candump -L -x writes it, but what is not text");
   EXPECT_EQ(WhyNot(std::string(100'000, '\xAA')),
-            "bus.log:1: no frame as candump -L -x writes it, but what is no text");
+            "bus.log:1: no frame as candump -L -x writes it, but what is not text");
 }
 
 // By a recorder that was killed, or a disk that was full.

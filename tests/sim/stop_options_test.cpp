@@ -39,7 +39,7 @@ TEST_F(StopTest, TheStatuswordTellsRemoteAlwaysAndTargetReachedWhileEnabled) {
   WriteAll({"601#2B40600006000000"});
   EXPECT_EQ(Status(), 0x231);
   Advance(1000);
-  EXPECT_EQ(Status(), 0x231) << "rest is no target here";
+  EXPECT_EQ(Status(), 0x231) << "rest is not a target here";
 }
 
 TEST_F(StopTest, HaltSlowsDownWithTheDecelerationAndGoesOnWhenItIsTakenBack) {
