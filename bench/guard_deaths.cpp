@@ -34,7 +34,7 @@ constexpr milliseconds kFresh{200};
 constexpr milliseconds kDriveWatchdog{200};
 // What docs/guards.md promises: of a guard from the end of its host.
 constexpr milliseconds kGuardBegins{20};
-// The timers and the frame's way, which are no part of a promise that counts in cycles.
+// The timers and the frame's way, which are not part of a promise that counts in cycles.
 constexpr milliseconds kOnTheWay{1};
 
 double Ms(Clock::duration time) { return std::chrono::duration<double, std::milli>(time).count(); }

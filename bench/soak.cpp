@@ -146,7 +146,7 @@ class Host {
 
  private:
   void Command() {
-    std::array<double, kNodes> rpm;
+    std::array<double, kNodes> rpm{};
     rpm.fill(rpm_);
     ++(wheels_.Command(rpm.data(), rpm.size()) ? taken_ : refused_);
   }

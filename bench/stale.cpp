@@ -26,7 +26,7 @@ constexpr std::uint32_t kCommandOfNode1 = 0x201;
 constexpr auto kSteady = milliseconds(100);
 constexpr auto kPatience = std::chrono::seconds(5);
 constexpr auto kLooksEvery = microseconds(200);
-// The host's timer and the frame's way, which are no part of the promise.
+// The host's timer and the frame's way, which are not part of the promise.
 constexpr double kOnTheWayUs = 1'000;
 
 double Us(Clock::duration time) { return std::chrono::duration<double, std::micro>(time).count(); }

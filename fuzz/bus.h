@@ -33,7 +33,7 @@ class FarEnd {
 
  private:
   int socket_;
-  sem_t flushed_;
+  sem_t flushed_ = {};
 };
 
 }  // namespace fuzz

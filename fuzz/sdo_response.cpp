@@ -71,8 +71,8 @@ class Server {
   }
 
   fuzz::FarEnd& far_end_;
-  sem_t begin_;
-  sem_t done_;
+  sem_t begin_ = {};
+  sem_t done_ = {};
   const std::vector<CanFrame>* answers_ = nullptr;
   CanFrame request_ = {};
   std::thread thread_;

@@ -64,7 +64,7 @@ class ClosedLoop {
     return make_.motors == 2 ? driver_->SetSpeed(kNode, rpm, -rpm) : driver_->SetSpeed(kNode, rpm);
   }
 
-  // One reading of each motor; false when the frame was no position report of the node.
+  // One reading of each motor; false when the frame was not a position report of the node.
   bool Read(double (&rpm)[2]) {
     std::uint8_t node = 0;
     int counts[2] = {};

@@ -103,7 +103,7 @@ TEST_F(DriverCanBus, OwnFramesReachNeitherItselfNorItsNeighbours) {
   bus::FarEnd neighbour("can0");
   EXPECT_TRUE(Write(can_, "123#01"));
   EXPECT_TRUE(far_end_.WaitFrames(1));
-  // What comes from the far end and from the neighbour is heard: the silence above is no deafness.
+  // What comes from the far end and from the neighbour is heard: the silence above is not deafness.
   far_end_.Send("181#02");
   neighbour.Send("182#03");
   EXPECT_EQ(Take(can_, 2), (Texts{"181#02", "182#03"}));

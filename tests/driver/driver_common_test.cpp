@@ -355,7 +355,7 @@ TEST_F(DriverCommonTest, GetTpdo0PeriodReadsTheEventTimer) {
   far_end.Expect("601#4000180500000000").Reply("581#430018053412FFFF");
   EXPECT_EQ(driver.GetTpdo0Period(1), 0x1234) << "the low 16 bits";
   far_end.Expect("601#4000180500000000").Reply("581#8000180511000906");
-  EXPECT_EQ(driver.GetTpdo0Period(1), 0) << "an abort code is no period";
+  EXPECT_EQ(driver.GetTpdo0Period(1), 0) << "an abort code is not a period";
   EXPECT_EQ(capture.Out(), "");
 }
 

@@ -13,7 +13,7 @@ class KincoFirstReadingTest : public bus::BusTest {};
 TEST_F(KincoFirstReadingTest, StartsFromZero) {
   bus::FarEnd far_end;
   KincoDriver driver("can0", 10000);
-  // A frame of another node is no reading.
+  // A frame of another node is not a reading.
   Queue(driver, far_end, {"185#00000100", "182#E8030000", "182#E8030000"});
   std::uint8_t node = 0;
   double rpm = 0;

@@ -22,7 +22,7 @@ TEST_F(KincoSupervisionTest, NothingIsSaidWhileAllIsWell) {
   NotedDriver driver;
   EXPECT_EQ(Pass(driver), "");
   EXPECT_EQ(Pass(driver, {kNode1 + kReadyStatus, kNode2 + "102318000000"}), "")
-      << "an error is no emergency";
+      << "an error is not an emergency";
   EXPECT_TRUE(driver.resets.empty());
 }
 

@@ -37,7 +37,7 @@ struct PositionReports {
   std::uint32_t last_id;
   std::size_t offset;  // of the first position, in bytes
   double counts_per_revolution;
-  bool true_for_others;  // the answer to a frame that is no position report
+  bool true_for_others;  // the answer to a frame that is not a position report
 };
 
 struct Make {

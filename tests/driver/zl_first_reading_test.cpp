@@ -13,7 +13,7 @@ class ZlFirstReadingTest : public bus::BusTest {};
 TEST_F(ZlFirstReadingTest, StartsFromZero) {
   bus::FarEnd far_end;
   ZlDriver driver("can0");
-  // A frame of another node is no reading.
+  // A frame of another node is not a reading.
   Queue(driver, far_end, {"182#0100000001000000", "181#00000100000000C0", "181#00000100001000C0"});
   std::uint8_t node = 0;
   double rpm1 = 0;

@@ -35,7 +35,7 @@ UsageErrorsExitWith2() {
   "$with_can" --kernel minix true 2>/dev/null
   check "unknown kernel: status" 2 $?
   "$with_can" --timeout soon true 2>/dev/null
-  check "time limit that is no number: status" 2 $?
+  check "time limit that is not a number: status" 2 $?
   "$with_can" --timeout 2>/dev/null
   check "time limit missing: status" 2 $?
   text=$("$with_can" --help)

@@ -97,11 +97,7 @@ TEST_P(DriveWatchdogTest, StopsTheWheelsOfAComputerThatIsCutOff) {
     EXPECT_EQ(wheels.GetReport().fault, Fault::kDriveError) << wheels.GetReport().reason;
   }
   bus::Command("tc qdisc del dev can0 root");
-  bool cleared = false;
-  for (int attempt = 0; attempt < 3 && !cleared; ++attempt) {
-    cleared = wheels.Clear();
-  }
-  ASSERT_TRUE(cleared) << wheels.GetReport().reason;
+  ASSERT_TRUE(Cleared(wheels)) << wheels.GetReport().reason;
   const Commanding host(wheels, 60);
   EXPECT_TRUE(TurnsAt(drives, 60)) << wheels.GetReport().reason;
 }

@@ -163,11 +163,7 @@ class FaultMatrixTest : public WheelsTest, public ::testing::WithParamInterface<
       if (cell_.fault->bus_works) {
         wire::ExpectLastSpeedsZero(scene.make, TwoNodes(), so_far);
       }
-      bool cleared = false;
-      for (int attempt = 0; attempt < 3 && !cleared; ++attempt) {
-        cleared = wheels.Clear();
-      }
-      EXPECT_TRUE(cleared) << wheels.GetReport().reason;
+      EXPECT_TRUE(Cleared(wheels)) << wheels.GetReport().reason;
     }
     EXPECT_TRUE(Turns(scene, wheels)) << wheels.GetReport().reason;
   }

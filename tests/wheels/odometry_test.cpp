@@ -34,13 +34,12 @@ class Line {
         odometry(counts_per_revolution, milliseconds(period_ms)) {}
 
   // Periods of the drive that last longer, or shorter, than the host thinks.
-  void SetClock(double factor) { clock_ = factor; }
   void TurnAt(double rpm) { rpm_ = rpm; }
 
   // A period passes. The report is sent at its end.
   void Pass() {
     ++sent_;
-    counts_ += rpm_ / 60'000 * counts_per_revolution_ * period_ms_ * clock_;
+    counts_ += rpm_ / 60'000 * counts_per_revolution_ * period_ms_;
   }
   // The report of now arrives, late by a part of a period.
   void Report(double late = 0) { Arrive(counter(), late); }
@@ -51,7 +50,7 @@ class Line {
     }
   }
   void Arrive(std::uint32_t counts, double late = 0) {
-    odometry.Add(counts, At((sent_ * clock_ + late) * period_ms_));
+    odometry.Add(counts, At((sent_ + late) * period_ms_));
   }
 
   std::uint32_t counter() const {
@@ -60,13 +59,12 @@ class Line {
   double revolutions() const {
     return static_cast<double>(std::llround(counts_)) / counts_per_revolution_;
   }
-  Clock::time_point now() const { return At(sent_ * clock_ * period_ms_); }
+  Clock::time_point now() const { return At(sent_ * period_ms_); }
 
  private:
   double counts_per_revolution_;
   double period_ms_;
   std::uint32_t first_;
-  double clock_ = 1;
   double rpm_ = 0;
   double sent_ = 0;
   double counts_ = 0;

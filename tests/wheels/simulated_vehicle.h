@@ -57,7 +57,6 @@ class SimulatedDrives {
     drives_[Index(node)] = std::make_unique<sim::SimulatedDrive>(options);
   }
   void Unplug(int node) { drives_[Index(node)].reset(); }
-  bool IsPluggedIn(int node) const { return drives_[node - 1] != nullptr; }
 
   sim::SimulatedDrive& operator[](int node) { return *drives_[Index(node)]; }
 
