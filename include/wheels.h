@@ -48,8 +48,7 @@ struct WheelReport {
   double revolutions = 0;   ///< of the wheel since bring-up, signed, never wraps
   std::chrono::steady_clock::time_point measured_at;  ///< arrival of the latest position report
   std::uint32_t lost_reports = 0;                     ///< whole periods without one
-  std::uint16_t error_code =
-      0;  ///< of the status PDO (0x603F); tt, amps: of the last emergency message
+  std::uint16_t error_code = 0;  ///< of the status PDO (0x603F); tt, amps: of the last emergency
 };
 
 /// The vehicle, as it is now.
