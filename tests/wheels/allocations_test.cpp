@@ -32,9 +32,8 @@ namespace {
 
 using motor_driver::State;
 using motor_driver::Wheels;
-using two_wheels::DriveMake;
 
-class AllocationsTest : public FaultTest, public ::testing::WithParamInterface<DriveMake> {};
+class AllocationsTest : public FaultTest, public ::testing::WithParamInterface<tested::Make> {};
 
 TEST_P(AllocationsTest, CommandAndGetWheelTakeNoMemory) {
   const two_wheels::Drives drives(GetParam());
@@ -63,7 +62,7 @@ TEST_P(AllocationsTest, CommandAndGetWheelTakeNoMemory) {
   EXPECT_EQ(allocations, before + 1) << "what is counted is what is taken";
 }
 
-INSTANTIATE_TEST_SUITE_P(EveryMake, AllocationsTest, ::testing::ValuesIn(two_wheels::DriveMakes()),
+INSTANTIATE_TEST_SUITE_P(EveryMake, AllocationsTest, ::testing::ValuesIn(tested::Makes()),
                          [](const auto& tested) { return tested.param.name; });
 
 }  // namespace

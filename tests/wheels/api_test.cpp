@@ -23,12 +23,10 @@ using motor_driver::VehicleError;
 using motor_driver::WheelReport;
 using motor_driver::Wheels;
 using std::chrono::milliseconds;
-using two_wheels::DriveMake;
-using two_wheels::DriveMakes;
 using two_wheels::Drives;
 using two_wheels::VehicleOf;
 
-const DriveMake& Zl() { return DriveMakes()[0]; }
+const tested::Make& Zl() { return tested::Makes()[0]; }
 
 Vehicle Fake() {
   Vehicle vehicle;

@@ -10,12 +10,11 @@
 namespace {
 
 using std::chrono::milliseconds;
-using two_wheels::DriveMake;
 
-class OdometryBusTest : public FaultTest, public ::testing::WithParamInterface<DriveMake> {};
+class OdometryBusTest : public FaultTest, public ::testing::WithParamInterface<tested::Make> {};
 
 TEST_P(OdometryBusTest, CountsEveryRevolutionWhateverTheBusDoesToReports) {
-  const DriveMake& make = GetParam();
+  const tested::Make& make = GetParam();
   two_wheels::Drives drives(make);
   motor_driver::Vehicle vehicle = two_wheels::VehicleOf(make);
   // Slow machines are not fault here.
@@ -59,7 +58,7 @@ TEST_P(OdometryBusTest, CountsEveryRevolutionWhateverTheBusDoesToReports) {
       const auto counts =
           static_cast<std::int32_t>(static_cast<std::uint32_t>(drives.Position(wheel)) -
                                     static_cast<std::uint32_t>(begin[wheel]));
-      const double motor = make.direction * counts / make.counts_per_revolution;
+      const double motor = make.sign * counts / make.reports.counts_per_revolution;
       way[wheel] = wheel == 0 ? motor : -motor / 2.5;
       EXPECT_NEAR(wheels.GetWheel(wheel).revolutions, way[wheel], 1e-9) << wheel << ", " << rpm;
       EXPECT_TRUE(rpm != 90 || (wheel == 0 ? way[0] > 0.2 : way[1] < -0.2)) << way[wheel];
@@ -69,7 +68,7 @@ TEST_P(OdometryBusTest, CountsEveryRevolutionWhateverTheBusDoesToReports) {
   EXPECT_GT(wheels.GetWheel(0).lost_reports + wheels.GetWheel(1).lost_reports, 0U);
 }
 
-INSTANTIATE_TEST_SUITE_P(EveryMake, OdometryBusTest, ::testing::ValuesIn(two_wheels::DriveMakes()),
+INSTANTIATE_TEST_SUITE_P(EveryMake, OdometryBusTest, ::testing::ValuesIn(tested::Makes()),
                          [](const auto& tested) { return tested.param.name; });
 
 }  // namespace

@@ -23,7 +23,6 @@ using motor_driver::State;
 using motor_driver::Vehicle;
 using motor_driver::Wheels;
 using std::chrono::milliseconds;
-using two_wheels::DriveMake;
 
 std::set<int> ThreadsOfThisProcess() {
   std::set<int> threads;
@@ -54,7 +53,7 @@ Scheduled NewThreads(const std::set<int>& before, int priority) {
   return seen;
 }
 
-class RealtimeTest : public FaultTest, public ::testing::WithParamInterface<DriveMake> {};
+class RealtimeTest : public FaultTest, public ::testing::WithParamInterface<tested::Make> {};
 
 TEST_P(RealtimeTest, TheThreadsThatCarryMotionHaveItAfterARecoveryToo) {
   const bool supervised = GetParam().name == "kinco";
@@ -85,7 +84,7 @@ TEST_P(RealtimeTest, TheThreadsThatCarryMotionHaveItAfterARecoveryToo) {
   expect_scheduled("after a recovery");
 }
 
-INSTANTIATE_TEST_SUITE_P(EveryMake, RealtimeTest, ::testing::ValuesIn(two_wheels::DriveMakes()),
+INSTANTIATE_TEST_SUITE_P(EveryMake, RealtimeTest, ::testing::ValuesIn(tested::Makes()),
                          [](const auto& tested) { return tested.param.name; });
 
 class RefusedRealtimeTest : public FaultTest {};
@@ -110,7 +109,7 @@ TEST_F(RefusedRealtimeTest, APriorityThatTheSystemRefusesFailsTheBringUpAndSaysW
   EXPECT_EQ(OfAnOrdinaryUser([] {
               bus::FarEnd far_end;
               far_end.ExpectSilence();
-              Vehicle vehicle = two_wheels::VehicleOf(two_wheels::DriveMakes()[0]);
+              Vehicle vehicle = two_wheels::VehicleOf(tested::Makes()[0]);
               vehicle.realtime_priority = 31;
               Wheels wheels(vehicle);
               std::string text = wheels.BringUp() ? "up\n" : "refused\n";
@@ -129,7 +128,7 @@ TEST_F(RefusedRealtimeTest, APriorityThatTheSystemRefusesFailsTheBringUpAndSaysW
 
 TEST_F(RefusedRealtimeTest, WithoutAPriorityAnOrdinaryUserMayDrive) {
   EXPECT_EQ(OfAnOrdinaryUser([] {
-              const DriveMake& zl = two_wheels::DriveMakes()[0];
+              const tested::Make& zl = tested::Makes()[0];
               const two_wheels::Drives drives(zl);
               Wheels wheels(two_wheels::VehicleOf(zl));
               return std::string(BroughtUp(wheels) ? "up\n" : "refused\n");

@@ -17,9 +17,8 @@ using motor_driver::Vehicle;
 using motor_driver::WheelReport;
 using motor_driver::Wheels;
 using std::chrono::milliseconds;
-using two_wheels::DriveMake;
 
-class ThreadsTest : public FaultTest, public ::testing::WithParamInterface<DriveMake> {};
+class ThreadsTest : public FaultTest, public ::testing::WithParamInterface<tested::Make> {};
 
 TEST_P(ThreadsTest, CommandAndReportsGoOnWhileOthersBringUpStopAndClear) {
   two_wheels::Drives drives(GetParam());
@@ -80,8 +79,7 @@ TEST_P(ThreadsTest, CommandAndReportsGoOnWhileOthersBringUpStopAndClear) {
 }
 
 INSTANTIATE_TEST_SUITE_P(OneOrTwoNodes, ThreadsTest,
-                         ::testing::Values(two_wheels::DriveMakes()[0],
-                                           two_wheels::DriveMakes()[4]),
+                         ::testing::Values(tested::Makes()[0], tested::Makes()[4]),
                          [](const auto& tested) { return tested.param.name; });
 
 }  // namespace

@@ -13,6 +13,7 @@
 
 #include "brought_up.h"
 #include "eventually.h"
+#include "makes.h"
 #include "sim/simulated_drive.h"
 
 using support::Eventually;
@@ -22,27 +23,9 @@ namespace two_wheels {
 using motor_driver::Vehicle;
 using motor_driver::Wheels;
 
-struct DriveMake {
-  std::string name;
-  double counts_per_revolution;
-  int direction;  // -1: the encoder counts against the commanded speed
-  int motors;     // of a node
-};
-
-inline void PrintTo(const DriveMake& make, std::ostream* out) { *out << make.name; }
-
-inline const std::vector<DriveMake>& DriveMakes() {
-  static const std::vector<DriveMake> makes = {{"zl", 4096, 1, 2},
-                                               {"tt", 32768, 1, 1},
-                                               {"hls", 131072, -1, 1},
-                                               {"amps", 4096, 1, 1},
-                                               {"kinco", 10000, 1, 1}};
-  return makes;
-}
-
 // Both motors of node 1 where it has two, otherwise those of nodes 1 and 2; the right one mirrored
 // and geared down.
-inline Vehicle VehicleOf(const DriveMake& make) {
+inline Vehicle VehicleOf(const tested::Make& make) {
   Vehicle vehicle;
   vehicle.make = make.name;
   const bool both = make.motors == 2;
@@ -54,9 +37,9 @@ inline Vehicle VehicleOf(const DriveMake& make) {
 
 class Drives {
  public:
-  explicit Drives(const DriveMake& make) {
+  explicit Drives(const tested::Make& make) {
     for (const int node : {1, 2}) {
-      if (node <= 2 / make.motors) {
+      if (static_cast<std::size_t>(node) <= 2 / make.motors) {
         sim::SimulatedDrive::Options options;
         options.make = make.name;
         options.node_id = static_cast<std::uint8_t>(node);
