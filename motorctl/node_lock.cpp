@@ -42,11 +42,12 @@ std::vector<int> Once(std::vector<int> nodes) {
 
 NodeLock::NodeLock(const std::string& interface, const std::vector<int>& nodes,
                    const std::string& name, const std::string& taken) {
+  const std::string names = "motor-driver-" + name + "/" + interface + "/";
   for (const int node : nodes) {
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     // The first byte stays 0.
-    const std::string path = "motor-driver-" + name + "/" + interface + "/" + std::to_string(node);
+    const std::string path = names + std::to_string(node);
     std::copy(path.begin(), path.end(), address.sun_path + 1);
     const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + path.size());
     const int socket = Socket();
@@ -61,8 +62,10 @@ NodeLock::NodeLock(const std::string& interface, const std::vector<int>& nodes,
       throw std::system_error(failure, std::generic_category(), "lock of a node");
     }
     const pid_t holder = HolderOf(address, size);
-    throw CommandFailed("node " + std::to_string(node) + " on " + interface + " " + taken +
-                        (holder > 0 ? ", by process " + std::to_string(holder) : ""));
+    std::string failed = "node " + std::to_string(node);
+    failed.append(" on ").append(interface).append(" ").append(taken);
+    if (holder > 0) failed.append(", by process ").append(std::to_string(holder));
+    throw CommandFailed(failed);
   }
 }
 

@@ -99,7 +99,7 @@ bool IsOfAWheel(const KeptFrame& frame, const Make& make) {
 // As the vehicle has them, then others that were commanded or report a position.
 void FindWheels(const ReportLog& log, const ReportSetup& setup, Report& report) {
   for (const motor_driver::Wheel& wheel : setup.vehicle.wheels) {
-    report.wheels.push_back(WheelReport());
+    report.wheels.emplace_back();
     report.wheels.back().wheel = wheel;
     report.wheels.back().wheel.name = Visible(wheel.name);
   }
