@@ -2,7 +2,7 @@
 # simulated drives, and what is expected of both. The caller sets test_case, example and simulator.
 # shellcheck shell=bash disable=SC2034,SC2154
 
-scratch=$(mktemp -d)
+scratch=$(mktemp -d -p /dev/shm)  # named pipes can be made there in every guest of with-can
 readonly scratch
 
 # Hosts and drives go before what is started to look at them, where that is allowed.
