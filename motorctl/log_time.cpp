@@ -62,8 +62,7 @@ std::string SecondsText(std::int64_t nanoseconds, bool sign) {
   const std::int64_t half = nanoseconds < 0 ? -kShown / 2 : kShown / 2;
   const std::int64_t rounded = (nanoseconds + half) / kShown;  // to milliseconds
   char text[32];
-  std::snprintf(text, sizeof(text), sign ? "%+.3f" : "%.3f",
-                static_cast<double>(rounded) / 1000.0);
+  std::snprintf(text, sizeof(text), sign ? "%+.3f" : "%.3f", static_cast<double>(rounded) / 1000.0);
   return text;
 }
 
