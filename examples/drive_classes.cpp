@@ -2,7 +2,7 @@
 // for whole vehicles does otherwise (docs/wheels.md) is then theirs:
 //   - zero target velocity, confirmed, before anything is enabled: drives keep what a host that
 //     crashed commanded last
-//   - a set-up with failed writes is none
+//   - a set-up with failed writes has failed: nothing may be driven after it
 //   - in every cycle: does the transport work, did reports and heartbeats come? There is no watchdog
 //   - whatever ended the motion: zero, again and again, until the wheels were measured to stand
 //   - no cycle may wait for what a person sees: a terminal that is held holds printf() too

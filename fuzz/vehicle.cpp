@@ -1,6 +1,6 @@
 // The file of a vehicle: whatever it holds, loading ends with a vehicle that the rules allow, or
-// with one line that begins with the file and, except for a file that is not a vehicle at all, a place
-// in it.
+// with one line that begins with the file and, unless it is not the file of a vehicle at all, a
+// place in it.
 #include <sys/mman.h>
 #include <unistd.h>
 #include <vehicle.h>

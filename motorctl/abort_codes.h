@@ -1,4 +1,4 @@
-// Abort codes of SDO transfers (CiA 301) on which something depends. The words for all of them are in
+// Abort codes of SDO transfers (CiA 301) on which something depends. The words for all are in
 // codes.cpp.
 #pragma once
 

@@ -27,7 +27,7 @@ inline std::optional<std::uint16_t> PdoOf(std::uint16_t index) {
   return std::nullopt;
 }
 
-// Where a PDO with this COB-ID is heard; nothing when it is not in use or has an extended identifier.
+// Where a PDO with this COB-ID is heard; nothing when it is not in use or its identifier is extended.
 inline std::optional<std::uint32_t> IdentifierOf(std::uint32_t cob_id) {
   constexpr std::uint32_t kNoRemoteRequest = 0x40000000;
   constexpr std::uint32_t kHighest = 0x7FF;

@@ -165,8 +165,9 @@ ConfigObject ReadObject(Mapping mapping) {
     for (const char* access : {"ro", "wo", "rw", "rwr", "rww", "const"}) {
       known = known || object.access == access;
     }
-    if (!known)
+    if (!known) {
       mapping.Fail(InQuotes(object.access) + " is not one of ro, wo, rw, rwr, rww, const");
+    }
   }
   object.is_volatile = mapping.Flag("volatile");
   object.name = Printable(mapping.Text("name").value_or(""));

@@ -232,10 +232,9 @@ void AddSdo(CLI::App& app, Context& context) {
   write->add_option(
       "VALUE", write_options->value,
       "decimal, or hexadecimal with 0x; hex: two digits for each byte; str: as it is");
-  write->add_flag(
-      "--yes", write_options->yes,
-      "do not ask before objects that turn wheels; needed where standard input is not a "
-      "terminal");
+  write->add_flag("--yes", write_options->yes,
+                  "do not ask before objects that turn wheels; needed where standard input is "
+                  "not a terminal");
   write->add_flag("--force", write_options->force,
                   "also what the data sheet calls read-only or out of limits");
   write->callback([&context, options = write_options] {

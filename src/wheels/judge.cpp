@@ -15,7 +15,8 @@ using std::chrono::nanoseconds;
 constexpr double kFollows = 0.5;  // of the target
 constexpr double kFollowsRpm = 5;
 constexpr auto kFollowTime = std::chrono::seconds(1);
-// A supervision hears the same frame a little later, and knows more: an emergency stop is not an error.
+// A supervision hears the same frame a little later, and knows more: an emergency stop is not an
+// error.
 constexpr auto kSupervisionLag = std::chrono::milliseconds(100);
 
 bool IsDisabled(const HeardOfNode& heard, std::size_t motors) {

@@ -83,7 +83,7 @@ TEST_F(KincoSpeedsTest, SpeedsBeyondTheRangeSaturate) {
 
 // --- Measured speeds -----------------------------------------------------------------------------
 
-// To the last bits but two: the counts of a revolution are not power of two.
+// To the last bits but two: the counts of a revolution are not a power of two.
 void ExpectSpeed(const Reading& reading, int node, double rpm, int counts) {
   EXPECT_TRUE(reading.result);
   EXPECT_EQ(reading.node, node);

@@ -17,7 +17,7 @@ TEST_P(OdometryBusTest, CountsEveryRevolutionWhateverTheBusDoesToReports) {
   const tested::Make& make = GetParam();
   two_wheels::Drives drives(make);
   motor_driver::Vehicle vehicle = two_wheels::VehicleOf(make);
-  // Slow machines are not fault here.
+  // A slow machine is not a fault here.
   vehicle.command_timeout = vehicle.feedback_timeout = std::chrono::seconds(5);
   vehicle.heartbeat_timeout = std::chrono::seconds(10);
   motor_driver::Wheels wheels(vehicle);

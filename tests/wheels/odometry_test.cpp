@@ -33,7 +33,6 @@ class Line {
         first_(first),
         odometry(counts_per_revolution, milliseconds(period_ms)) {}
 
-  // Periods of the drive that last longer, or shorter, than the host thinks.
   void TurnAt(double rpm) { rpm_ = rpm; }
 
   // A period passes. The report is sent at its end.
