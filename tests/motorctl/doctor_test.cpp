@@ -50,7 +50,7 @@ TEST_F(DoctorTest, NamesWhatIsWrongWithTheInterface) {
   ExpectFault(Motorctl({"doctor", "--json", "--interface", "can7"}), "interface", "failed",
               "no can7");
   ExpectFault(Motorctl({"doctor", "--json", "--interface", "lo"}), "interface", "failed",
-              "no CAN interface");
+              "not a CAN interface");
   bus::Command("ip link add vcan7 type vcan && ip link set vcan7 up");
   ExpectFault(Motorctl({"doctor", "--json", "--interface", "vcan7"}), "virtual", "warning", "vcan");
   bus::Command("ip link delete vcan7");
