@@ -17,7 +17,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr int kWriterNice = 10;
 // A write for so many, or every second.
 constexpr std::size_t kBlock = std::size_t{64} * 1024;
 constexpr int kFlushMilliseconds = 1000;

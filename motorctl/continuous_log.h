@@ -15,6 +15,9 @@
 
 namespace motorctl {
 
+// A process that writes files waits for whatever meets a bus.
+constexpr int kWriterNice = 10;
+
 class ContinuousLog {
  public:
   // `in_writer` is called in the process that writes, which closes there what is not its own.

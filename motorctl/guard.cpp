@@ -51,8 +51,8 @@ int TakeSignals(sigset_t& previous_mask) {
 }
 
 std::string EndInWords(int status) {
-  constexpr int kBySignal = 128;
-  if (status > kBySignal) return "ended by signal " + std::to_string(status - kBySignal);
+  const int signal = status - GuardedCommand::kBySignal;
+  if (signal > 0) return "ended by signal " + std::to_string(signal);
   return "ended with status " + std::to_string(status);
 }
 

@@ -30,8 +30,7 @@ std::vector<char*> Pointers(const std::vector<std::string>& words) {
 }
 
 int StatusOf(const siginfo_t& info) {
-  constexpr int kBySignal = 128;
-  return info.si_code == CLD_EXITED ? info.si_status : kBySignal + info.si_status;
+  return info.si_code == CLD_EXITED ? info.si_status : GuardedCommand::kBySignal + info.si_status;
 }
 
 bool Ends(int signal) {

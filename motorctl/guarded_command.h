@@ -21,6 +21,9 @@ class GuardedCommand {
 
   enum class State { kRunning, kStopped, kEnded };
 
+  // What a shell adds to the number of the signal that ended a command.
+  static constexpr int kBySignal = 128;
+
   // Makes this process the parent of every orphan below it.
   GuardedCommand();
   ~GuardedCommand();
@@ -42,7 +45,7 @@ class GuardedCommand {
   // true when nothing is left. `found`: something was still there at the beginning.
   bool EndAll(std::chrono::milliseconds limit, bool& found);
 
-  // Once it has ended: exit status, or 128 + signal.
+  // Once it has ended: exit status, or kBySignal + signal.
   int status() const { return status_; }
   pid_t pid() const { return pid_; }
 

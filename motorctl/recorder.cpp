@@ -28,7 +28,6 @@ constexpr int kIdleMilliseconds = 100;
 constexpr auto kLook = std::chrono::milliseconds(100);
 constexpr auto kMark = std::chrono::seconds(1);
 constexpr std::size_t kMostEvents = 2000;
-constexpr int kWriterNice = 10;
 constexpr auto kLongestFinish = std::chrono::seconds(20);
 
 std::chrono::nanoseconds Nanoseconds(double seconds) {

@@ -3,11 +3,11 @@
 #include <algorithm>
 #include <utility>
 
+#include "sim/identifiers.h"
+
 namespace sim {
 namespace {
 
-constexpr std::uint32_t kEmergencyBase = 0x080;
-constexpr std::uint32_t kHeartbeatBase = 0x700;
 constexpr std::uint32_t kHighestNodeId = 127;
 constexpr std::size_t kHistorySize = 8;
 
@@ -51,7 +51,7 @@ ErrorControl::ErrorControl(ObjectDictionary& dictionary, const std::vector<Axis>
       send_(std::move(send)) {
   dictionary.Add(0x1001, 0, 1, Access::kReadOnly).Mappable().OnRead([this] { return Register(); });
   AddHistory();
-  dictionary.Add(0x1014, 0, 4, Access::kConst, kEmergencyBase + options.node_id);
+  dictionary.Add(0x1014, 0, 4, Access::kConst, kEmergency + options.node_id);
   dictionary.Add(0x1016, 0, 1, Access::kConst, 1);
   dictionary.Add(0x1016, 1, 4, Access::kReadWrite).OnWrite([this](std::uint32_t value) {
     return SetConsumer(value);
@@ -99,7 +99,7 @@ void ErrorControl::Reset(Time now) {
 }
 
 void ErrorControl::SendBootUp() {
-  send_({kHeartbeatBase + options_.node_id, 1, {static_cast<std::uint8_t>(nmt_state_)}});
+  send_({kHeartbeat + options_.node_id, 1, {static_cast<std::uint8_t>(nmt_state_)}});
 }
 
 void ErrorControl::Receive(const Frame& frame) {
@@ -109,7 +109,7 @@ void ErrorControl::Receive(const Frame& frame) {
 bool ErrorControl::Step(Time now) {
   now_ = now;
   if (producer_.Due(now) && !heartbeats_lost_) {
-    send_({kHeartbeatBase + options_.node_id, 1, {static_cast<std::uint8_t>(nmt_state_)}});
+    send_({kHeartbeat + options_.node_id, 1, {static_cast<std::uint8_t>(nmt_state_)}});
   }
   return consumer_.Failed(now);
 }
@@ -134,14 +134,14 @@ void ErrorControl::ReportRecovery() {
 void ErrorControl::SendEmergency(std::uint16_t error_code) {
   // CiA 301: there are no emergency messages in the state stopped.
   if (nmt_state_ == NmtState::kStopped || nmt_state_ == NmtState::kPowerOff) return;
-  Frame frame{kEmergencyBase + options_.node_id, 8, {}};
+  Frame frame{kEmergency + options_.node_id, 8, {}};
   PutLittleEndian(frame.data.begin(), 2, error_code);
   frame.data[2] = Register();
   send_(frame);
 }
 
 std::uint32_t ErrorControl::WatchedId() const {
-  return consumer_.node_id() == 0 ? 0 : kHeartbeatBase + consumer_.node_id();
+  return consumer_.node_id() == 0 ? 0 : kHeartbeat + consumer_.node_id();
 }
 
 NmtState ErrorControl::StateAfterError() const {

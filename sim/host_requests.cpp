@@ -3,18 +3,10 @@
 #include <algorithm>
 #include <cstdint>
 
+#include "sim/identifiers.h"
+
 namespace sim {
 namespace {
-
-constexpr std::uint32_t kNmt = 0x000;
-constexpr std::uint32_t kSync = 0x080;
-constexpr std::uint32_t kTimeStamp = 0x100;
-constexpr std::uint32_t kFirstPdo = 0x180;
-constexpr std::uint32_t kLastPdo = 0x57F;
-constexpr std::uint32_t kSdoRequest = 0x600;
-constexpr std::uint32_t kHeartbeat = 0x700;
-constexpr std::uint32_t kFunctionMask = 0x780;
-constexpr std::uint32_t kNodeMask = 0x07F;
 
 // So many objects are asked for in turn by a host that waits for something.
 constexpr std::size_t kTurn = 8;
@@ -39,7 +31,7 @@ bool SameTarget(const Frame& left, const Frame& right) {
 }  // namespace
 
 bool HostRequests::AreRequests(std::uint32_t id) {
-  return id != kSync && id != kTimeStamp && (id < kFirstPdo || id > kLastPdo) &&
+  return id != kSync && id != kTimeStamp && (id < kFirstPdo || id >= kSdoResponse) &&
          (id & kFunctionMask) != kHeartbeat;
 }
 

@@ -5,12 +5,10 @@
 #include <string>
 #include <utility>
 
+#include "sim/identifiers.h"
+
 namespace sim {
 namespace {
-
-constexpr std::uint32_t kNmtId = 0x000;
-constexpr std::uint32_t kSyncId = 0x080;
-constexpr std::uint32_t kSdoRequestBase = 0x600;
 
 // A drive takes its time to wake up; hosts discard what comes right after the activation frame.
 constexpr Time kActivationTime = std::chrono::milliseconds(200);
@@ -74,7 +72,7 @@ void Node::SendPdo(const Frame& frame) {
 
 void Node::AddCommonObjects(const Make& make) {
   dictionary_.Add(0x1000, 0, 4, Access::kConst, kServoDrive);
-  dictionary_.Add(0x1005, 0, 4, Access::kConst, kSyncId);
+  dictionary_.Add(0x1005, 0, 4, Access::kConst, kSync);
   const auto add_text = [this](std::uint16_t index, std::string_view text) {
     dictionary_.AddString(index, 0, Access::kConst, std::string(text), text.size());
   };
@@ -132,15 +130,15 @@ void Node::Receive(const Frame& frame) {
     ReceiveActivation(frame);
     return;
   }
-  if (frame.id == kNmtId) {
+  if (frame.id == kNmt) {
     ReceiveNmt(frame);
-  } else if (frame.id == kSyncId) {
+  } else if (frame.id == kSync) {
     ++received_.sync;
     pdos_.Sync();
-  } else if (frame.id == kSdoRequestBase + options_.node_id) {
+  } else if (frame.id == kSdoRequest + options_.node_id) {
     ++received_.sdo;
     ReceiveSdo(frame, options_.node_id, server_);
-  } else if (frame.id == kSdoRequestBase && make_.has_parameter_channel) {
+  } else if (frame.id == kSdoRequest && make_.has_parameter_channel) {
     ReceiveParameterChannel(frame);
   } else {
     const PdoEngine::Receipt receipt = pdos_.Receive(frame);

@@ -1,10 +1,9 @@
 // The SDO servers of a node, with what its faults do to requests and replies.
+#include "sim/identifiers.h"
 #include "sim/node.h"
 
 namespace sim {
 namespace {
-
-constexpr std::uint32_t kSdoReplyBase = 0x580;
 
 bool NamesObject(const SdoRequest& request) {
   return request.kind != SdoRequest::Kind::kDownloadSegment &&
@@ -50,7 +49,7 @@ void Node::ReceiveSdo(const Frame& frame, std::uint8_t channel, SdoServer& serve
 
 void Node::SendSdoReply(std::uint8_t channel, const SdoBytes& bytes) {
   const SdoFaults::Reply& fault = sdo_faults_.reply();
-  Frame frame{kSdoReplyBase + channel, fault.length, bytes};
+  Frame frame{kSdoResponse + channel, fault.length, bytes};
   if (fault.wrong_index) {
     PutLittleEndian(frame.data.begin() + 1, 2, GetLittleEndian(frame.data.begin() + 1, 2) + 1);
   }

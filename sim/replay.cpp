@@ -4,17 +4,12 @@
 #include <cstdio>
 #include <utility>
 
+#include "sim/identifiers.h"
+
 namespace sim {
 namespace {
 
 using std::chrono::milliseconds;
-
-constexpr std::uint32_t kSdoAnswer = 0x580;
-constexpr std::uint32_t kSdoRequest = 0x600;
-constexpr std::uint32_t kHeartbeat = 0x700;
-constexpr std::uint32_t kFirstPdo = 0x180;
-constexpr std::uint32_t kFunctionMask = 0x780;
-constexpr std::uint32_t kNodeMask = 0x07F;
 
 // A cycle that was missed twice has ended.
 constexpr int kMissedCycles = 3;
@@ -27,7 +22,7 @@ constexpr Time kShortestSleep = milliseconds(1);
 
 bool IsCyclic(const Frame& frame) {
   if ((frame.id & kFunctionMask) == kHeartbeat) return frame.length > 0 && frame.data[0] != 0;
-  return frame.id >= kFirstPdo && frame.id < kSdoAnswer;
+  return frame.id >= kFirstPdo && frame.id < kSdoResponse;
 }
 
 std::string Seconds(Time time) {
@@ -53,7 +48,7 @@ Replay::Replay(Recording recording, Time patience)
     const std::uint32_t node = line.frame.id & kNodeMask;
     if (line.from_host && function == kSdoRequest) asked[node] = index;
     if (line.from_host) continue;
-    if (function == kSdoAnswer && asked.count(node) != 0) {
+    if (function == kSdoResponse && asked.count(node) != 0) {
       answers_[asked[node]].push_back(index);
       is_answer_[index] = true;
       continue;
