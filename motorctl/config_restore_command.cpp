@@ -63,7 +63,7 @@ class Restore {
       context_.Say(Place(moved->index, moved->sub) + " is taken with the node-ID " +
                    std::to_string(options_.node));
     }
-    const Config drive = session.ReadObjects(file_);
+    const Config drive = WhatItHolds(session);
     const ConfigPlan plan = PlanRestore(drive, file_, options_.rules);
     Show(plan);
     RequireNothingMissing(plan);
@@ -92,6 +92,15 @@ class Restore {
     const std::uint32_t cob_id = LittleEndian(
         object.bytes.data(), static_cast<unsigned>(std::min<std::size_t>(object.bytes.size(), 4)));
     if (const auto identifier = IdentifierOf(cob_id)) device.Watch(*identifier);
+  }
+
+  // Called before anything is written.
+  Config WhatItHolds(ConfigSession& session) const {
+    try {
+      return session.ReadObjects(file_);
+    } catch (const CommandFailed& failed) {
+      throw CommandFailed(std::string(failed.what()) + "; nothing was written");
+    }
   }
 
   // Returns what the drive says about itself.
@@ -132,7 +141,7 @@ class Restore {
     if (why.empty() && !DifferentSerial(identity, found.identity).empty()) {
       why = "it is another drive now";
     }
-    const Config now = session.ReadObjects(file_);
+    const Config now = WhatItHolds(session);
     for (const ConfigDifference& difference : Differences(drive, now)) {
       const ConfigObject& object = difference.any();
       if (why.empty() && NeverRestored(object, file_, options_.rules).empty()) {

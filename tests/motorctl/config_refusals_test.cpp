@@ -10,7 +10,23 @@
 
 namespace {
 
-class RestoreRefusalTest : public ChangedDriveTest {};
+class RestoreRefusalTest : public ChangedDriveTest {
+ protected:
+  Result RestoreWhileSent(const std::string& frame) {
+    std::atomic<bool> ended{false};
+    std::thread host([&] {
+      bus::FarEnd end("can1");
+      while (!ended) {
+        end.Send(frame);
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+      }
+    });
+    const Result result = Restore();
+    ended = true;
+    host.join();
+    return result;
+  }
+};
 
 TEST_F(RestoreRefusalTest, RefusesADriveThatIsEnabled) {
   const auto drive = Changed();
@@ -73,21 +89,30 @@ TEST_F(RestoreRefusalTest, RefusesAnotherProductOrRevision) {
 TEST_F(RestoreRefusalTest, RefusesWhileAnotherHostDrives) {
   const auto drive = Changed();
   for (const char* frame : {"201#0000000000000000", "601#4000100000000000"}) {
-    std::atomic<bool> ended{false};
-    std::thread host([&] {
-      bus::FarEnd end("can1");
-      while (!ended) {
-        end.Send(frame);
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-      }
-    });
-    const Result result = Restore();
-    ended = true;
-    host.join();
+    const Result result = RestoreWhileSent(frame);
     EXPECT_EQ(result.status, 1) << frame;
     EXPECT_TRUE(Contains(result.err, "another ")) << result.err;
     EXPECT_TRUE(Contains(result.err, "nothing was written")) << result.err;
     EXPECT_EQ(Held(*drive), changed_);
+  }
+}
+
+// An identifier of the predefined set would be heard anyway.
+TEST_F(RestoreRefusalTest, RefusesWhileAnotherHostSendsWhatTheDriveIsToReceive) {
+  sim::SimulatedDrive drive(Options("zl"));
+  const auto receive_by = [&drive](std::uint32_t cob_id) {
+    EXPECT_EQ(drive.WriteObject(0x1400, 1, 0x80000201), sim::AbortCode::kNone);
+    EXPECT_EQ(drive.WriteObject(0x1400, 1, cob_id), sim::AbortCode::kNone);
+  };
+  for (const std::uint32_t cob_id : {0x000002C5U, 0x400002C5U}) {  // bit 30: no remote requests
+    receive_by(cob_id);
+    ASSERT_EQ(Save().status, 0);
+    receive_by(0x00000201);
+    const Result result = RestoreWhileSent("2C5#0000000000000000");
+    EXPECT_EQ(result.status, 1);
+    EXPECT_TRUE(Contains(result.err, "another host drives node 1: PDO 0x2C5 comes")) << result.err;
+    EXPECT_TRUE(Contains(result.err, "nothing was written")) << result.err;
+    EXPECT_EQ(drive.ReadObject(0x1400, 1), 0x00000201U);
   }
 }
 
