@@ -1,9 +1,12 @@
 // A drive that is saved, and then changed as another engineer would leave it.
 #pragma once
 
+#include <atomic>
+#include <chrono>
 #include <map>
 #include <memory>
 #include <string>
+#include <thread>
 #include <tuple>
 #include <utility>
 #include <vector>
@@ -50,6 +53,22 @@ class ChangedDriveTest : public ConfigBench {
     Change(*drive);
     changed_ = Held(*drive);
     return drive;
+  }
+
+  // While this host sends the frame again and again.
+  template <typename Host>
+  Result RestoreBeside(Host& host, const std::string& frame) {
+    std::atomic<bool> ended{false};
+    std::thread sending([&] {
+      while (!ended) {
+        host.Send(frame);
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+      }
+    });
+    const Result result = Restore();
+    ended = true;
+    sending.join();
+    return result;
   }
 
   void ExpectRefusal(const std::string& reason, const Arguments& more = {}) {

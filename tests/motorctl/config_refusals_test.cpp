@@ -13,18 +13,8 @@ namespace {
 class RestoreRefusalTest : public ChangedDriveTest {
  protected:
   Result RestoreWhileSent(const std::string& frame) {
-    std::atomic<bool> ended{false};
-    std::thread host([&] {
-      bus::FarEnd end("can1");
-      while (!ended) {
-        end.Send(frame);
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-      }
-    });
-    const Result result = Restore();
-    ended = true;
-    host.join();
-    return result;
+    bus::FarEnd host("can1");
+    return RestoreBeside(host, frame);
   }
 };
 

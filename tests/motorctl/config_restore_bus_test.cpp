@@ -5,10 +5,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <map>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "changed_drive.h"
@@ -115,17 +113,8 @@ TEST_F(RestoreTest, HearsAHostOfThisMachineThatDoesNotHearItself) {
       // The same that we ask for ourselves.
       {"601#4018100100000000", "another program writes or reads objects of node 1"}};
   for (const auto& [frame, reason] : frames) {
-    std::atomic<bool> ended{false};
-    std::thread host([&ended, frame = frame] {
-      const UnheardHost unheard;
-      while (!ended) {
-        unheard.Send(frame);
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-      }
-    });
-    const Result refused = Restore();
-    ended = true;
-    host.join();
+    const UnheardHost host;
+    const Result refused = RestoreBeside(host, frame);
     EXPECT_EQ(refused.status, 1) << frame;
     EXPECT_TRUE(Contains(refused.err, reason)) << refused.err;
     EXPECT_EQ(Held(*drive), changed_);
