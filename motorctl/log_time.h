@@ -20,6 +20,12 @@ constexpr std::int64_t kLatestLogTime = 4'000'000'000'000'000'000;
 // "1690000000.123456" or "2026-11-22 01:45:08.365098" in nanoseconds. False when it is neither.
 bool ParseLogTime(std::string_view text, std::int64_t& nanoseconds, LogClock& clock);
 
+// What is less than a microsecond is left out.
+constexpr double WholeMicroseconds(std::int64_t nanoseconds) {
+  const std::int64_t whole = nanoseconds / 1000;
+  return static_cast<double>(whole);
+}
+
 // "0.012", "+0.012", "-3.000"; rounded.
 std::string SecondsText(std::int64_t nanoseconds, bool sign = false);
 

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <vector>
 
+#include "log_time.h"
 #include "report_output.h"
 
 namespace motorctl {
@@ -28,7 +29,7 @@ std::string Cell(std::string text) {
 
 std::string Seconds(std::int64_t nanoseconds) {
   char text[32];
-  std::snprintf(text, sizeof(text), "%.6f", static_cast<double>(nanoseconds / 1000) / 1e6);
+  std::snprintf(text, sizeof(text), "%.6f", WholeMicroseconds(nanoseconds) / 1e6);
   return text;
 }
 

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
+#include "log_time.h"
 #include "report_output.h"
 
 namespace motorctl {
@@ -33,11 +34,9 @@ class JsonReport {
     text_ += line.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
   }
 
-  static double Rounded(std::int64_t nanoseconds) {
-    return static_cast<double>(nanoseconds / 1000) / 1e6;
-  }
+  static double Rounded(std::int64_t nanoseconds) { return WholeMicroseconds(nanoseconds) / 1e6; }
   static double Milliseconds(std::int64_t nanoseconds) {
-    return static_cast<double>(nanoseconds / 1000) / 1e3;
+    return WholeMicroseconds(nanoseconds) / 1e3;
   }
   // From the zero of the report.
   Json Second(std::int64_t nanoseconds) const {

@@ -119,7 +119,7 @@ void NodeWatch::HearObject(int node, const KeptFrame& frame, std::uint16_t index
   if (index != kErrorCode && index != kStatusword) return;
   const int motors = make_ == nullptr ? 1 : static_cast<int>(make_->motors);
   for (int motor = 0; motor < motors; ++motor) {
-    const auto half = static_cast<std::uint16_t>(value >> (16 * motor));
+    const auto half = static_cast<std::uint16_t>(motor == 0 ? value : value >> 16U);
     if (index == kErrorCode) {
       HearErrorCode(node, motor, frame, half);
     } else {

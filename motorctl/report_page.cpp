@@ -5,6 +5,7 @@
 #include <cmath>
 #include <nlohmann/json.hpp>
 
+#include "log_time.h"
 #include "report_output.h"
 #include "speed_curve.h"
 
@@ -65,7 +66,7 @@ class PageData {
  private:
   // From the zero of the report.
   double Milliseconds(std::int64_t nanoseconds) const {
-    return static_cast<double>((nanoseconds - of_.report.zero) / 1000) / 1000;
+    return WholeMicroseconds(nanoseconds - of_.report.zero) / 1e3;
   }
 
   // Differences are short: time in tenths of ms, value in tenths of rpm, of each point after the

@@ -84,8 +84,8 @@ class NodeWatch {
       : report_(report), make_(make), findings_(findings), streams_(streams) {}
 
   void HearNmt(const KeptFrame& frame);
-  void HearHeartbeat(int node, const KeptFrame& frame);
-  void HearEmergency(int node, const KeptFrame& frame);
+  void HearHeartbeat(int id, const KeptFrame& frame);
+  void HearEmergency(int id, const KeptFrame& frame);
   void HearPdo(int node, std::uint32_t base, const KeptFrame& frame);
   // An object that was read or written by SDO.
   void HearObject(int node, const KeptFrame& frame, std::uint16_t index, std::uint32_t value,
@@ -105,9 +105,9 @@ class NodeWatch {
   };
 
   bool WasTold(const Node& node, const KeptFrame& frame) const;
-  void HearStatusword(int node, int motor, const KeptFrame& frame, std::uint16_t value);
-  void HearErrorCode(int node, int motor, const KeptFrame& frame, std::uint16_t code);
-  void HearInputs(int node, const KeptFrame& frame, std::uint32_t value);
+  void HearStatusword(int id, int motor, const KeptFrame& frame, std::uint16_t value);
+  void HearErrorCode(int id, int motor, const KeptFrame& frame, std::uint16_t code);
+  void HearInputs(int id, const KeptFrame& frame, std::uint32_t value);
   // True when the stop begins or is over.
   bool HearStop(int id, int motor, const KeptFrame& frame, bool stopped, const char* state);
 

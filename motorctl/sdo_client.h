@@ -119,9 +119,9 @@ class SdoClient {
   bool Abort(const SdoObject& object, std::uint32_t code);
   bool GiveUp(const SdoObject& object, std::uint32_t code, SdoAnswer& answer);
   bool Interrupted() const { return interrupted_ && interrupted_(); }
-  bool Send(int node, const Frame& frame);
+  bool Send(int node, const Frame& data);
   // The next frame of the node; false when none came until then, or when it is interrupted.
-  bool Hear(int node, Clock::time_point until, Frame& frame);
+  bool Hear(int node, Clock::time_point until, Frame& data);
 
   RawSocket socket_;
   std::chrono::milliseconds timeout_;

@@ -24,6 +24,7 @@ Bytes EncodeValue(const std::string& type, const std::string& text);
 
 // What was read; hex of more than four bytes as EncodeValue takes it. Throws CommandFailed where it
 // does not fit into a number.
+// NOLINTNEXTLINE(bugprone-exception-escape): moving a JSON value does not throw
 struct DecodedValue {
   nlohmann::ordered_json json;
   std::string text;

@@ -16,10 +16,10 @@ int HexDigit(char c) {
 }
 
 // `mark` and that many hexadecimal digits behind a backslash at the front of the text.
-std::optional<unsigned> Escaped(std::string_view text, char mark, unsigned digits) {
+std::optional<unsigned> Escaped(std::string_view text, char mark, std::size_t digits) {
   if (text.size() < 2 + digits || text[0] != '\\' || text[1] != mark) return std::nullopt;
   unsigned unit = 0;
-  for (unsigned i = 0; i < digits; ++i) {
+  for (std::size_t i = 0; i < digits; ++i) {
     const int digit = HexDigit(text[2 + i]);
     if (digit < 0) return std::nullopt;
     unit = unit << 4 | static_cast<unsigned>(digit);
@@ -41,7 +41,7 @@ Bytes ParseText(std::string_view text, const Units& units) {
       throw ValueError("a character that is not printable ASCII; write it as \\" +
                        std::string(1, units.mark) + std::string(2 * units.bytes, 'N'));
     }
-    for (unsigned i = 0; i < units.bytes; ++i) {
+    for (std::size_t i = 0; i < units.bytes; ++i) {
       bytes.push_back(static_cast<std::uint8_t>(unit >> (8 * i)));
     }
     text.remove_prefix(taken);
@@ -84,7 +84,8 @@ Bytes ParseOctets(std::string_view text) {
   }
   Bytes bytes;
   for (std::size_t i = 0; i < digits.size(); i += 2) {
-    bytes.push_back(static_cast<std::uint8_t>(HexDigit(digits[i]) << 4 | HexDigit(digits[i + 1])));
+    bytes.push_back(static_cast<std::uint8_t>(static_cast<unsigned>(HexDigit(digits[i])) << 4U |
+                                              static_cast<unsigned>(HexDigit(digits[i + 1]))));
   }
   return bytes;
 }

@@ -1,6 +1,7 @@
 // The values of data_types.h that have no number: rows of characters and of bytes.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 
@@ -11,7 +12,7 @@ namespace motorctl {
 // A string of bytes is written with \xNN, one of 16-bit units with \uNNNN.
 struct Units {
   char mark;
-  unsigned bytes;
+  std::size_t bytes;
 };
 constexpr Units kByteUnits = {'x', 1};
 constexpr Units kUnicodeUnits = {'u', 2};

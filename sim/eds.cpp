@@ -23,6 +23,7 @@ constexpr unsigned kRecord = 9;
 using Subs = std::vector<std::uint8_t>;
 
 std::string Format(const char* format, ...) __attribute__((format(printf, 1, 2)));
+// NOLINTNEXTLINE(cert-dcl50-cpp): the compiler checks what is passed
 std::string Format(const char* format, ...) {
   char text[64];
   std::va_list arguments;

@@ -104,7 +104,8 @@ AbortCode ObjectDictionary::Download(std::uint16_t index, std::uint8_t sub, unsi
 
 AbortCode ObjectDictionary::Download(std::uint16_t index, std::uint8_t sub, const Bytes& bytes) {
   const AbortCode refused = MayDownload(index, sub, bytes.size());
-  return refused == AbortCode::kNone ? Find(index, sub).object->WriteBytes(bytes) : refused;
+  Object* const object = Find(index, sub).object;
+  return refused != AbortCode::kNone || object == nullptr ? refused : object->WriteBytes(bytes);
 }
 
 const Object& ObjectDictionary::At(std::uint16_t index, std::uint8_t sub) const {

@@ -6,7 +6,7 @@
 
 namespace sim {
 
-using namespace pdo;
+using namespace pdo;  // NOLINT(google-build-using-namespace): what this is about
 
 namespace {
 

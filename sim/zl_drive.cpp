@@ -23,9 +23,9 @@ void AddCommonObjects(ObjectDictionary& dictionary, std::vector<Axis>& axes) {
   dictionary.Add(0x603F, 0, 4, Access::kReadOnly).Mappable().OnRead([&axes] {
     return Join(axes[0].error_code(), axes[1].error_code());
   });
-  AddModeObjects(dictionary, {&axes[0], &axes[1]},
+  AddModeObjects(dictionary, {&axes.front(), &axes.back()},
                  {Axis::kProfilePosition, Axis::kProfileVelocity});
-  AddStopObjects(dictionary, {&axes[0], &axes[1]});
+  AddStopObjects(dictionary, {&axes.front(), &axes.back()});
 }
 
 void AddMotorObjects(ObjectDictionary& dictionary, std::uint8_t sub, Axis& axis) {

@@ -19,7 +19,7 @@
 namespace {
 
 class DescriptorLimitTest : public bus::BusTest {
- protected:
+ public:
   DescriptorLimitTest() {
     ::getrlimit(RLIMIT_NOFILE, &before_);
     std::vector<int> below;
@@ -34,6 +34,7 @@ class DescriptorLimitTest : public bus::BusTest {
   }
   ~DescriptorLimitTest() override { Allow(before_.rlim_cur); }
 
+ protected:
   void Allow(rlim_t count) {
     const rlimit limit = {count, before_.rlim_max};
     EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);

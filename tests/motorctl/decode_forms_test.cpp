@@ -86,8 +86,7 @@ TEST(DecodeFormsTest, SaysWhatIsAboutFrames) {
 
 TEST(DecodeFormsTest, TakesNothingElseForANote) {
   for (const char* line : {"\tbus-offs", "\tbus-off{", "bus-off", "\tfoo",
-                           "DROPCOUNT: dropped x CAN frames on 'c' "
-                           "socket (total drops 1)",
+                           "DROPCOUNT: dropped x CAN frames on 'c' socket (total drops 1)",
                            "DROPCOUNT: dropped 1 CAN frames on 'c' socket",
                            "DROPCOUNT:", "base oct timestamps absolute", "base hex", "0.5",
                            "0.5 1 2 3", "x 1 Statistic: D 0"}) {

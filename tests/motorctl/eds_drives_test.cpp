@@ -195,7 +195,7 @@ TEST_P(EdsOfDriveTest, NothingElseAnswers) {
   for (unsigned index = 0x1000; index < 0x7000; ++index) {
     const auto place = static_cast<std::uint16_t>(index);
     if (indices.count(place) == 0) {
-      absent.push_back({place, 0});
+      absent.emplace_back(place, 0);
       continue;
     }
     for (unsigned sub = 0; sub < 0x100; ++sub) {

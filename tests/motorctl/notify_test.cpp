@@ -23,7 +23,7 @@ constexpr const char* kAlive = "WATCHDOG=1";
 constexpr const char* kOff = "X_WHEELS=OFF";
 
 class NotifyTest : public ::testing::Test {
- protected:
+ public:
   NotifyTest() : socket_(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
@@ -47,6 +47,7 @@ class NotifyTest : public ::testing::Test {
     ::unsetenv("WATCHDOG_USEC");
   }
 
+ protected:
   // What comes within this time, from now on.
   std::vector<std::string> Heard(milliseconds time) {
     Arrived();

@@ -74,8 +74,9 @@ TEST(ReportFindingsTest, TellsThePhasesOfAnEmergencyStop) {
           "     -1.000   node 1: Emergency stop -> Operation enabled",
           "     +0.000 ! node 1: emergency stop",
           "     +0.000   node 1: digital inputs 0x0001",
-          "     +2.000   node 1: digital inputs 0x0000, all released while the drive shows the "
-          "emergency stop",
+          std::string(
+              "     +2.000   node 1: digital inputs 0x0000, all released while the drive ") +
+              "shows the emergency stop",
           "     +3.500   node 1: emergency stop is over: Operation enabled, after 3.500 s",
       }));
 }
@@ -139,10 +140,10 @@ TEST(ReportFindingsTest, TellsPdosAndCommandsThatAreMissing) {
           "     +0.000 ! no TPDO1 of node 1 for 1.020 s",
           "              last command: node 1 60.0 rpm 0.015 s before, measured 0.0 rpm",
           "                            node 2 0.0 rpm 0.014 s before",
-          "     +1.505 ! no target velocity to node 1, the last one was not zero, for 0.495 s, "
-          "to the end of the log",
-          "     +1.506   no target velocity to node 2, the last one was zero, for 0.494 s, to "
-          "the end of the log",
+          std::string("     +1.505 ! no target velocity to node 1, the last one was not zero, ") +
+              "for 0.495 s, to the end of the log",
+          std::string("     +1.506   no target velocity to node 2, the last one was zero, for ") +
+              "0.494 s, to the end of the log",
       }));
   // What a host stops on purpose is not missing, nor what it lays out otherwise.
   EXPECT_EQ(Happened(Merged({Repeated("181#00000000", 0, 3000, 20),

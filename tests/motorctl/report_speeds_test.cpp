@@ -48,7 +48,8 @@ TEST_P(ReportSpeedsTest, KnowsWhatASpeedIsIn) {
       Merged({{make.command}, Turning("181", make.before, make.direction * make.counts / 50)});
   const Lines wheels = PartOf(TextOf(log, {make.make}), "Wheels");
   ASSERT_EQ(wheels.size(), 1U);
-  const double rpm = 60.0 * (make.counts / 50) * 50 / make.counts;  // what a whole count leaves
+  const auto counts_per_cycle = make.counts / 50;
+  const double rpm = 60.0 * counts_per_cycle * 50 / make.counts;  // what a whole count leaves
   char expected[200];
   std::snprintf(
       expected, sizeof(expected),

@@ -59,7 +59,7 @@ TEST_F(PositioningTest, TurnsToTheTargetWithinSpeedAndRampsAndStopsThereExactly)
   EXPECT_DOUBLE_EQ(Speed(), 0.0);
   EXPECT_DOUBLE_EQ(highest, 110.0);
   // 10 revolutions at 110 rpm, and half a second more for each ramp's half.
-  EXPECT_NEAR(milliseconds, 10 * 60000 / 110 + 500, 100);
+  EXPECT_NEAR(milliseconds, 10 * 60000.0 / 110 + 500, 100);
   Advance(100);
   EXPECT_EQ(Position(), 327680);
 }
@@ -146,7 +146,7 @@ TEST_F(PositioningTest, ATargetTooCloseToStopAtIsPassedAndReachedFromBehind) {
   Target(target);
   Start("3F");
   Advance(1000);
-  EXPECT_NEAR(Position(), target + 32768 * 5 / 6, 500) << "100 rpm take 5/6 of a revolution";
+  EXPECT_NEAR(Position(), target + 32768 * 5 / 6.0, 500) << "100 rpm take 5/6 of a revolution";
   Advance(5000);
   EXPECT_EQ(Position(), target);
 }

@@ -8,7 +8,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <stdexcept>
 #include <string>
 
 #include "bus_environment.h"
@@ -22,7 +21,8 @@ class OwnDirectory {
   OwnDirectory() {
     std::string name = ::testing::TempDir() + "/bus_test.XXXXXX";
     if (::mkdtemp(name.data()) == nullptr) {
-      throw std::runtime_error("no directory of its own: " + name);
+      std::perror(name.c_str());
+      std::exit(EXIT_FAILURE);
     }
     path_ = name;
     setenv("TEST_TMPDIR", name.c_str(), 1);

@@ -12,7 +12,6 @@ namespace {
 
 using motor_driver::Fault;
 using motor_driver::State;
-using motor_driver::Vehicle;
 using motor_driver::Wheels;
 using std::chrono::milliseconds;
 using std::chrono::seconds;

@@ -13,7 +13,6 @@ namespace {
 using motor_driver::Fault;
 using motor_driver::Report;
 using motor_driver::State;
-using motor_driver::Vehicle;
 using motor_driver::WheelReport;
 using motor_driver::Wheels;
 using std::chrono::milliseconds;

@@ -33,13 +33,14 @@ const std::string kKeys =
     "max_acceleration, max_deceleration, counts_per_revolution, texts and realtime_priority";
 
 class VehicleFileTest : public ::testing::Test {
- protected:
+ public:
   VehicleFileTest() {
     std::string name = ::testing::TempDir() + "vehicleXXXXXX";
     directory_ = ::mkdtemp(name.data());
   }
   ~VehicleFileTest() override { std::filesystem::remove_all(directory_); }
 
+ protected:
   std::string Path() const { return directory_ + "/vehicle.yaml"; }
 
   Vehicle Load(const std::string& text) const {
