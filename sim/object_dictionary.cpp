@@ -104,8 +104,7 @@ AbortCode ObjectDictionary::Download(std::uint16_t index, std::uint8_t sub, unsi
 
 AbortCode ObjectDictionary::Download(std::uint16_t index, std::uint8_t sub, const Bytes& bytes) {
   const AbortCode refused = MayDownload(index, sub, bytes.size());
-  Object* const object = Find(index, sub).object;
-  return refused != AbortCode::kNone || object == nullptr ? refused : object->WriteBytes(bytes);
+  return refused == AbortCode::kNone ? objects_.at({index, sub}).WriteBytes(bytes) : refused;
 }
 
 const Object& ObjectDictionary::At(std::uint16_t index, std::uint8_t sub) const {

@@ -98,8 +98,10 @@ TEST_F(RestoreRefusalTest, RefusesWhileAnotherHostSendsWhatTheDriveIsToReceive) 
     receive_by(cob_id);
     ASSERT_EQ(Save().status, 0);
     receive_by(0x00000201);
+    bus::FarEnd record;
     const Result result = RestoreWhileSent("2C5#0000000000000000");
     EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(NotReads(record.Frames()), std::vector<std::string>());
     EXPECT_TRUE(Contains(result.err, "another host drives node 1: PDO 0x2C5 comes")) << result.err;
     EXPECT_TRUE(Contains(result.err, "nothing was written")) << result.err;
     EXPECT_EQ(drive.ReadObject(0x1400, 1), 0x00000201U);
